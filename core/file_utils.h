@@ -1,0 +1,26 @@
+// Single-shot access to kernel nodes: open, one system call, close. Used by every module that reads
+// or writes a node. No state, callable from any thread; nothing retries or waits.
+
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+enum FileResult : int {
+  kFileCannotOpen = -1,
+  kFileWriteFailed = -3,  // refused by the kernel, or nothing written
+  kFileNoPath = -4,       // null path (or null text)
+};
+
+// Writes value as a signed decimal and a line feed ("%d\n"). Returns the bytes written (2 or more)
+// or a FileResult.
+int file_write_int(const char* path, uint32_t value);
+
+// Writes text without its terminator and with nothing appended. Returns the bytes written (1 or
+// more) or a FileResult; the empty text counts as a failed write.
+int file_write_string(const char* path, const char* text);
+
+// Reads up to count bytes into buffer, which is not terminated: the caller clears it first and
+// passes a count below its size. Returns the bytes read, 0 or a negative number when there is
+// nothing to read, kFileCannotOpen (without a log line) or kFileNoPath.
+int file_read_string(const char* path, char* buffer, int count);

@@ -1,0 +1,109 @@
+// Module registry and command table; see registry.h.
+
+#include "core/registry.h"
+
+#include <stdlib.h>
+
+#include "core/log.h"
+#include "core/serial.h"
+
+#define TAG "[FTM-AT]"
+
+AtCommand at_command_table = {.next = &at_command_table,
+                              .prev = &at_command_table,
+                              .short_name = nullptr,
+                              .command = nullptr,
+                              .handler = nullptr};
+AtModule at_init_list[kModuleLevels];
+AtModule at_exit_list[kModuleLevels];
+
+template <typename Node>
+static void append(Node* head, Node* node) {
+  node->next = head;
+  node->prev = head->prev;
+  head->prev->next = node;
+  head->prev = node;
+}
+
+// The heads are made by the first registration: it happens in a constructor, when nothing else of
+// the program may have run yet.
+static void make_empty_once(AtModule* lists, bool* made) {
+  if (*made) {
+    return;
+  }
+  for (uint32_t level = 0; level < kModuleLevels; ++level) {
+    lists[level].next = &lists[level];
+    lists[level].prev = &lists[level];
+  }
+  *made = true;
+}
+
+static intptr_t add_module(AtModule* lists, const char* caller, void (*function)(),
+                           uint32_t level) {
+  auto* module = static_cast<AtModule*>(malloc(sizeof(AtModule)));
+  if (module == nullptr) {
+    return FTM_LOGD(TAG "%s : malloc is error\n", caller);
+  }
+  module->function = function;
+  module->level = level;
+  append(&lists[level], module);
+  return reinterpret_cast<intptr_t>(module);
+}
+
+intptr_t at_module_init_register(void (*function)(), uint32_t level) {
+  static bool made = false;
+  make_empty_once(at_init_list, &made);
+  // The two range tests differ on purpose (8 here, 7 for exits). Level 7 has no list: it is refused
+  // below like level 8.
+  if (level >= 8 || level >= kModuleLevels) {
+    return FTM_LOGD(TAG "%s : level is error : %d\n", __func__, level);
+  }
+  return add_module(at_init_list, __func__, function, level);
+}
+
+intptr_t at_module_exit_register(void (*function)(), uint32_t level) {
+  static bool made = false;
+  make_empty_once(at_exit_list, &made);
+  if (level >= kModuleLevels) {
+    return FTM_LOGD(TAG "%s : level is error : %d\n", __func__, level);
+  }
+  return add_module(at_exit_list, __func__, function, level);
+}
+
+void at_register(AtCommand* row) {
+  append(&at_command_table, row);
+}
+
+static void run_all(AtModule* lists) {
+  for (uint32_t level = 0; level < kModuleLevels; ++level) {
+    for (AtModule* module = lists[level].next; module != &lists[level]; module = module->next) {
+      module->function();
+    }
+  }
+}
+
+static void free_all(AtModule* head) {
+  while (head->next != head) {
+    AtModule* module = head->next;
+    module->prev->next = module->next;
+    module->next->prev = module->prev;
+    free(module);
+  }
+}
+
+void ftm_at_init() {
+  FTM_LOGD(TAG "%s start\n", __func__);
+  run_all(at_init_list);
+  FTM_LOGD(TAG "%s end\n", __func__);
+}
+
+void ftm_at_deinit() {
+  FTM_LOGD(TAG "%s start\n", __func__);
+  at_forget_port();
+  run_all(at_exit_list);
+  for (uint32_t level = 0; level < kModuleLevels; ++level) {
+    free_all(&at_init_list[level]);
+    free_all(&at_exit_list[level]);
+  }
+  FTM_LOGD(TAG "%s end\n", __func__);
+}
