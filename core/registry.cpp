@@ -16,6 +16,8 @@ AtCommand at_command_table = {.next = &at_command_table,
                               .handler = nullptr};
 AtModule at_init_list[kModuleLevels];
 AtModule at_exit_list[kModuleLevels];
+static bool init_lists_made = false;
+static bool exit_lists_made = false;
 
 template <typename Node>
 static void append(Node* head, Node* node) {
@@ -51,8 +53,7 @@ static intptr_t add_module(AtModule* lists, const char* caller, void (*function)
 }
 
 intptr_t at_module_init_register(void (*function)(), uint32_t level) {
-  static bool made = false;
-  make_empty_once(at_init_list, &made);
+  make_empty_once(at_init_list, &init_lists_made);
   // The two range tests differ on purpose (8 here, 7 for exits). Level 7 has no list: it is refused
   // below like level 8.
   if (level >= 8 || level >= kModuleLevels) {
@@ -62,8 +63,7 @@ intptr_t at_module_init_register(void (*function)(), uint32_t level) {
 }
 
 intptr_t at_module_exit_register(void (*function)(), uint32_t level) {
-  static bool made = false;
-  make_empty_once(at_exit_list, &made);
+  make_empty_once(at_exit_list, &exit_lists_made);
   if (level >= kModuleLevels) {
     return FTM_LOGD(TAG "%s : level is error : %d\n", __func__, level);
   }
@@ -93,6 +93,7 @@ static void free_all(AtModule* head) {
 
 void ftm_at_init() {
   FTM_LOGD(TAG "%s start\n", __func__);
+  make_empty_once(at_init_list, &init_lists_made);  // a daemon without modules has registered none
   run_all(at_init_list);
   FTM_LOGD(TAG "%s end\n", __func__);
 }
@@ -100,6 +101,8 @@ void ftm_at_init() {
 void ftm_at_deinit() {
   FTM_LOGD(TAG "%s start\n", __func__);
   at_forget_port();
+  make_empty_once(at_init_list, &init_lists_made);
+  make_empty_once(at_exit_list, &exit_lists_made);
   run_all(at_exit_list);
   for (uint32_t level = 0; level < kModuleLevels; ++level) {
     free_all(&at_init_list[level]);

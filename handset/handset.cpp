@@ -1,0 +1,362 @@
+// The handset: root, daemon process and the routing of trapped calls; see handset.h.
+
+#include "handset/handset.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <thread>
+
+#include "handset/profile.h"
+#include "handset/stage.h"
+
+namespace fs = std::filesystem;
+
+static const char kSerialTty[] = "/dev/ttyMSM0";
+static const char kProgramCalls[] = "/data/program_calls";
+
+static std::runtime_error system_error(const std::string& what) {
+  return std::runtime_error(what + ": " + strerror(errno));
+}
+
+Handset::Handset(const Options& options) : clock(options.time_factor) {
+  std::string base = (fs::temp_directory_path() / "handset.XXXXXX").string();
+  if (mkdtemp(base.data()) == nullptr) {
+    throw system_error("cannot make a folder for the phone");
+  }
+  base_ = base;
+  lay_root();
+  lay_profile(FTM_PROFILE, base_ / "root", &nodes);
+  if (!options.profile.empty()) {
+    lay_profile(options.profile, base_ / "root", &nodes);
+  }
+  modules.set_loaded("cfg80211", true);
+
+  supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
+  supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
+  supervisor_.handle(SYS_read, [this](const TrappedCall& call) { return on_read(call); });
+  supervisor_.handle(SYS_write, [this](const TrappedCall& call) { return on_write(call); });
+  supervisor_.handle(SYS_clock_nanosleep,
+                     [this](const TrappedCall& call) { return clock.clock_nanosleep(call); });
+  supervisor_.handle(SYS_init_module,
+                     [this](const TrappedCall& call) { return modules.init_module(call); });
+  supervisor_.handle(SYS_finit_module,
+                     [this](const TrappedCall& call) { return modules.finit_module(call); });
+  supervisor_.handle(SYS_delete_module,
+                     [this](const TrappedCall& call) { return modules.delete_module(call); });
+}
+
+Handset::~Handset() {
+  stop();
+  std::error_code ignored;
+  fs::remove_all(base_, ignored);
+}
+
+// What every phone has, whatever its profile says.
+void Handset::lay_root() {
+  const fs::path root = base_ / "root";
+  for (const char* folder :
+       {".nodes", ".proc", "sys", "proc", "usr", "dev/__properties__", "tmp", "odm/etc",
+        "vendor/bin", "system", "mnt/vendor", "data", "cache", "persist", "d"}) {
+    fs::create_directories(root / folder);
+  }
+  for (const char* folder : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
+    const fs::path on_host = fs::path("/") / folder;
+    if (fs::is_symlink(on_host)) {
+      fs::copy_symlink(on_host, root / folder);
+    } else if (fs::is_directory(on_host)) {
+      fs::create_directory(root / folder);
+    }
+  }
+  // Places for binds.
+  for (const char* file :
+       {"dev/null", "dev/zero", "dev/full", "dev/urandom", "dev/ttyMSM0", "vendor/bin/ftmd"}) {
+    std::ofstream(root / file).flush();
+  }
+}
+
+fs::path Handset::path(const std::string& phone_path) const {
+  return base_ / "root" / fs::path(phone_path).relative_path();
+}
+
+void Handset::write_file(const std::string& phone_path, const std::string& content) {
+  fs::create_directories(path(phone_path).parent_path());
+  std::ofstream(path(phone_path), std::ios::binary) << content;
+}
+
+static std::optional<std::string> read_whole(const fs::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream) {
+    return std::nullopt;
+  }
+  return std::string{std::istreambuf_iterator<char>(stream), {}};
+}
+
+std::optional<std::string> Handset::read_file(const std::string& phone_path) const {
+  return read_whole(path(phone_path));
+}
+
+void Handset::set_property(const std::string& name, const std::string& value) {
+  // Written aside and renamed, as the daemon's own property calls do it.
+  const fs::path folder = path("/dev/__properties__");
+  std::ofstream(folder / ".handset") << value;
+  fs::rename(folder / ".handset", folder / name);
+}
+
+std::optional<std::string> Handset::property(const std::string& name) const {
+  return read_file("/dev/__properties__/" + name);
+}
+
+std::string Handset::log() const {
+  return read_whole(base_ / "log").value_or("");
+}
+
+std::string Handset::output() const {
+  return read_whole(base_ / "output").value_or("");
+}
+
+std::vector<std::string> Handset::program_calls() const {
+  std::ifstream stream(path(kProgramCalls));
+  std::vector<std::string> calls;
+  for (std::string line; std::getline(stream, line);) {
+    calls.push_back(line);
+  }
+  return calls;
+}
+
+void Handset::add_device(const std::string& phone_path, Device* device) {
+  devices_[phone_path] = device;
+  write_file(phone_path, "");  // for those who list the folder or look the file up
+}
+
+void Handset::remove_device(const std::string& phone_path) {
+  devices_.erase(phone_path);
+  fs::remove(path(phone_path));
+}
+
+// The daemon's environment: the stand-in programs come before the desk's own, and the sanitizers
+// keep their settings.
+static std::vector<std::string> environment() {
+  std::vector<std::string> variables = {
+      "PATH=/vendor/bin:/system/bin:/usr/sbin:/usr/bin:/sbin:/bin"};
+  for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+    if (const char* value = getenv(name); value != nullptr) {
+      variables.push_back(std::string(name) + "=" + value);
+    }
+  }
+  return variables;
+}
+
+static std::vector<char*> pointers(std::vector<std::string>* texts) {
+  std::vector<char*> all;
+  for (std::string& text : *texts) {
+    all.push_back(text.data());
+  }
+  all.push_back(nullptr);
+  return all;
+}
+
+void Handset::start(const StartOptions& options) {
+  stop();
+  int sockets[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) != 0) {
+    throw system_error("cannot make a socket");
+  }
+  std::vector<std::string> arguments = {FTM_STAGE, (base_ / "root").string(), "3",
+                                        options.serial ? serial.phone_tty() : "-", FTM_DAEMON};
+  if (!options.serial) {
+    fs::remove(path(kSerialTty));
+  }
+  if (!options.threads) {
+    arguments.emplace_back("no-threads");
+  }
+  std::vector<std::string> variables = environment();
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, (base_ / "output").c_str(),
+                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, (base_ / "log").c_str(),
+                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_adddup2(&actions, sockets[1], 3);
+  const int error = posix_spawn(&pid_, FTM_STAGE, &actions, nullptr, pointers(&arguments).data(),
+                                pointers(&variables).data());
+  posix_spawn_file_actions_destroy(&actions);
+  close(sockets[1]);
+  if (error != 0) {
+    pid_ = 0;
+    close(sockets[0]);
+    errno = error;
+    throw system_error("cannot start the stage");
+  }
+  status_.reset();
+  serial.note_running(true);
+  const int reads_before = serial.reads();
+  try {
+    receive_stage(sockets[0]);
+  } catch (...) {
+    close(sockets[0]);
+    stop();
+    throw;
+  }
+  close(sockets[0]);
+  if (options.wait_ready && !serial.wait_reads(reads_before + 1, std::chrono::seconds(60))) {
+    throw std::runtime_error("the daemon did not come up; its log ends:\n" + log());
+  }
+}
+
+// Takes the descriptors that the stage sends while it builds the root.
+void Handset::receive_stage(int socket) {
+  for (;;) {
+    char body[512];
+    iovec vector = {body, sizeof(body)};
+    char control[CMSG_SPACE(sizeof(int))];
+    msghdr message = {};
+    message.msg_iov = &vector;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    const ssize_t size = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+    if (size < 1) {
+      throw std::runtime_error("the stage ended early; its log ends:\n" + log());
+    }
+    int fd = -1;
+    if (const cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr) {
+      memcpy(&fd, CMSG_DATA(header), sizeof(fd));
+    }
+    switch (static_cast<StageMessage>(body[0])) {
+      case StageMessage::kFuse:
+        nodes.serve(fd);
+        break;
+      case StageMessage::kTraps:
+        supervisor_.serve(fd, [this] { serial.note_running(false); });
+        return;
+      case StageMessage::kFailed:
+        throw std::runtime_error(std::string(body + 1, static_cast<size_t>(size) - 1));
+    }
+  }
+}
+
+void Handset::stop() {
+  if (pid_ == 0) {
+    return;
+  }
+  kill(-pid_, SIGKILL);
+  kill(pid_, SIGKILL);  // the stage may not lead its group yet
+  if (!status_.has_value()) {
+    waitpid(pid_, nullptr, 0);
+  }
+  supervisor_.wait_ended();
+  nodes.wait_unmounted();
+  serial.note_running(false);
+  opened_.clear();
+  pid_ = 0;
+}
+
+std::optional<int> Handset::wait_exit(std::chrono::seconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (pid_ != 0 && !status_.has_value() && std::chrono::steady_clock::now() < end) {
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+      status_ = status;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  }
+  return status_;
+}
+
+size_t Handset::open_descriptors() const {
+  const fs::directory_iterator all("/proc/" + std::to_string(pid_) + "/fd");
+  return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+std::vector<std::string> Handset::command(std::string_view line, std::chrono::seconds limit) {
+  serial.take_replies();
+  const int reads = serial.reads();
+  serial.send(line);
+  if (!serial.wait_reads(reads + 1, limit)) {
+    throw std::runtime_error("no answer to the end of: " + std::string(line) +
+                             "\nthe daemon's log ends:\n" + log());
+  }
+  return serial.take_replies();
+}
+
+Answer Handset::on_openat(const TrappedCall& call) {
+  if (devices_.empty()) {
+    return Answer::kernel();
+  }
+  std::string opened = call.text(call.arguments[1]);
+  if (opened.empty()) {
+    return Answer::kernel();
+  }
+  if (opened[0] != '/') {
+    // The daemon works in "/"; a folder's descriptor names its place in the phone.
+    const std::string folder = call.descriptor() == AT_FDCWD ? "" : call.link(call.descriptor());
+    opened = folder + "/" + opened;
+  }
+  const auto device = devices_.find(fs::path(opened).lexically_normal().string());
+  if (device == devices_.end()) {
+    return Answer::kernel();
+  }
+  const OpenedDevice answer = device->second->open(call, static_cast<int>(call.arguments[2]));
+  if (answer.fd < 0) {
+    return Answer::result(answer.fd);
+  }
+  const std::string link = "/proc/self/fd/" + std::to_string(answer.fd);
+  char name[4096] = {};
+  if (readlink(link.c_str(), name, sizeof(name) - 1) > 0 && answer.file != nullptr) {
+    opened_[name] = answer.file;
+  }
+  return Answer::descriptor(answer.fd);
+}
+
+Answer Handset::on_ioctl(const TrappedCall& call) {
+  if (opened_.empty()) {
+    return Answer::kernel();
+  }
+  const auto file = opened_.find(call.link(call.descriptor()));
+  if (file == opened_.end()) {
+    return Answer::kernel();
+  }
+  return Answer::result(
+      file->second->ioctl(call, static_cast<uint32_t>(call.arguments[1]), call.arguments[2]));
+}
+
+static bool is_serial(const TrappedCall& call) {
+  return call.link(call.descriptor()) == kSerialTty;
+}
+
+Answer Handset::on_read(const TrappedCall& call) {
+  if (is_serial(call)) {
+    serial.note_read();
+  }
+  return Answer::kernel();
+}
+
+Answer Handset::on_write(const TrappedCall& call) {
+  if (!is_serial(call)) {
+    return Answer::kernel();
+  }
+  std::string text(call.arguments[2], '\0');
+  if (!call.read(call.arguments[1], text.data(), text.size())) {
+    return Answer::kernel();
+  }
+  const size_t taken = serial.note_reply(text);
+  if (taken == text.size()) {
+    return Answer::kernel();
+  }
+  return Answer::result(static_cast<int64_t>(taken));
+}

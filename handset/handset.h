@@ -1,0 +1,111 @@
+// The simulated handset: one object is one phone. It lays out the phone's root from a profile,
+// starts the unchanged daemon inside, and answers for the hardware. Used by the system tests and by
+// the console program.
+//
+//   Handset phone;
+//   phone.start();
+//   phone.command("AT+EDFT=6,1\r\n");  // {"OK\r\n"}
+//   phone.nodes.take_writes();         // {{"/sys/class/leds/vibrator/duration", "5000\n"}, ...}
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "handset/clock.h"
+#include "handset/device.h"
+#include "handset/kernel_modules.h"
+#include "handset/nodes.h"
+#include "handset/serial_line.h"
+
+class Handset {
+ public:
+  struct Options {
+    // Waits of the daemon take this part of their time: 1 real time, 0 none.
+    double time_factor = 0;
+    // A folder of files that is laid over the healthy phone's profile.
+    std::filesystem::path profile = {};
+  };
+
+  struct StartOptions {
+    bool serial = true;      // false: the phone has no /dev/ttyMSM0
+    bool threads = true;     // false: the daemon can create no thread
+    bool wait_ready = true;  // return only when the daemon waits for its first command
+  };
+
+  Handset() : Handset(Options{}) {}
+  explicit Handset(const Options& options);
+  ~Handset();
+  Handset(const Handset&) = delete;
+  Handset& operator=(const Handset&) = delete;
+
+  // Starts the daemon. Throws std::runtime_error with one line that says what this machine lacks or
+  // why the daemon did not come up.
+  void start() {
+    start(StartOptions{});
+  }
+  void start(const StartOptions& options);
+  // Ends the daemon and whatever it started. The phone's state stays; start begins anew on it.
+  void stop();
+  // Waits for the daemon to end by itself. Its wait status, or nothing when it still runs after
+  // limit.
+  std::optional<int> wait_exit(std::chrono::seconds limit = std::chrono::seconds(20));
+  // The daemon's process id, 0 when none runs.
+  pid_t pid() const {
+    return pid_;
+  }
+  // How many descriptors the daemon has open.
+  size_t open_descriptors() const;
+
+  // Sends one command, waits until the daemon has handled it and returns its replies, one by one.
+  // Throws std::runtime_error when the daemon does not come back to its line within limit.
+  std::vector<std::string> command(std::string_view line,
+                                   std::chrono::seconds limit = std::chrono::seconds(60));
+
+  // Where a path of the phone lies on the desk.
+  std::filesystem::path path(const std::string& phone_path) const;
+  void write_file(const std::string& phone_path, const std::string& content);
+  std::optional<std::string> read_file(const std::string& phone_path) const;
+
+  void set_property(const std::string& name, const std::string& value);
+  std::optional<std::string> property(const std::string& name) const;
+
+  // The daemon's log, and what it printed on standard output.
+  std::string log() const;
+  std::string output() const;
+  // The calls of the phone's stand-in programs, one line each: name and arguments.
+  std::vector<std::string> program_calls() const;
+
+  // Makes a device appear at a path such as /dev/dri/card0. Before start; the model must live as
+  // long as the handset.
+  void add_device(const std::string& phone_path, Device* device);
+  void remove_device(const std::string& phone_path);
+
+  Nodes nodes;
+  KernelModules modules;
+  Clock clock;
+  SerialLine serial;
+
+ private:
+  void lay_root();
+  void receive_stage(int socket);
+  Answer on_openat(const TrappedCall& call);
+  Answer on_ioctl(const TrappedCall& call);
+  Answer on_read(const TrappedCall& call);
+  Answer on_write(const TrappedCall& call);
+
+  std::filesystem::path base_;  // holds the root and the logs; removed at the end
+  std::map<std::string, Device*> devices_;
+  std::map<std::string, DeviceFile*> opened_;  // by what /proc/PID/fd/N names
+  pid_t pid_ = 0;
+  std::optional<int> status_;
+  Supervisor supervisor_;
+};

@@ -1,0 +1,70 @@
+// The phone's kernel nodes: everything below /sys and /proc, served over FUSE. A read gives the
+// node's value, one write is one store and is recorded with its exact bytes. Callable from any
+// thread; the functions given to on_read and on_write run on a FUSE thread.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+class Nodes {
+ public:
+  enum class Operation { kOpen, kRead, kWrite };
+
+  struct Write {
+    std::string path;
+    std::string bytes;
+    bool operator==(const Write&) const = default;
+  };
+
+  ~Nodes();
+
+  // Makes the node or changes its value. Paths are absolute and begin with /sys or /proc.
+  void set(const std::string& path, const std::string& value);
+  // The node's value, or nothing when there is no such node.
+  std::optional<std::string> value(const std::string& path) const;
+  void remove(const std::string& path);
+
+  // Makes an operation fail with an errno from now on; 0 makes it work again.
+  void refuse(const std::string& path, Operation operation, int error);
+
+  // Answers reads (writes) of the node from a function instead. on_write's function gets the stored
+  // bytes and returns 0 or an errno.
+  void on_read(const std::string& path, std::function<std::string()> function);
+  void on_write(const std::string& path, std::function<int(const std::string&)> function);
+
+  // Stores in the order they came, refused ones not included; take_writes also forgets them.
+  std::vector<Write> writes() const;
+  std::vector<Write> take_writes();
+
+  // The node's permission bits (0644 unless the daemon changed them).
+  mode_t mode(const std::string& path) const;
+  std::vector<std::string> paths() const;
+
+  // Serves the FUSE file system behind the descriptor (taken over) until its mount is gone.
+  void serve(int fuse_fd);
+  void wait_unmounted();
+
+ private:
+  friend struct NodeOperations;
+
+  struct Node {
+    std::string value;
+    mode_t mode = 0644;
+    std::map<Operation, int> refused;
+    std::function<std::string()> read;
+    std::function<int(const std::string&)> write;
+  };
+
+  mutable std::mutex mutex_;
+  std::map<std::string, Node> nodes_;
+  std::vector<Write> writes_;
+  std::thread server_;
+};

@@ -1,0 +1,155 @@
+// Both ptys and the relay between them; see serial_line.h.
+
+#include "handset/serial_line.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+// Opens a pty in raw mode: bytes pass unchanged, nothing is echoed.
+static int open_pty(std::string* slave) {
+  const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  char name[128];
+  termios raw;
+  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 ||
+      ptsname_r(master, name, sizeof(name)) != 0 || tcgetattr(master, &raw) != 0) {
+    throw std::runtime_error(std::string("this machine gives no pty: ") + strerror(errno));
+  }
+  cfmakeraw(&raw);
+  tcsetattr(master, TCSANOW, &raw);
+  *slave = name;
+  return master;
+}
+
+SerialLine::SerialLine() {
+  phone_master_ = open_pty(&phone_tty_);
+  phone_slave_ = open(phone_tty_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  desk_master_ = open_pty(&desk_tty_);
+  fcntl(desk_master_, F_SETFL, O_NONBLOCK);
+  if (pipe2(stop_, O_CLOEXEC) != 0) {
+    throw std::runtime_error("cannot make a pipe");
+  }
+  thread_ = std::thread([this] { relay(); });
+}
+
+SerialLine::~SerialLine() {
+  close(stop_[1]);
+  thread_.join();
+  for (const int fd : {stop_[0], desk_master_, phone_slave_, phone_master_}) {
+    close(fd);
+  }
+}
+
+void SerialLine::send(std::string_view bytes) {
+  if (write(phone_master_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+    throw std::runtime_error("the serial line takes no more bytes");
+  }
+}
+
+void SerialLine::relay() {
+  constexpr int kAttachPoll = 50;  // ms between looks for a program on the desk's tty
+  bool attached = false;
+  for (;;) {
+    pollfd waiting[] = {
+        {stop_[0], 0, 0}, {phone_master_, POLLIN, 0}, {attached ? desk_master_ : -1, POLLIN, 0}};
+    poll(waiting, 3, attached ? -1 : kAttachPoll);
+    if ((waiting[0].revents & POLLHUP) != 0) {
+      return;
+    }
+    pollfd desk = {desk_master_, POLLIN, 0};
+    poll(&desk, 1, 0);
+    attached = (desk.revents & POLLHUP) == 0;  // hung up while nobody has the tty open
+
+    char bytes[4096];
+    if ((waiting[1].revents & POLLIN) != 0) {
+      const ssize_t count = read(phone_master_, bytes, sizeof(bytes));
+      if (count > 0) {
+        // A program that does not read loses bytes, as on a line without flow control.
+        const ssize_t passed =
+            attached ? write(desk_master_, bytes, static_cast<size_t>(count)) : 0;
+        static_cast<void>(passed);
+        const std::lock_guard lock(mutex_);
+        received_.append(bytes, static_cast<size_t>(count));
+        changed_.notify_all();
+      }
+    }
+    if (attached && (desk.revents & POLLIN) != 0) {
+      const ssize_t count = read(desk_master_, bytes, sizeof(bytes));
+      if (count > 0) {
+        send({bytes, static_cast<size_t>(count)});
+      }
+    }
+  }
+}
+
+std::vector<std::string> SerialLine::replies() const {
+  const std::lock_guard lock(mutex_);
+  return replies_;
+}
+
+std::vector<std::string> SerialLine::take_replies() {
+  const std::lock_guard lock(mutex_);
+  return std::exchange(replies_, {});
+}
+
+std::string SerialLine::received() const {
+  const std::lock_guard lock(mutex_);
+  return received_;
+}
+
+int SerialLine::reads() const {
+  const std::lock_guard lock(mutex_);
+  return reads_;
+}
+
+bool SerialLine::wait_reads(int count, std::chrono::seconds limit) const {
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, limit, [&] { return reads_ >= count || !running_; });
+  return reads_ >= count;
+}
+
+bool SerialLine::wait_read_or_reply(int count) const {
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, std::chrono::milliseconds(100),
+                    [&] { return reads_ >= count || !replies_.empty() || !running_; });
+  return reads_ >= count;
+}
+
+bool SerialLine::wait_replies(size_t count, std::chrono::seconds limit) const {
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, limit, [&] { return replies_.size() >= count || !running_; });
+  return replies_.size() >= count;
+}
+
+void SerialLine::cut_replies(int bytes) {
+  const std::lock_guard lock(mutex_);
+  cut_ = bytes;
+}
+
+void SerialLine::note_read() {
+  const std::lock_guard lock(mutex_);
+  ++reads_;
+  changed_.notify_all();
+}
+
+size_t SerialLine::note_reply(std::string_view text) {
+  const std::lock_guard lock(mutex_);
+  const size_t taken = cut_ < 0 ? text.size() : std::min(text.size(), static_cast<size_t>(cut_));
+  replies_.emplace_back(text.substr(0, taken));
+  changed_.notify_all();
+  return taken;
+}
+
+void SerialLine::note_running(bool running) {
+  const std::lock_guard lock(mutex_);
+  running_ = running;
+  changed_.notify_all();
+}

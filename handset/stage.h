@@ -1,0 +1,16 @@
+// What the stage program and the handset agree on.
+
+#pragma once
+
+#include <sys/syscall.h>
+
+// Messages of the stage: one byte of kind, then text; kFuse and kTraps carry a descriptor.
+enum class StageMessage : char { kFuse = 'F', kTraps = 'T', kFailed = 'E' };
+
+constexpr char kNodesFolder[] = "/.nodes";  // where the FUSE file system is mounted in the root
+constexpr char kRealProc[] = "/.proc";      // the host's procfs in the root
+
+// System calls that the handset sees, each of every process in the phone; reads only in this size.
+constexpr int kTrappedCalls[] = {SYS_openat,      SYS_ioctl,        SYS_clock_nanosleep, SYS_write,
+                                 SYS_init_module, SYS_finit_module, SYS_delete_module};
+constexpr unsigned kSerialReadSize = 576;

@@ -1,0 +1,160 @@
+// The seccomp notification loop; see supervisor.h.
+
+#include "handset/supervisor.h"
+
+#include <errno.h>
+#include <linux/seccomp.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+using std::chrono::steady_clock;
+
+bool TrappedCall::read(uint64_t address, void* data, size_t size) const {
+  iovec local = {data, size};
+  iovec remote = {reinterpret_cast<void*>(address), size};
+  return process_vm_readv(thread, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
+}
+
+bool TrappedCall::write(uint64_t address, const void* data, size_t size) const {
+  iovec local = {const_cast<void*>(data), size};
+  iovec remote = {reinterpret_cast<void*>(address), size};
+  return process_vm_writev(thread, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
+}
+
+std::string TrappedCall::text(uint64_t address) const {
+  // Up to the end of a page at a time: the next one need not be mapped.
+  constexpr uint64_t kPage = 4096;
+  std::string found;
+  while (found.size() < kPage) {
+    char part[kPage];
+    const size_t count = kPage - (address + found.size()) % kPage;
+    if (!read(address + found.size(), part, count)) {
+      break;
+    }
+    const size_t length = strnlen(part, count);
+    found.append(part, length);
+    if (length < count) {
+      break;
+    }
+  }
+  return found;
+}
+
+std::string TrappedCall::link(int descriptor) const {
+  const std::string path = "/proc/" + std::to_string(thread) + "/fd/" + std::to_string(descriptor);
+  char target[4096];
+  const ssize_t length = readlink(path.c_str(), target, sizeof(target));
+  return length < 0 ? "" : std::string(target, static_cast<size_t>(length));
+}
+
+Supervisor::~Supervisor() {
+  wait_ended();
+}
+
+void Supervisor::handle(int call, Handler handler) {
+  handlers_[call] = std::move(handler);
+}
+
+void Supervisor::serve(int listener, std::function<void()> ended) {
+  wait_ended();
+  thread_ = std::thread([this, listener, ended = std::move(ended)] {
+    loop(listener);
+    close(listener);
+    later_.clear();
+    ended();
+  });
+}
+
+void Supervisor::wait_ended() {
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+}
+
+void Supervisor::loop(int listener) {
+  for (;;) {
+    pollfd waiting = {listener, POLLIN, 0};
+    if (poll(&waiting, 1, next_timeout()) < 0 && errno != EINTR) {
+      return;
+    }
+    answer_due(listener);
+    if ((waiting.revents & POLLIN) != 0) {
+      if (!answer_next(listener)) {
+        return;
+      }
+    } else if ((waiting.revents & (POLLHUP | POLLERR)) != 0) {
+      return;
+    }
+  }
+}
+
+int Supervisor::next_timeout() const {
+  if (later_.empty()) {
+    return -1;
+  }
+  const std::chrono::duration<double, std::milli> left =
+      later_.begin()->first - steady_clock::now();
+  return std::max(0, static_cast<int>(std::ceil(left.count())));
+}
+
+static void respond(int listener, uint64_t id, int64_t value) {
+  seccomp_notif_resp response = {};
+  response.id = id;
+  response.error = value < 0 ? static_cast<int>(value) : 0;
+  response.val = value < 0 ? 0 : value;
+  ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);  // fails when the caller has died: no loss
+}
+
+void Supervisor::answer_due(int listener) {
+  const auto now = steady_clock::now();
+  while (!later_.empty() && later_.begin()->first <= now) {
+    respond(listener, later_.begin()->second.id, later_.begin()->second.value);
+    later_.erase(later_.begin());
+  }
+}
+
+bool Supervisor::answer_next(int listener) {
+  seccomp_notif notification = {};
+  if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &notification) != 0) {
+    return errno == EINTR || errno == ENOENT;  // ENOENT: the caller died in between
+  }
+  TrappedCall call = {
+      .id = notification.id, .thread = static_cast<pid_t>(notification.pid), .arguments = {}};
+  std::copy(std::begin(notification.data.args), std::end(notification.data.args), call.arguments);
+  const auto handler = handlers_.find(notification.data.nr);
+  const Answer answer = handler == handlers_.end() ? Answer::kernel() : handler->second(call);
+
+  switch (answer.kind) {
+    case Answer::Kind::kKernel: {
+      seccomp_notif_resp response = {};
+      response.id = call.id;
+      response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+      ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
+      break;
+    }
+    case Answer::Kind::kResult:
+      if (answer.delay.count() > 0) {
+        later_.insert({steady_clock::now() + answer.delay, {call.id, answer.value}});
+      } else {
+        respond(listener, call.id, answer.value);
+      }
+      break;
+    case Answer::Kind::kDescriptor: {
+      seccomp_notif_addfd add = {};
+      add.id = call.id;
+      add.flags = SECCOMP_ADDFD_FLAG_SEND;
+      add.srcfd = static_cast<uint32_t>(answer.value);
+      ioctl(listener, SECCOMP_IOCTL_NOTIF_ADDFD, &add);
+      close(static_cast<int>(answer.value));
+      break;
+    }
+  }
+  return true;
+}

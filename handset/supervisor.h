@@ -1,0 +1,89 @@
+// Answers the system calls that the phone's processes make where a kernel would: each trapped call
+// goes to one handler on the supervisor's thread. A handler must not wait for anything that the
+// phone's processes do.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+// A trapped call as its handler sees it.
+struct TrappedCall {
+  uint64_t id;
+  pid_t thread;
+  uint64_t arguments[6];
+
+  int descriptor(int index = 0) const {
+    return static_cast<int>(arguments[index]);
+  }
+  // Copies from (to) the caller's memory; false when it is not there.
+  bool read(uint64_t address, void* data, size_t size) const;
+  bool write(uint64_t address, const void* data, size_t size) const;
+  // A terminated text of the caller, at most 4096 bytes of it.
+  std::string text(uint64_t address) const;
+  // What the caller's descriptor stands for: a path, "socket:[N]", "/memfd:NAME (deleted)"; empty
+  // when it is not open.
+  std::string link(int descriptor) const;
+};
+
+// What a handler answers.
+struct Answer {
+  enum class Kind { kKernel, kResult, kDescriptor };
+
+  // Let the kernel do the call.
+  static Answer kernel() {
+    return {Kind::kKernel, 0, {}};
+  }
+  // The call returns value, or fails when value is a negative errno.
+  static Answer result(int64_t value) {
+    return {Kind::kResult, value, {}};
+  }
+  // The call returns after a delay.
+  static Answer result_after(int64_t value, std::chrono::nanoseconds delay) {
+    return {Kind::kResult, value, delay};
+  }
+  // The call returns a copy of the handset's descriptor fd, which is closed here.
+  static Answer descriptor(int fd) {
+    return {Kind::kDescriptor, fd, {}};
+  }
+
+  Kind kind;
+  int64_t value;
+  std::chrono::nanoseconds delay;
+};
+
+class Supervisor {
+ public:
+  using Handler = std::function<Answer(const TrappedCall&)>;
+
+  ~Supervisor();
+
+  // Registers the handler of a system call. Not while a phone runs.
+  void handle(int call, Handler handler);
+
+  // Answers the calls of the listener (taken over) until every trapped process has ended; then, and
+  // only then, calls ended.
+  void serve(int listener, std::function<void()> ended);
+  void wait_ended();
+
+ private:
+  struct Pending {
+    uint64_t id;
+    int64_t value;
+  };
+  void loop(int listener);
+  bool answer_next(int listener);
+  void answer_due(int listener);
+  int next_timeout() const;
+
+  std::map<int, Handler> handlers_;
+  std::multimap<std::chrono::steady_clock::time_point, Pending> later_;
+  std::thread thread_;
+};

@@ -1,0 +1,28 @@
+// Texts as a person reads them.
+
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// The text with its line ends and other unprintable bytes written as escapes: "OK\r\n" in six
+// letters, \x1b for an escape byte.
+inline std::string visible(std::string_view text) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string shown;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\r') {
+      shown += "\\r";
+    } else if (c == '\n') {
+      shown += "\\n";
+    } else if (c == '\\') {
+      shown += "\\\\";
+    } else if (byte < 0x20 || byte > 0x7e) {
+      shown += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
+    } else {
+      shown += c;
+    }
+  }
+  return shown;
+}
