@@ -9,11 +9,7 @@
 
 #define TAG "[FTM-AT]"
 
-AtCommand at_command_table = {.next = &at_command_table,
-                              .prev = &at_command_table,
-                              .short_name = nullptr,
-                              .command = nullptr,
-                              .handler = nullptr};
+AtCommand at_command_table = {.next = &at_command_table, .prev = &at_command_table};
 AtModule at_init_list[kModuleLevels];
 AtModule at_exit_list[kModuleLevels];
 static bool init_lists_made = false;

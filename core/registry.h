@@ -8,11 +8,11 @@
 
 // One row of the command table: a static record of its module, linked by address, never freed.
 struct AtCommand {
-  AtCommand* next;
-  AtCommand* prev;
-  const char* short_name;                // label for the programmer, used by nothing
-  const char* command;                   // upper-case text that a received line must begin with
-  int (*handler)(const char* argument);  // argument or null; the result is ignored
+  AtCommand* next = nullptr;  // set by at_register
+  AtCommand* prev = nullptr;
+  const char* short_name = nullptr;  // label for the programmer, used by nothing
+  const char* command = nullptr;     // upper-case text that a received line must begin with
+  int (*handler)(const char* argument) = nullptr;  // argument or null; the result is ignored
 };
 
 // One registered init or exit function, allocated and freed by the registry.

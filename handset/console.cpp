@@ -112,7 +112,9 @@ static void show_log(const Words& words) {
   std::istringstream stream(phone->log());
   std::vector<std::string> lines;
   for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
+    if (!line.empty()) {  // most lines bring a line feed of their own
+      lines.push_back(line);
+    }
   }
   const size_t wanted = words.size() > 1 ? std::stoul(words[1]) : 20;
   for (size_t i = lines.size() - std::min(wanted, lines.size()); i < lines.size(); ++i) {
@@ -318,7 +320,7 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
   const bool terminal = argc == 1 && isatty(STDIN_FILENO) != 0;
   try {
-    phone = std::make_unique<Handset>(Handset::Options{.time_factor = 1, .profile = {}});
+    phone = std::make_unique<Handset>(Handset::Options{.time_factor = 1});
     phone->start();
   } catch (const std::exception& error) {
     std::cerr << error.what() << "\n";

@@ -30,7 +30,7 @@ static std::runtime_error system_error(const std::string& what) {
   return std::runtime_error(what + ": " + strerror(errno));
 }
 
-Handset::Handset(const Options& options) : clock(options.time_factor) {
+Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(options.daemon) {
   std::string base = (fs::temp_directory_path() / "handset.XXXXXX").string();
   if (mkdtemp(base.data()) == nullptr) {
     throw system_error("cannot make a folder for the phone");
@@ -173,14 +173,15 @@ void Handset::start(const StartOptions& options) {
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) != 0) {
     throw system_error("cannot make a socket");
   }
-  std::vector<std::string> arguments = {FTM_STAGE, (base_ / "root").string(), "3",
-                                        options.serial ? serial.phone_tty() : "-", FTM_DAEMON};
-  if (!options.serial) {
+  const std::string tty = options.serial.value_or(serial.phone_tty());
+  if (tty.empty()) {
     fs::remove(path(kSerialTty));
   }
-  if (!options.threads) {
-    arguments.emplace_back("no-threads");
-  }
+  const StageTraps traps = !options.traps    ? StageTraps::kNone
+                           : options.threads ? StageTraps::kCalls
+                                             : StageTraps::kCallsAndThreads;
+  std::vector<std::string> arguments = {FTM_STAGE, (base_ / "root").string(), tty, daemon_.string(),
+                                        std::to_string(static_cast<int>(traps))};
   std::vector<std::string> variables = environment();
 
   posix_spawn_file_actions_t actions;
@@ -190,7 +191,7 @@ void Handset::start(const StartOptions& options) {
                                    O_WRONLY | O_CREAT | O_APPEND, 0644);
   posix_spawn_file_actions_addopen(&actions, 2, (base_ / "log").c_str(),
                                    O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&actions, sockets[1], 3);
+  posix_spawn_file_actions_adddup2(&actions, sockets[1], kStageSocket);
   const int error = posix_spawn(&pid_, FTM_STAGE, &actions, nullptr, pointers(&arguments).data(),
                                 pointers(&variables).data());
   posix_spawn_file_actions_destroy(&actions);
@@ -212,7 +213,8 @@ void Handset::start(const StartOptions& options) {
     throw;
   }
   close(sockets[0]);
-  if (options.wait_ready && !serial.wait_reads(reads_before + 1, std::chrono::seconds(60))) {
+  if (options.wait_ready && options.traps &&
+      !serial.wait_reads(reads_before + 1, std::chrono::seconds(60))) {
     throw std::runtime_error("the daemon did not come up; its log ends:\n" + log());
   }
 }
@@ -242,6 +244,8 @@ void Handset::receive_stage(int socket) {
         break;
       case StageMessage::kTraps:
         supervisor_.serve(fd, [this] { serial.note_running(false); });
+        return;
+      case StageMessage::kUntrapped:
         return;
       case StageMessage::kFailed:
         throw std::runtime_error(std::string(body + 1, static_cast<size_t>(size) - 1));

@@ -33,11 +33,16 @@ class Handset {
     double time_factor = 0;
     // A folder of files that is laid over the healthy phone's profile.
     std::filesystem::path profile = {};
+    // The program that becomes the phone's /vendor/bin/ftmd.
+    std::filesystem::path daemon = FTM_DAEMON;
   };
 
   struct StartOptions {
-    bool serial = true;      // false: the phone has no /dev/ttyMSM0
+    // The tty that becomes /dev/ttyMSM0: the handset's own line when not given, no such device when
+    // empty.
+    std::optional<std::string> serial = {};
     bool threads = true;     // false: the daemon can create no thread
+    bool traps = true;       // false: no system call is seen (no devices, waits or single replies)
     bool wait_ready = true;  // return only when the daemon waits for its first command
   };
 
@@ -102,6 +107,7 @@ class Handset {
   Answer on_read(const TrappedCall& call);
   Answer on_write(const TrappedCall& call);
 
+  std::filesystem::path daemon_;
   std::filesystem::path base_;  // holds the root and the logs; removed at the end
   std::map<std::string, Device*> devices_;
   std::map<std::string, DeviceFile*> opened_;  // by what /proc/PID/fd/N names

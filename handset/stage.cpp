@@ -33,8 +33,6 @@
 #include <string>
 #include <vector>
 
-static int handset_socket;
-
 static void send_to_handset(StageMessage kind, int fd, const std::string& text) {
   std::string body = static_cast<char>(kind) + text;
   iovec vector = {body.data(), body.size()};
@@ -51,7 +49,7 @@ static void send_to_handset(StageMessage kind, int fd, const std::string& text) 
     header->cmsg_len = CMSG_LEN(sizeof(int));
     memcpy(CMSG_DATA(header), &fd, sizeof(fd));
   }
-  sendmsg(handset_socket, &message, MSG_NOSIGNAL);
+  sendmsg(kStageSocket, &message, MSG_NOSIGNAL);
 }
 
 [[noreturn]] static void fail(const std::string& what) {
@@ -191,15 +189,14 @@ static void trap_calls(bool no_threads) {
 }
 
 int main(int argc, char** argv) {
-  if (argc < 5) {
+  if (argc != 5) {
     fprintf(stderr, "handset_stage is started by the handset\n");
     return 2;
   }
   const std::string root = argv[1];
-  handset_socket = atoi(argv[2]);
-  const std::string serial = argv[3];
-  const std::string daemon = argv[4];
-  const bool no_threads = argc > 5 && strcmp(argv[5], "no-threads") == 0;
+  const std::string serial = argv[2];
+  const std::string daemon = argv[3];
+  const auto traps = static_cast<StageTraps>(atoi(argv[4]));
 
   // The phone does not outlive the desk. A group of its own lets the handset end the daemon
   // together with the shells it started.
@@ -211,7 +208,7 @@ int main(int argc, char** argv) {
   enter_namespaces();
   bind(root, root);
   bind_host(root);
-  if (serial != "-") {
+  if (!serial.empty()) {
     bind(serial, root + "/dev/ttyMSM0");
   }
   bind(daemon, root + "/vendor/bin/ftmd", true);
@@ -219,8 +216,12 @@ int main(int argc, char** argv) {
   enter_root(root);
 
   char* const arguments[] = {const_cast<char*>("ftmd"), nullptr};
-  fcntl(handset_socket, F_SETFD, FD_CLOEXEC);
-  trap_calls(no_threads);
+  fcntl(kStageSocket, F_SETFD, FD_CLOEXEC);
+  if (traps == StageTraps::kNone) {
+    send_to_handset(StageMessage::kUntrapped, -1, "");
+  } else {
+    trap_calls(traps == StageTraps::kCallsAndThreads);
+  }
   execv("/vendor/bin/ftmd", arguments);
   fail("cannot start the daemon");
 }

@@ -4,8 +4,14 @@
 
 #include <sys/syscall.h>
 
-// Messages of the stage: one byte of kind, then text; kFuse and kTraps carry a descriptor.
-enum class StageMessage : char { kFuse = 'F', kTraps = 'T', kFailed = 'E' };
+// Messages of the stage: one byte of kind, then text; kFuse and kTraps carry a descriptor. The last
+// one is kTraps, kUntrapped or kFailed (the text says why).
+enum class StageMessage : char { kFuse = 'F', kTraps = 'T', kUntrapped = 'U', kFailed = 'E' };
+
+// What the phone's processes are kept from doing alone.
+enum class StageTraps { kNone, kCalls, kCallsAndThreads };
+
+constexpr int kStageSocket = 3;  // the stage's descriptor of the handset
 
 constexpr char kNodesFolder[] = "/.nodes";  // where the FUSE file system is mounted in the root
 constexpr char kRealProc[] = "/.proc";      // the host's procfs in the root

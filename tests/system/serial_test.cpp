@@ -1,0 +1,170 @@
+// The road of a command: serial line, matching, replies, start-up and shut-down.
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <memory>
+
+#include "tests/system/station.h"
+
+using Replies = std::vector<std::string>;
+
+static const std::string kUndefined = "UNDEFINED COMMAND\n";
+
+TEST(Serial, MatchesByPrefixOfTheUpperCasedLine) {
+  Handset phone;
+  phone.start();
+  const std::vector<std::pair<std::string, Replies>> rows = {
+      {"AT^OPEN_GPS\r\n", {"OK\r\n"}},
+      {"at^open_gps", {"OK\r\n"}},  // no line end at all
+      {"aT^oPeN_gPs_and_more\n", {"OK\r\n"}},
+      {"AT^OPEN_GP\r\n", {kUndefined}},
+      {" AT^OPEN_GPS\r\n", {kUndefined}},
+      {"\r\n", {kUndefined}},
+      {std::string("AT^OPEN_GPS\0AT+TP", 17), {"OK\r\n"}},
+      {std::string("\0AT^OPEN_GPS", 12), {kUndefined}},
+      {"AT^WITH_ARGS_NOTHING:1\r\n", {kUndefined}},
+      {"\xff\xfe{|}~`@[\r\n", {kUndefined}},
+  };
+  for (const auto& [line, replies] : rows) {
+    EXPECT_EQ(phone.command(line), replies) << line;
+  }
+  EXPECT_NE(phone.log().find("at_command_thread, buf : aT^oPeN_gPs_and_more\n"), std::string::npos);
+  EXPECT_NE(phone.log().find("at_command_thread, upr : AT^OPEN_GPS_AND_MORE\n"), std::string::npos);
+}
+
+TEST(Serial, ArgumentLinesHandOverTheTextBehindTheFirstColon) {
+  Handset phone({.daemon = FTM_PROBE});
+  phone.start();
+  const std::vector<std::pair<std::string, Replies>> rows = {
+      {"at^with_args_show:abc\r\n", {"ABC\r\n"}},
+      {"AT^WITH_ARGS_SHOWX:1", {"1"}},
+      {"AT^WITH_ARGS_SHOW:a:b=c", {"A:B=C"}},
+      {"AT^WITH_ARGS_SHOW:", {""}},
+      {"AT^WITH_ARGS_SHOW", {kUndefined}},
+      {"AT^WITH_ARGS_OTHER:1", {kUndefined}},
+      {"AT+SHOW:1\r\n", {"(null)"}},  // no argument line: never an argument
+      {"AT+REPLY=NULL\r\n", {"0"}},
+      {"AT+REPLY=EMPTY\r\n", {"", "1"}},  // written, but nothing reaches the wire
+  };
+  for (const auto& [line, replies] : rows) {
+    EXPECT_EQ(phone.command(line), replies) << line;
+  }
+  std::string wire;
+  for (const auto& [line, replies] : rows) {
+    for (const std::string& reply : replies) {
+      wire += reply;
+    }
+  }
+  // The relay is a moment behind the daemon's writes.
+  for (int i = 0; i < 500 && phone.serial.received().size() < wire.size(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(phone.serial.received(), wire);
+}
+
+TEST(Serial, OneReadIsOneCommandOf576BytesAtMost) {
+  Handset phone({.daemon = FTM_PROBE});
+  phone.start();
+  const std::string head = "AT^WITH_ARGS_SHOW:";
+  const std::string longest(576 - head.size(), 'X');
+  EXPECT_EQ(phone.command(head + longest), Replies{longest});
+
+  // The 577th byte begins the next command.
+  const int reads = phone.serial.reads();
+  phone.serial.send(head + longest + "AT+SHOW");
+  ASSERT_TRUE(phone.serial.wait_reads(reads + 2, std::chrono::seconds(20)));
+  EXPECT_EQ(phone.serial.take_replies(), (Replies{longest, "(null)"}));
+
+  // Nothing gathers a command that comes in two.
+  EXPECT_EQ(phone.command("AT+S"), Replies{kUndefined});
+  EXPECT_EQ(phone.command("HOW"), Replies{kUndefined});
+}
+
+TEST(Serial, AReplyOf8191BytesPassesAndOneOf8192EndsTheDaemon) {
+  Handset phone({.daemon = FTM_PROBE});
+  phone.start();
+  EXPECT_EQ(phone.command("AT+REPLY=8191"), (Replies{std::string(8191, 'r'), "sent"}));
+  phone.serial.send("AT+REPLY=8192");
+  const std::optional<int> status = phone.wait_exit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGABRT) << *status;
+  EXPECT_EQ(phone.serial.take_replies(), Replies{});
+}
+
+TEST(Serial, AShortWriteIsNeitherLoggedNorRetried) {
+  Handset phone({.daemon = FTM_PROBE});
+  phone.start();
+  phone.serial.cut_replies(2);
+  EXPECT_EQ(phone.command("AT^WITH_ARGS_SHOW:ABC"), Replies{"AB"});
+  EXPECT_EQ(phone.log().find("send_result successful"), std::string::npos);
+  phone.serial.cut_replies(-1);
+  EXPECT_EQ(phone.command("AT^WITH_ARGS_SHOW:ABC"), Replies{"ABC"});
+}
+
+TEST(Serial, AnEmptyTableAnswersEveryLine) {
+  Handset phone({.daemon = FTM_BARE});
+  phone.start();
+  EXPECT_EQ(phone.command("AT^OPEN_GPS\r\n"), Replies{kUndefined});
+  EXPECT_EQ(phone.command("AT^WITH_ARGS_SHOW:1\r\n"), Replies{kUndefined});
+}
+
+TEST(Serial, APortThatCannotBeOpenedLeavesTheDaemonRunning) {
+  Handset phone;
+  phone.start({.serial = "", .wait_ready = false});
+  for (int i = 0; i < 500 && phone.log().find("at_command_thread\n") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_NE(phone.log().find("[FTM-AT]at_open_port fail\n"), std::string::npos);
+  EXPECT_NE(phone.log().find("[FTM-AT]at_command_thread\n"), std::string::npos);
+  EXPECT_FALSE(phone.wait_exit(std::chrono::seconds(0)).has_value());
+}
+
+TEST(Serial, WithoutAWorkerTheDaemonRunsTheExitsAndEnds) {
+  if (FTM_THREAD_SANITIZER) {
+    GTEST_SKIP() << "the sanitizer's runtime needs a thread of its own";
+  }
+  Handset phone;
+  phone.start({.threads = false, .wait_ready = false});
+  const std::optional<int> status = phone.wait_exit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+  std::string log = phone.log();
+  size_t from = 0;
+  for (const char* line :
+       {"[FTM-MAIN]enter factory main\n", "[FTM-AT]at_open_port, serial_port_fd",
+        "[FTM-MAIN]start at current test\n", "[FTM-AT]ftm_at_init start\n",
+        "[FTM-AT]ftm_at_init end\n", "[FTM-MAIN]try to create at thread 10 times still failed\n",
+        "[FTM-MAIN]watting ftm_at_thread finish\n", "[FTM-MAIN]ftm_at_thread finish error\n",
+        "[FTM-AT]ftm_at_deinit start\n", "[FTM-VIBRATOR]at_vibrator_exit start\n",
+        "[FTM-TP]at_tp_test_init start\n", "[FTM-AT]ftm_at_deinit end\n",
+        "[FTM-MAIN]exit at current test\n"}) {
+    const size_t at = log.find(line, from);
+    ASSERT_NE(at, std::string::npos) << line;
+    from = at;
+  }
+  // The touch module's init is its exit, too: the panel is suspended twice.
+  const Nodes::Write suspend = {"/sys/class/input/input0/suspend", "1\n"};
+  const std::vector<Nodes::Write> writes = phone.nodes.take_writes();
+  EXPECT_EQ(std::count(writes.begin(), writes.end(), suspend), 2);
+}
+
+TEST(Serial, ASerialProgramNobodyHereWroteGetsTheSameBytes) {
+  Handset phone;
+  phone.start();
+  const std::string call = std::string("/usr/bin/python3 ") + FTM_SERIAL_CLIENT + " " +
+                           phone.serial.desk_tty() +
+                           " at+edft=6,1 AT+EADC=1 AT^CLOSE_WIFI AT^NOPE 2>&1";
+  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(call.c_str(), "r"), pclose);
+  std::string output;
+  std::array<char, 4096> part;
+  for (size_t count = 0; (count = fread(part.data(), 1, part.size(), pipe.get())) > 0;) {
+    output.append(part.data(), count);
+  }
+  EXPECT_EQ(output, R"(b'OK\r\n'
+b'OK\r\n+EADC: 3.85,25.30,0.00,-512.000,2.10'
+b'OK\r\nSTOP'
+b'UNDEFINED COMMAND\n'
+)");
+}

@@ -1,0 +1,50 @@
+// What a test station checks: one command, and all that it brings about.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "handset/handset.h"
+
+struct Exchange {
+  std::string command;
+  std::vector<std::string> replies;
+  std::vector<Nodes::Write> writes = {};  // node writes in order, exact bytes
+  std::vector<int> waits = {};            // ms, in order
+  std::vector<std::string> logged = {};   // texts that the daemon's log gets, among others
+};
+
+// Sends the command and expects exactly these replies, writes and waits.
+inline void expect_exchange(Handset& phone, const Exchange& exchange) {
+  SCOPED_TRACE(exchange.command);
+  phone.nodes.take_writes();
+  phone.clock.take_waits();
+  const size_t log_before = phone.log().size();
+
+  EXPECT_EQ(phone.command(exchange.command + "\r\n"), exchange.replies);
+
+  const std::vector<Nodes::Write> writes = phone.nodes.take_writes();
+  ASSERT_EQ(writes.size(), exchange.writes.size());
+  for (size_t i = 0; i < writes.size(); ++i) {
+    EXPECT_EQ(writes[i].path, exchange.writes[i].path);
+    EXPECT_EQ(writes[i].bytes, exchange.writes[i].bytes) << writes[i].path;
+  }
+  std::vector<int> waits;
+  for (const auto wait : phone.clock.take_waits()) {
+    waits.push_back(static_cast<int>(wait.count() / 1000));
+  }
+  EXPECT_EQ(waits, exchange.waits);
+  const std::string log = phone.log().substr(log_before);
+  for (const std::string& text : exchange.logged) {
+    EXPECT_NE(log.find(text), std::string::npos) << "not logged: " << text;
+  }
+}
+
+inline void expect_exchanges(Handset& phone, const std::vector<Exchange>& exchanges) {
+  for (const Exchange& exchange : exchanges) {
+    expect_exchange(phone, exchange);
+  }
+}

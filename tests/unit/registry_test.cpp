@@ -1,0 +1,78 @@
+// The registry on its own: order of the lists, refused levels, release.
+
+#include "core/registry.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/unit/log_capture.h"
+
+static std::string order;
+
+static void first() {
+  order += '1';
+}
+static void second() {
+  order += '2';
+}
+static void leaving() {
+  order += 'x';
+}
+
+static void expect_empty(const AtModule* lists) {
+  for (uint32_t level = 0; level < kModuleLevels; ++level) {
+    EXPECT_EQ(lists[level].next, &lists[level]);
+    EXPECT_EQ(lists[level].prev, &lists[level]);
+  }
+}
+
+TEST(Registry, RunsLevelsUpwardsAndEachInOrderOfRegistration) {
+  LogCapture log;
+  at_module_init_register(first, 6);
+  at_module_init_register(second, 0);
+  at_module_init_register(first, 0);
+  at_module_init_register(first, 0);  // twice registered runs twice
+  at_module_exit_register(leaving, 6);
+  const auto* entry =
+      reinterpret_cast<const AtModule*>(at_module_exit_register(second, 3));  // NOLINT
+  EXPECT_EQ(entry, at_exit_list[3].next);
+  EXPECT_EQ(entry->level, 3U);
+  EXPECT_EQ(log.take(), std::vector<LogCapture::Line>{});
+
+  ftm_at_init();
+  EXPECT_EQ(std::exchange(order, ""), "2111");
+  EXPECT_EQ(log.take(), (std::vector<LogCapture::Line>{debug_line("[FTM-AT]ftm_at_init start\n"),
+                                                       debug_line("[FTM-AT]ftm_at_init end\n")}));
+  ftm_at_deinit();
+  EXPECT_EQ(std::exchange(order, ""), "2x");
+  expect_empty(at_init_list);
+  expect_empty(at_exit_list);
+}
+
+TEST(Registry, RefusesLevelsWithoutAList) {
+  LogCapture log;
+  for (const uint32_t level : {7U, 8U, 4294967295U}) {
+    at_module_init_register(first, level);
+    at_module_exit_register(first, level);
+    const std::string shown = std::to_string(static_cast<int32_t>(level)) + "\n";
+    EXPECT_EQ(log.take(),
+              (std::vector<LogCapture::Line>{
+                  debug_line("[FTM-AT]at_module_init_register : level is error : " + shown),
+                  debug_line("[FTM-AT]at_module_exit_register : level is error : " + shown)}));
+  }
+  expect_empty(at_init_list);
+  expect_empty(at_exit_list);
+}
+
+TEST(Registry, AppendsRowsAtTheTail) {
+  static AtCommand one = {.command = "AT+ONE"};
+  static AtCommand two = {.command = "AT+TWO"};
+  at_register(&one);
+  at_register(&two);
+  EXPECT_EQ(at_command_table.next, &one);
+  EXPECT_EQ(one.next, &two);
+  EXPECT_EQ(two.next, &at_command_table);
+  EXPECT_EQ(at_command_table.prev, &two);
+  EXPECT_EQ(two.prev, &one);
+  ftm_at_deinit();  // leaves the table alone
+  EXPECT_EQ(at_command_table.next, &one);
+}
