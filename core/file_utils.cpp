@@ -3,8 +3,12 @@
 #include "core/file_utils.h"
 
 #include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "core/bounded.h"
 #include "core/log.h"
@@ -68,4 +72,8 @@ int file_read_string(const char* path, char* buffer, int count) {
     FTM_LOGE(TAG "fail to read file %s\n", path);
   }
   return result;
+}
+
+int text_to_int(const char* text) {
+  return static_cast<int>(std::clamp<long>(strtol(text, nullptr, 10), INT_MIN, INT_MAX));
 }

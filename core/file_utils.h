@@ -24,3 +24,7 @@ int file_write_string(const char* path, const char* text);
 // passes a count below its size. Returns the bytes read, 0 or a negative number when there is
 // nothing to read, kFileCannotOpen (without a log line) or kFileNoPath.
 int file_read_string(const char* path, char* buffer, int count);
+
+// The decimal number that a node's text begins with; 0 when there is none, the nearest int when it is
+// beyond the range of int.
+int text_to_int(const char* text);

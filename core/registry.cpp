@@ -50,9 +50,9 @@ static intptr_t add_module(AtModule* lists, const char* caller, void (*function)
 
 intptr_t at_module_init_register(void (*function)(), uint32_t level) {
   make_empty_once(at_init_list, &init_lists_made);
-  // The two range tests differ on purpose (8 here, 7 for exits). Level 7 has no list: it is refused
-  // below like level 8.
-  if (level >= 8 || level >= kModuleLevels) {
+  // The two range tests differ on purpose: 8 here, 7 for exits. Level 7 has no list and is refused
+  // like level 8.
+  if (level >= 8 || level == kModuleLevels) {
     return FTM_LOGD(TAG "%s : level is error : %d\n", __func__, level);
   }
   return add_module(at_init_list, __func__, function, level);
@@ -79,12 +79,14 @@ static void run_all(AtModule* lists) {
 }
 
 static void free_all(AtModule* head) {
-  while (head->next != head) {
-    AtModule* module = head->next;
-    module->prev->next = module->next;
-    module->next->prev = module->prev;
+  AtModule* module = head->next;
+  while (module != head) {
+    AtModule* next = module->next;
     free(module);
+    module = next;
   }
+  head->next = head;
+  head->prev = head;
 }
 
 void ftm_at_init() {

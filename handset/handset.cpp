@@ -150,10 +150,10 @@ void Handset::remove_device(const std::string& phone_path) {
 static std::vector<std::string> environment() {
   std::vector<std::string> variables = {
       "PATH=/vendor/bin:/system/bin:/usr/sbin:/usr/bin:/sbin:/bin"};
+  // A report of any sanitizer ends the daemon, so that the next command fails on it.
   for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
-    if (const char* value = getenv(name); value != nullptr) {
-      variables.push_back(std::string(name) + "=" + value);
-    }
+    const char* value = getenv(name);
+    variables.push_back(std::string(name) + "=halt_on_error=1:" + (value == nullptr ? "" : value));
   }
   return variables;
 }

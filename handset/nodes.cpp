@@ -28,8 +28,12 @@ struct NodeOperations {
            path == "/" || path == "/sys" || path == "/proc";
   }
 
+  // Processes are the host's: links to its procfs, which the sanitizers' runtimes read.
   static bool is_link(const std::string& path) {
-    return path == "/proc/self" || path == "/proc/thread-self";
+    static const std::string kProc = "/proc/";
+    return path == "/proc/self" || path == "/proc/thread-self" ||
+           (path.size() > kProc.size() && path.compare(0, kProc.size(), kProc) == 0 &&
+            path.find_first_not_of("0123456789", kProc.size()) == std::string::npos);
   }
 
   static void* init(fuse_conn_info*, fuse_config* config) {
@@ -108,7 +112,7 @@ struct NodeOperations {
     const std::string value = node.read ? node.read() : node.value;
     const size_t start = std::min(static_cast<size_t>(offset), value.size());
     const size_t count = std::min(size, value.size() - start);
-    memcpy(buffer, value.data() + start, count);
+    std::copy_n(value.data() + start, count, buffer);
     return static_cast<int>(count);
   }
 
@@ -236,6 +240,7 @@ void Nodes::serve(int fuse_fd) {
     char* arguments[] = {name, nullptr};
     fuse_args args = FUSE_ARGS_INIT(1, arguments);
     fuse* server = fuse_new(&args, &operations, sizeof(operations), this);
+    fuse_opt_free_args(&args);
     if (server == nullptr) {
       return;
     }

@@ -119,7 +119,7 @@ static void mount_nodes(const std::string& root) {
   }
   send_to_handset(StageMessage::kFuse, fuse, "");
   close(fuse);
-  // The real procfs stays within reach of /proc/self, which the sanitizers' runtimes read.
+  // The real procfs stays within reach: /proc/self and /proc/PID are links into it.
   bind("/proc", root + kRealProc);
   for (const char* tree : {"/sys", "/proc"}) {
     bind(root + kNodesFolder + tree, root + tree);

@@ -5,8 +5,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "core/at.h"
 #include "core/bounded.h"
 #include "core/file_utils.h"
@@ -47,12 +45,11 @@ static bool read_node(const char* path, NodeText* node) {
   return file_read_string(path, node->text, sizeof(node->text) - 1) >= 1;
 }
 
-// Stores the node's number divided by divisor. A number beyond 32 bits counts as the nearest one.
+// Stores the node's number divided by divisor.
 static void read_number(const char* path, int32_t divisor, int32_t* value) {
   NodeText node;
   if (read_node(path, &node)) {
-    const long number = strtol(node.text, nullptr, 10);
-    *value = static_cast<int32_t>(std::clamp<long>(number, INT32_MIN, INT32_MAX)) / divisor;
+    *value = text_to_int(node.text) / divisor;
   }
 }
 

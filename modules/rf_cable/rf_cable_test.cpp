@@ -1,10 +1,6 @@
 // Whether an RF test cable is plugged into one of the antenna ports: the node's number has a digit
 // per port, and anything but zero is a cable that should not be there.
 
-#include <limits.h>
-#include <stdlib.h>
-
-#include <algorithm>
 #include <iterator>
 
 #include "core/at.h"
@@ -24,11 +20,6 @@ static constexpr int kFivePortProject = 12;
 static const char* const kFivePorts[] = {" ANT0", " ANT1", " ANT2", " ANT3", " ANT7"};
 static const char kOnePort[] = " ANT0";
 
-// Text without a number is 0; a number beyond the range of int counts as the nearest one.
-static int to_int(const char* text) {
-  return static_cast<int>(std::clamp<long>(strtol(text, nullptr, 10), INT_MIN, INT_MAX));
-}
-
 static void log_antennas(const char* handler, const char* value, int project) {
   char antennas[std::size(kFivePorts) * 6 + 1] = {};
   int used = 0;
@@ -44,11 +35,11 @@ static void log_antennas(const char* handler, const char* value, int project) {
 static int at_test_rf_cable(const char*) {
   char property[PROP_VALUE_MAX] = {};
   property_get(kProjectProperty, property, "");
-  const int project = to_int(property);
+  const int project = text_to_int(property);
 
   char text[128 + 1] = {};
   file_read_string(kCableNode, text, sizeof(text) - 1);
-  const int cable = to_int(text);  // a node that gives nothing leaves the text empty: 0
+  const int cable = text_to_int(text);  // a node that gives nothing leaves the text empty: 0
   FTM_LOGD(TAG "%s cable=%d\n", __func__, cable);
 
   char value[16];

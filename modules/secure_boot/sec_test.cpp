@@ -2,16 +2,15 @@
 // secure boot in one of its two stages, a production board in the second one.
 
 #include <fcntl.h>
-#include <limits.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <memory>
 #include <new>
 
 #include "core/at.h"
 #include "core/bounded.h"
+#include "core/file_utils.h"
 #include "core/log.h"
 #include "core/unique.h"
 
@@ -55,13 +54,14 @@ static int read_stage(const char* caller, const char* path, size_t size, int* st
     FTM_LOGD(TAG "%s: failed to read %s\n", caller, path);
     return -1;
   }
+  // A text without a number must not pass as stage 0.
   char* end = nullptr;
-  const long number = strtol(text.get(), &end, 10);
+  strtol(text.get(), &end, 10);
   if (end == text.get()) {
     FTM_LOGD(TAG "%s: failed to read %s\n", caller, path);
     return -1;
   }
-  *stage = static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX));
+  *stage = text_to_int(text.get());
   return 0;
 }
 

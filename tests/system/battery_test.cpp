@@ -2,6 +2,8 @@
 
 #include <errno.h>
 
+#include <atomic>
+
 #include "tests/system/station.h"
 
 static const std::string kBattery = "/sys/class/power_supply/battery/";
@@ -48,7 +50,7 @@ TEST(Battery, WithoutABatteryEveryFieldIsZero) {
 
 TEST(Battery, AsksTheUsbSupplyOnlyWhenTheMainsSupplyIsOff) {
   Handset phone;
-  int usb_reads = 0;
+  std::atomic<int> usb_reads = 0;
   phone.nodes.on_read("/sys/class/power_supply/usb/online", [&] {
     ++usb_reads;
     return "1\n";

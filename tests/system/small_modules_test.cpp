@@ -2,6 +2,7 @@
 
 #include <errno.h>
 
+#include <atomic>
 #include <filesystem>
 
 #include "tests/system/station.h"
@@ -13,13 +14,13 @@ TEST(Debug, AnswersBeforeItWrites) {
                            {"AT+PRINTK=0,0", {"OK\r\n"}, {{"/proc/sys/kernel/printk", "0\n"}}},
                            {"AT+TRIGGER_DUMP=1", {"OK\r\n"}, {{"/proc/sysrq-trigger", "c"}}}});
   // The phone does not come back from a dump: what the station has by then is the reply.
-  std::vector<std::string> replies_at_crash;
+  std::atomic<size_t> replies_at_crash = 0;
   phone.nodes.on_write("/proc/sysrq-trigger", [&](const std::string&) {
-    replies_at_crash = phone.serial.replies();
+    replies_at_crash = phone.serial.replies().size();
     return 0;
   });
   phone.command("AT+TRIGGER_DUMP=1");
-  EXPECT_EQ(replies_at_crash, std::vector<std::string>{"OK\r\n"});
+  EXPECT_EQ(replies_at_crash, 1U);
   phone.nodes.remove("/proc/sys/kernel/printk");
   expect_exchange(phone, {"AT+PRINTK=0,1", {"OK\r\n"}});
 }

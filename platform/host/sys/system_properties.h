@@ -5,6 +5,8 @@
 
 #define PROP_VALUE_MAX 92  // bytes of a value, terminator included
 
+// The platform's own names. NOLINTBEGIN(bugprone-reserved-identifier)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -20,3 +22,5 @@ int __system_property_set(const char* name, const char* value);
 #ifdef __cplusplus
 }
 #endif
+
+// NOLINTEND(bugprone-reserved-identifier)

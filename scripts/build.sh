@@ -1,0 +1,33 @@
+# Sourced by run and test, from the project's folder: brings the packages and builds. All progress
+# goes to standard error.
+
+install_packages() {
+  local missing=()
+  local package
+  while read -r package; do
+    case $package in "" | \#*) continue ;; esac
+    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+      missing+=("$package")
+  done <packages.txt
+  [ ${#missing[@]} -gt 0 ] || return 0
+  echo "Installing ${#missing[@]} packages: ${missing[*]}" >&2
+  local sudo=
+  [ "$(id -u)" -eq 0 ] || sudo=sudo
+  $sudo apt-get update -q >&2
+  $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
+    "${missing[@]}" >&2
+}
+
+# build PRESET [TARGET...]: silent when there is nothing to do.
+build() {
+  local preset=$1 folder=build/$1
+  shift
+  if [ ! -f "$folder/build.ninja" ]; then
+    echo "Setting up $folder" >&2
+    cmake --preset "$preset" >&2
+  fi
+  if ! ninja -C "$folder" -n "$@" | grep -q 'no work to do'; then
+    echo "Building $folder" >&2
+    ninja -C "$folder" "$@" >&2
+  fi
+}
