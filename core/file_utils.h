@@ -25,6 +25,6 @@ int file_write_string(const char* path, const char* text);
 // nothing to read, kFileCannotOpen (without a log line) or kFileNoPath.
 int file_read_string(const char* path, char* buffer, int count);
 
-// The decimal number that a node's text begins with; 0 when there is none, the nearest int when it is
-// beyond the range of int.
+// The decimal number that a node's text begins with; 0 when there is none, the nearest int when it
+// is beyond the range of int.
 int text_to_int(const char* text);

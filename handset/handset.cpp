@@ -149,7 +149,9 @@ void Handset::remove_device(const std::string& phone_path) {
 // keep their settings.
 static std::vector<std::string> environment() {
   std::vector<std::string> variables = {
-      "PATH=/vendor/bin:/system/bin:/usr/sbin:/usr/bin:/sbin:/bin"};
+      "PATH=/vendor/bin:/system/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+      "TZ=UTC0",  // the root has no zone file: without this each log line looks for one
+  };
   // A report of any sanitizer ends the daemon, so that the next command fails on it.
   for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
     const char* value = getenv(name);
@@ -189,7 +191,7 @@ void Handset::start(const StartOptions& options) {
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, (base_ / "output").c_str(),
                                    O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, (base_ / "log").c_str(),
+  posix_spawn_file_actions_addopen(&actions, 2, options.log ? (base_ / "log").c_str() : "/dev/null",
                                    O_WRONLY | O_CREAT | O_APPEND, 0644);
   posix_spawn_file_actions_adddup2(&actions, sockets[1], kStageSocket);
   const int error = posix_spawn(&pid_, FTM_STAGE, &actions, nullptr, pointers(&arguments).data(),

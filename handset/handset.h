@@ -43,6 +43,7 @@ class Handset {
     std::optional<std::string> serial = {};
     bool threads = true;     // false: the daemon can create no thread
     bool traps = true;       // false: no system call is seen (no devices, waits or single replies)
+    bool log = true;         // false: the daemon's log goes to /dev/null
     bool wait_ready = true;  // return only when the daemon waits for its first command
   };
 

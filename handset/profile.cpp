@@ -33,7 +33,7 @@ void lay_profile(const fs::path& profile, const fs::path& root, Nodes* nodes) {
     } else if (place == "properties") {
       lay_properties(entry.path(), root);
     } else if (tree == "sys" || tree == "proc") {
-      nodes->set("/" + place.string(), content(entry.path()));
+      nodes->set((fs::path("/") / place).string(), content(entry.path()));
     } else {
       fs::remove(root / place);
       fs::copy(entry.path(), root / place, fs::copy_options::copy_symlinks);

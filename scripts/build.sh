@@ -18,16 +18,15 @@ install_packages() {
     "${missing[@]}" >&2
 }
 
-# build PRESET [TARGET...]: silent when there is nothing to do.
+# build PRESET [TARGET...]: shows its progress the first time and is silent afterwards.
 build() {
   local preset=$1 folder=build/$1
   shift
-  if [ ! -f "$folder/build.ninja" ]; then
-    echo "Setting up $folder" >&2
+  if [ -f "$folder/build.ninja" ]; then
+    ninja -C "$folder" --quiet "$@" >&2
+  else
+    echo "Setting up and building $folder" >&2
     cmake --preset "$preset" >&2
-  fi
-  if ! ninja -C "$folder" -n "$@" | grep -q 'no work to do'; then
-    echo "Building $folder" >&2
     ninja -C "$folder" "$@" >&2
   fi
 }
