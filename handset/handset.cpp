@@ -45,6 +45,11 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
 
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
+  for (const int call : kFaultCalls) {
+    supervisor_.handle(call, [this](const TrappedCall& call) {
+      return Answer::fault(fault(call.link(call.descriptor()), call.number));
+    });
+  }
   supervisor_.handle(SYS_read, [this](const TrappedCall& call) { return on_read(call); });
   supervisor_.handle(SYS_write, [this](const TrappedCall& call) { return on_write(call); });
   supervisor_.handle(SYS_clock_nanosleep,
@@ -66,9 +71,9 @@ Handset::~Handset() {
 // What every phone has, whatever its profile says.
 void Handset::lay_root() {
   const fs::path root = base_ / "root";
-  for (const char* folder :
-       {".nodes", ".proc", "sys", "proc", "usr", "dev/__properties__", "tmp", "odm/etc",
-        "vendor/bin", "system", "mnt/vendor", "data", "cache", "persist", "d"}) {
+  for (const char* folder : {"dev/block/bootdevice/by-name", ".nodes", ".proc", "sys", "proc",
+                             "usr", "dev/__properties__", "tmp", "odm/etc", "vendor/bin", "system",
+                             "mnt/vendor", "data", "cache", "persist", "d"}) {
     fs::create_directories(root / folder);
   }
   for (const char* folder : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
@@ -79,6 +84,8 @@ void Handset::lay_root() {
       fs::create_directory(root / folder);
     }
   }
+  // Both names of the partitions' folder lead to the same images.
+  fs::create_symlink("bootdevice/by-name", root / "dev/block/by-name");
   // Places for binds.
   for (const char* file :
        {"dev/null", "dev/zero", "dev/full", "dev/urandom", "dev/ttyMSM0", "vendor/bin/ftmd"}) {
@@ -179,9 +186,10 @@ void Handset::start(const StartOptions& options) {
   if (tty.empty()) {
     fs::remove(path(kSerialTty));
   }
-  const StageTraps traps = !options.traps    ? StageTraps::kNone
-                           : options.threads ? StageTraps::kCalls
-                                             : StageTraps::kCallsAndThreads;
+  const StageTraps traps = !options.traps     ? StageTraps::kNone
+                           : !options.threads ? StageTraps::kCallsAndThreads
+                           : options.faults   ? StageTraps::kCallsAndFaults
+                                              : StageTraps::kCalls;
   std::vector<std::string> arguments = {FTM_STAGE, (base_ / "root").string(), tty, daemon_.string(),
                                         std::to_string(static_cast<int>(traps))};
   std::vector<std::string> variables = environment();
@@ -300,10 +308,22 @@ std::vector<std::string> Handset::command(std::string_view line, std::chrono::se
   return serial.take_replies();
 }
 
-Answer Handset::on_openat(const TrappedCall& call) {
-  if (devices_.empty()) {
-    return Answer::kernel();
+void Handset::fail(const std::string& phone_path, int call, int error) {
+  const std::lock_guard lock(faults_mutex_);
+  if (error == 0) {
+    faults_.erase({phone_path, call});
+  } else {
+    faults_[{phone_path, call}] = error;
   }
+}
+
+int Handset::fault(const std::string& file, int call) const {
+  const std::lock_guard lock(faults_mutex_);
+  const auto found = faults_.find({file, call});
+  return found == faults_.end() ? 0 : found->second;
+}
+
+Answer Handset::on_openat(const TrappedCall& call) {
   std::string opened = call.text(call.arguments[1]);
   if (opened.empty()) {
     return Answer::kernel();
@@ -313,7 +333,11 @@ Answer Handset::on_openat(const TrappedCall& call) {
     const std::string folder = call.descriptor() == AT_FDCWD ? "" : call.link(call.descriptor());
     opened = folder + "/" + opened;
   }
-  const auto device = devices_.find(fs::path(opened).lexically_normal().string());
+  opened = fs::path(opened).lexically_normal().string();
+  if (const int error = fault(opened, SYS_openat); error != 0) {
+    return Answer::fault(error);
+  }
+  const auto device = devices_.find(opened);
   if (device == devices_.end()) {
     return Answer::kernel();
   }
@@ -341,20 +365,18 @@ Answer Handset::on_ioctl(const TrappedCall& call) {
       file->second->ioctl(call, static_cast<uint32_t>(call.arguments[1]), call.arguments[2]));
 }
 
-static bool is_serial(const TrappedCall& call) {
-  return call.link(call.descriptor()) == kSerialTty;
-}
-
 Answer Handset::on_read(const TrappedCall& call) {
-  if (is_serial(call)) {
+  const std::string file = call.link(call.descriptor());
+  if (file == kSerialTty && call.arguments[2] == kSerialReadSize) {
     serial.note_read();
   }
-  return Answer::kernel();
+  return Answer::fault(fault(file, SYS_read));
 }
 
 Answer Handset::on_write(const TrappedCall& call) {
-  if (!is_serial(call)) {
-    return Answer::kernel();
+  const std::string file = call.link(call.descriptor());
+  if (file != kSerialTty) {
+    return Answer::fault(fault(file, SYS_write));
   }
   std::string text(call.arguments[2], '\0');
   if (!call.read(call.arguments[1], text.data(), text.size())) {

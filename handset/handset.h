@@ -42,6 +42,7 @@ class Handset {
     // empty.
     std::optional<std::string> serial = {};
     bool threads = true;     // false: the daemon can create no thread
+    bool faults = false;     // true: the calls of kFaultCalls can be made to fail
     bool traps = true;       // false: no system call is seen (no devices, waits or single replies)
     bool log = true;         // false: the daemon's log goes to /dev/null
     bool wait_ready = true;  // return only when the daemon waits for its first command
@@ -81,6 +82,11 @@ class Handset {
   void write_file(const std::string& phone_path, const std::string& content);
   std::optional<std::string> read_file(const std::string& phone_path) const;
 
+  // Makes a call (SYS_openat, SYS_write; with StartOptions::faults also those of kFaultCalls) fail
+  // with an errno on a file of the phone, whoever makes it; 0 makes it work again. The path is the
+  // file's own (for an open: the one that the caller names), not that of a link to it.
+  void fail(const std::string& phone_path, int call, int error);
+
   void set_property(const std::string& name, const std::string& value);
   std::optional<std::string> property(const std::string& name) const;
 
@@ -103,6 +109,7 @@ class Handset {
  private:
   void lay_root();
   void receive_stage(int socket);
+  int fault(const std::string& file, int call) const;
   Answer on_openat(const TrappedCall& call);
   Answer on_ioctl(const TrappedCall& call);
   Answer on_read(const TrappedCall& call);
@@ -111,7 +118,9 @@ class Handset {
   std::filesystem::path daemon_;
   std::filesystem::path base_;  // holds the root and the logs; removed at the end
   std::map<std::string, Device*> devices_;
-  std::map<std::string, DeviceFile*> opened_;  // by what /proc/PID/fd/N names
+  mutable std::mutex faults_mutex_;
+  std::map<std::pair<std::string, int>, int> faults_;  // path and call to errno
+  std::map<std::string, DeviceFile*> opened_;          // by what /proc/PID/fd/N names
   pid_t pid_ = 0;
   std::optional<int> status_;
   Supervisor supervisor_;

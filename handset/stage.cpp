@@ -133,7 +133,7 @@ static void enter_root(const std::string& root) {
   }
 }
 
-static void trap_calls(bool no_threads) {
+static void trap_calls(StageTraps traps) {
 #if defined(__x86_64__)
   const uint32_t arch = AUDIT_ARCH_X86_64;
 #elif defined(__aarch64__)
@@ -161,12 +161,18 @@ static void trap_calls(bool no_threads) {
     program.push_back(when(static_cast<uint32_t>(call), 1));
     program.push_back(answer(SECCOMP_RET_USER_NOTIF));
   }
+  if (traps == StageTraps::kCallsAndFaults) {
+    for (const int call : kFaultCalls) {
+      program.push_back(when(static_cast<uint32_t>(call), 1));
+      program.push_back(answer(SECCOMP_RET_USER_NOTIF));
+    }
+  }
   // Of all reads only those of the command loop: nothing else here reads in its size.
   program.push_back(when(SYS_read, 3));
   program.push_back(load(argument(2)));
   program.push_back(when(kSerialReadSize, 1));
   program.push_back(answer(SECCOMP_RET_USER_NOTIF));
-  if (no_threads) {
+  if (traps == StageTraps::kCallsAndThreads) {
     program.push_back(load(offsetof(seccomp_data, nr)));
     program.push_back(when(SYS_clone3, 1));
     program.push_back(answer(SECCOMP_RET_ERRNO | ENOSYS));
@@ -220,7 +226,7 @@ int main(int argc, char** argv) {
   if (traps == StageTraps::kNone) {
     send_to_handset(StageMessage::kUntrapped, -1, "");
   } else {
-    trap_calls(traps == StageTraps::kCallsAndThreads);
+    trap_calls(traps);
   }
   execv("/vendor/bin/ftmd", arguments);
   fail("cannot start the daemon");

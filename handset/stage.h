@@ -8,8 +8,9 @@
 // one is kTraps, kUntrapped or kFailed (the text says why).
 enum class StageMessage : char { kFuse = 'F', kTraps = 'T', kUntrapped = 'U', kFailed = 'E' };
 
-// What the phone's processes are kept from doing alone.
-enum class StageTraps { kNone, kCalls, kCallsAndThreads };
+// What the phone's processes are kept from doing alone: nothing, the trapped calls, these and the
+// calls that Handset::fail makes fail, or these and the making of threads.
+enum class StageTraps { kNone, kCalls, kCallsAndFaults, kCallsAndThreads };
 
 constexpr int kStageSocket = 3;  // the stage's descriptor of the handset
 
@@ -20,3 +21,7 @@ constexpr char kRealProc[] = "/.proc";      // the host's procfs in the root
 constexpr int kTrappedCalls[] = {SYS_openat,      SYS_ioctl,        SYS_clock_nanosleep, SYS_write,
                                  SYS_init_module, SYS_finit_module, SYS_delete_module};
 constexpr unsigned kSerialReadSize = 576;
+
+// Calls on descriptors that only a handset with faults sees (reads then in every size).
+constexpr int kFaultCalls[] = {SYS_read,  SYS_pread64,   SYS_lseek,
+                               SYS_fsync, SYS_fdatasync, SYS_ftruncate};

@@ -125,8 +125,10 @@ bool Supervisor::answer_next(int listener) {
   if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &notification) != 0) {
     return errno == EINTR || errno == ENOENT;  // ENOENT: the caller died in between
   }
-  TrappedCall call = {
-      .id = notification.id, .thread = static_cast<pid_t>(notification.pid), .arguments = {}};
+  TrappedCall call = {.id = notification.id,
+                      .thread = static_cast<pid_t>(notification.pid),
+                      .number = notification.data.nr,
+                      .arguments = {}};
   std::copy(std::begin(notification.data.args), std::end(notification.data.args), call.arguments);
   const auto handler = handlers_.find(notification.data.nr);
   const Answer answer = handler == handlers_.end() ? Answer::kernel() : handler->second(call);

@@ -18,6 +18,7 @@
 struct TrappedCall {
   uint64_t id;
   pid_t thread;
+  int number;  // SYS_...
   uint64_t arguments[6];
 
   int descriptor(int index = 0) const {
@@ -44,6 +45,10 @@ struct Answer {
   // The call returns value, or fails when value is a negative errno.
   static Answer result(int64_t value) {
     return {Kind::kResult, value, {}};
+  }
+  // The call fails with error, or is the kernel's when error is 0.
+  static Answer fault(int error) {
+    return error == 0 ? kernel() : result(-error);
   }
   // The call returns after a delay.
   static Answer result_after(int64_t value, std::chrono::nanoseconds delay) {

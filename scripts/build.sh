@@ -23,7 +23,7 @@ build() {
   local preset=$1 folder=build/$1
   shift
   if [ -f "$folder/build.ninja" ]; then
-    ninja -C "$folder" --quiet "$@" >&2
+    ninja -C "$folder" --quiet "$@" | sed '/^ninja: no work to do/d' >&2
   else
     echo "Setting up and building $folder" >&2
     cmake --preset "$preset" >&2
