@@ -1,15 +1,17 @@
 // What a device model plugs into: the phone's processes open a device path and get a descriptor
-// that the model made; their ioctls on it come to the model. Open and ioctl run on the supervisor's
-// thread, one at a time.
+// that the model made; their ioctls on it come to the model. Open, ioctl and close run one at a
+// time.
 
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "handset/supervisor.h"
 
-// One open of a device. The model keeps what belongs to it; it lives until the phone ends.
+// One open of a device. Destroyed when the daemon has closed the descriptor, or has ended: that is
+// the model's close. (Noticed at the next open of a device, or when a test asks.)
 class DeviceFile {
  public:
   virtual ~DeviceFile() = default;
@@ -20,8 +22,8 @@ class DeviceFile {
 };
 
 struct OpenedDevice {
-  int fd;            // becomes the caller's descriptor and is closed here, or a negative errno
-  DeviceFile* file;  // owned by the model; null for a device without ioctls
+  int fd;  // becomes the caller's descriptor and is closed here, or a negative errno
+  std::unique_ptr<DeviceFile> file = nullptr;  // null for a device without ioctls
 };
 
 class Device {
@@ -29,6 +31,7 @@ class Device {
   virtual ~Device() = default;
 
   // Answers an open with the caller's flags. The descriptor must be of a file, pipe or socket of
-  // its own (a new memfd, say), by which later ioctls are told apart.
+  // its own (a new memfd, say), by which later ioctls are told apart; the file keeps a copy of it
+  // as long as it lives, so that nothing new can take its number.
   virtual OpenedDevice open(const TrappedCall& call, int flags) = 0;
 };

@@ -1,0 +1,96 @@
+// The display through DRM atomic mode setting: one connector, one CRTC, one or two planes that show
+// the halves of two dumb buffers in turns. Made and owned by graphics.cpp. Its messages go to
+// standard output, not to the log.
+
+#pragma once
+
+#include <xf86drmMode.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "display/surface.h"
+
+struct GRSurfaceDrm : GRSurface {
+  uint32_t fb_id;
+  uint32_t handle;  // of the dumb buffer
+};
+
+// Owners of what libdrm hands out.
+template <auto Free>
+struct DrmFree {
+  template <typename T>
+  void operator()(T* object) const {
+    Free(object);
+  }
+};
+using DrmResources = std::unique_ptr<drmModeRes, DrmFree<drmModeFreeResources>>;
+using DrmConnector = std::unique_ptr<drmModeConnector, DrmFree<drmModeFreeConnector>>;
+using DrmEncoder = std::unique_ptr<drmModeEncoder, DrmFree<drmModeFreeEncoder>>;
+using DrmCrtc = std::unique_ptr<drmModeCrtc, DrmFree<drmModeFreeCrtc>>;
+using DrmPlaneResources = std::unique_ptr<drmModePlaneRes, DrmFree<drmModeFreePlaneResources>>;
+using DrmObjectProperties =
+    std::unique_ptr<drmModeObjectProperties, DrmFree<drmModeFreeObjectProperties>>;
+using DrmProperty = std::unique_ptr<drmModePropertyRes, DrmFree<drmModeFreeProperty>>;
+using DrmBlob = std::unique_ptr<drmModePropertyBlobRes, DrmFree<drmModeFreePropertyBlob>>;
+using DrmRequest = std::unique_ptr<drmModeAtomicReq, DrmFree<drmModeAtomicFree>>;
+
+class MinuiBackendDrm {
+ public:
+  MinuiBackendDrm() = default;
+  MinuiBackendDrm(const MinuiBackendDrm&) = delete;
+  MinuiBackendDrm& operator=(const MinuiBackendDrm&) = delete;
+
+  // Opens and sets up the display. Returns the first draw surface, which this object owns, or null.
+  virtual GRSurface* Init();
+  // Shows the current draw buffer and returns the other one.
+  virtual GRSurface* Flip();
+  // Tears the pipeline down (true) or sets it up (false); nothing when it is in that state already.
+  virtual void Blank(bool blank);
+  virtual ~MinuiBackendDrm();
+
+ private:
+  // The properties of one object, by name.
+  struct Properties {
+    struct Property {
+      std::string name;
+      uint32_t id;
+      uint64_t value;
+    };
+    std::vector<Property> all;
+    uint32_t Id(const char* name) const;  // 0 when the object has no such property
+  };
+  struct Plane {
+    uint32_t id;
+    Properties properties;
+  };
+
+  DrmResources OpenDevice();
+  Properties GetProperties(uint32_t object, uint32_t type) const;
+  void DisableNonMainCrtcs(const drmModeRes* resources);
+  void ReadTopology();
+  bool GetPlanes();
+  GRSurfaceDrm* DrmCreateSurface(int width, int height);
+  void DrmDestroySurface(GRSurfaceDrm* surface);
+  int AddProperty(drmModeAtomicReq* request, uint32_t object, const Properties& properties,
+                  const char* name, uint64_t value) const;
+  int AddCrtc(drmModeAtomicReq* request, uint32_t crtc_id, uint32_t mode_blob, bool active) const;
+  int AtomicPopulatePlane(size_t index, drmModeAtomicReq* request) const;
+  int SetupPipeline(drmModeAtomicReq* request) const;
+  int TeardownPipeline(drmModeAtomicReq* request) const;
+  int UpdatePlaneFB();
+
+  GRSurfaceDrm* surfaces_[2] = {};
+  int current_buffer_ = 0;
+  DrmCrtc main_monitor_crtc_;
+  DrmConnector main_monitor_connector_;
+  int drm_fd_ = -1;
+  uint32_t fb_prop_id_ = 0;
+  Properties connector_properties_;
+  Properties crtc_properties_;
+  uint32_t mode_blob_ = 0;
+  std::vector<Plane> planes_;
+  uint32_t number_of_lms_ = 2;  // layer mixers, each with a plane of its own
+  bool current_blank_state_ = true;
+};

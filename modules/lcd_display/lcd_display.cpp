@@ -1,0 +1,30 @@
+// The display check of the station: acknowledged after a moment, the panel is not touched.
+
+#include <unistd.h>
+
+#include "core/at.h"
+#include "core/log.h"
+
+#define TAG "[FTM-LCD]"
+
+static int at_lcd_display(const char*) {
+  usleep(100000);
+  at_send_result("OK\r\n");
+  return 0;
+}
+
+static AtCommand row = {
+    .short_name = "lcd_display", .command = "AT+ELCM=0,0", .handler = at_lcd_display};
+
+static void at_lcd_display_init() {
+  FTM_LOGD(TAG "%s start\n", __func__);
+  at_register(&row);
+  FTM_LOGD(TAG "%s end\n", __func__);
+}
+
+static void at_lcd_display_exit() {
+  FTM_LOGD(TAG "%s start\n", __func__);
+  FTM_LOGD(TAG "%s end\n", __func__);
+}
+
+FTM_MODULE(lcd_display, 4, TAG)
