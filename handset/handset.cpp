@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <stdexcept>
 #include <thread>
 
@@ -275,7 +276,10 @@ void Handset::stop() {
   supervisor_.wait_ended();
   nodes.wait_unmounted();
   serial.note_running(false);
-  opened_.clear();
+  {
+    const std::lock_guard lock(devices_mutex_);
+    opened_.clear();
+  }
   pid_ = 0;
 }
 
@@ -341,23 +345,40 @@ Answer Handset::on_openat(const TrappedCall& call) {
   if (device == devices_.end()) {
     return Answer::kernel();
   }
-  const OpenedDevice answer = device->second->open(call, static_cast<int>(call.arguments[2]));
+  const std::lock_guard lock(devices_mutex_);
+  close_devices_unheld();
+  OpenedDevice answer = device->second->open(call, static_cast<int>(call.arguments[2]));
   if (answer.fd < 0) {
     return Answer::result(answer.fd);
   }
   const std::string link = "/proc/self/fd/" + std::to_string(answer.fd);
   char name[4096] = {};
   if (readlink(link.c_str(), name, sizeof(name) - 1) > 0 && answer.file != nullptr) {
-    opened_[name] = answer.file;
+    opened_[name] = std::move(answer.file);
   }
   return Answer::descriptor(answer.fd);
 }
 
-Answer Handset::on_ioctl(const TrappedCall& call) {
-  if (opened_.empty()) {
-    return Answer::kernel();
+// A close is no trapped call: what the daemon no longer holds has been closed.
+void Handset::close_devices_unheld() {
+  std::set<std::string> held;
+  std::error_code ended;
+  for (const fs::directory_entry& entry :
+       fs::directory_iterator("/proc/" + std::to_string(pid_) + "/fd", ended)) {
+    held.insert(fs::read_symlink(entry.path(), ended).string());
   }
-  const auto file = opened_.find(call.link(call.descriptor()));
+  std::erase_if(opened_, [&](const auto& opened) { return held.count(opened.first) == 0; });
+}
+
+size_t Handset::open_devices() {
+  const std::lock_guard lock(devices_mutex_);
+  close_devices_unheld();
+  return opened_.size();
+}
+
+Answer Handset::on_ioctl(const TrappedCall& call) {
+  const std::lock_guard lock(devices_mutex_);
+  const auto file = opened_.empty() ? opened_.end() : opened_.find(call.link(call.descriptor()));
   if (file == opened_.end()) {
     return Answer::kernel();
   }

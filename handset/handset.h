@@ -69,6 +69,8 @@ class Handset {
   pid_t pid() const {
     return pid_;
   }
+  // How many device descriptors the daemon has open; those it has closed are closed in the models.
+  size_t open_devices();
   // How many descriptors the daemon has open.
   size_t open_descriptors() const;
 
@@ -109,6 +111,7 @@ class Handset {
  private:
   void lay_root();
   void receive_stage(int socket);
+  void close_devices_unheld();
   int fault(const std::string& file, int call) const;
   Answer on_openat(const TrappedCall& call);
   Answer on_ioctl(const TrappedCall& call);
@@ -120,7 +123,8 @@ class Handset {
   std::map<std::string, Device*> devices_;
   mutable std::mutex faults_mutex_;
   std::map<std::pair<std::string, int>, int> faults_;  // path and call to errno
-  std::map<std::string, DeviceFile*> opened_;          // by what /proc/PID/fd/N names
+  mutable std::mutex devices_mutex_;
+  std::map<std::string, std::unique_ptr<DeviceFile>> opened_;  // by what /proc/PID/fd/N names
   pid_t pid_ = 0;
   std::optional<int> status_;
   Supervisor supervisor_;
