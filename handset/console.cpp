@@ -108,6 +108,15 @@ static void show_property(const Words& words) {
   }
 }
 
+static void save_panel(const Words& words) {
+  const Picture picture = phone->display.picture();
+  if (!picture.write_png(words[1])) {
+    std::cout << "cannot write " << words[1] << "\n";
+  } else {
+    std::cout << picture.width << " x " << picture.height << " pixels in " << words[1] << "\n";
+  }
+}
+
 static void show_log(const Words& words) {
   std::istringstream stream(phone->log());
   std::vector<std::string> lines;
@@ -156,6 +165,7 @@ static const DotCommand kDotCommands[] = {
      show_modules},
     {".programs", "", "calls of the phone's shell programs", 1, show_programs},
     {".prop", "NAME [VALUE]", "show or set a system property", 2, show_property},
+    {".panel", "FILE.png", "what the panel shows, as a picture", 2, save_panel},
     {".log", "[LINES]", "the end of the daemon's log", 1, show_log},
     {".line", "", "where another serial program attaches", 1, show_line},
     {".restart", "", "start the daemon anew", 1, restart},

@@ -43,6 +43,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
     lay_profile(options.profile, base_ / "root", &nodes);
   }
   modules.set_loaded("cfg80211", true);
+  add_device("/dev/dri/card0", &display);
 
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });

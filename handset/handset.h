@@ -22,6 +22,7 @@
 
 #include "handset/clock.h"
 #include "handset/device.h"
+#include "handset/drm_device.h"
 #include "handset/kernel_modules.h"
 #include "handset/nodes.h"
 #include "handset/serial_line.h"
@@ -107,6 +108,7 @@ class Handset {
   KernelModules modules;
   Clock clock;
   SerialLine serial;
+  DrmDevice display{DrmDevice::phone_card()};  // /dev/dri/card0
 
  private:
   void lay_root();

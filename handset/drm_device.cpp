@@ -1,0 +1,663 @@
+// The display card's model; see drm_device.h.
+
+#include "handset/drm_device.h"
+
+#include <drm.h>
+#include <drm_mode.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <png.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+// Object ids. What is made at run time counts from 1000.
+static constexpr uint32_t kCrtcs = 100;
+static constexpr uint32_t kEncoders = 200;  // one for each connector
+static constexpr uint32_t kConnectors = 300;
+static constexpr uint32_t kPlanes = 400;
+static constexpr uint32_t kProperties = 500;
+
+static const char* const kCrtcProperties[] = {"ACTIVE", "MODE_ID"};
+static const char* const kPlaneProperties[] = {"FB_ID", "CRTC_ID", "SRC_X",  "SRC_Y",  "SRC_W",
+                                               "SRC_H", "CRTC_X",  "CRTC_Y", "CRTC_W", "CRTC_H"};
+static const char kConnectorCrtc[] = "CRTC_ID";
+static const char kModeProperties[] = "mode_properties";
+
+bool Picture::write_png(const std::string& file) const {
+  std::vector<uint8_t> bytes;
+  for (const uint32_t pixel : pixels) {
+    bytes.push_back(static_cast<uint8_t>(pixel >> 16));
+    bytes.push_back(static_cast<uint8_t>(pixel >> 8));
+    bytes.push_back(static_cast<uint8_t>(pixel));
+  }
+  png_image image = {};
+  image.version = PNG_IMAGE_VERSION;
+  image.width = static_cast<uint32_t>(width);
+  image.height = static_cast<uint32_t>(height);
+  image.format = PNG_FORMAT_RGB;
+  return png_image_write_to_file(&image, file.c_str(), 0, bytes.data(), 0, nullptr) != 0;
+}
+
+DrmDevice::Card DrmDevice::phone_card() {
+  Connector panel;
+  panel.modes = {{.width = 1080, .height = 2340, .preferred = true}};
+  panel.mode_properties = "mode_name=1080x2340\ntopology=sde_dualpipe\nfps=60\n";
+  Card card;
+  card.connectors = {panel};
+  return card;
+}
+
+DrmDevice::DrmDevice(const Card& card) : card_(card) {
+  std::set<std::string> names(std::begin(kCrtcProperties), std::end(kCrtcProperties));
+  names.insert(std::begin(kPlaneProperties), std::end(kPlaneProperties));
+  uint32_t id = kProperties;
+  for (const std::string& name : names) {
+    properties_[id++] = {name, true};
+  }
+  properties_[id] = {kModeProperties, false};
+
+  for (uint32_t i = 0; i < static_cast<uint32_t>(card_.crtcs); ++i) {
+    for (const char* name : kCrtcProperties) {
+      values_[kCrtcs + i][property_id(name)] = 0;
+    }
+  }
+  for (uint32_t i = 0; i < static_cast<uint32_t>(card_.planes); ++i) {
+    for (const char* name : kPlaneProperties) {
+      values_[kPlanes + i][property_id(name)] = 0;
+    }
+  }
+  for (uint32_t i = 0; i < card_.connectors.size(); ++i) {
+    values_[kConnectors + i][property_id(kConnectorCrtc)] = 0;
+    if (const std::string& text = card_.connectors[i].mode_properties; !text.empty()) {
+      blobs_[next_id_] = text;
+      values_[kConnectors + i][id] = next_id_++;
+    }
+  }
+}
+
+DrmDevice::~DrmDevice() = default;
+
+uint32_t DrmDevice::property_id(const std::string& name) const {
+  for (const auto& [id, property] : properties_) {
+    if (property.name == name) {
+      return id;
+    }
+  }
+  return 0;
+}
+
+uint64_t DrmDevice::value(const Values& values, uint32_t object, const char* property) const {
+  const auto found = values.find(object);
+  if (found == values.end()) {
+    return 0;
+  }
+  const auto held = found->second.find(property_id(property));
+  return held == found->second.end() ? 0 : held->second;
+}
+
+// 0, or the errno that a kernel gives for a state that cannot be shown.
+int DrmDevice::check(const Values& values) const {
+  const auto is_crtc = [&](uint64_t id) {
+    return id == 0 || (id >= kCrtcs && id < kCrtcs + static_cast<uint32_t>(card_.crtcs));
+  };
+  for (uint32_t i = 0; i < static_cast<uint32_t>(card_.crtcs); ++i) {
+    const uint32_t crtc = kCrtcs + i;
+    const uint64_t mode = value(values, crtc, "MODE_ID");
+    const auto blob = blobs_.find(static_cast<uint32_t>(mode));
+    if (mode != 0 && (blob == blobs_.end() || blob->second.size() != sizeof(drm_mode_modeinfo))) {
+      return EINVAL;
+    }
+    bool driven = false;
+    for (uint32_t j = 0; j < card_.connectors.size(); ++j) {
+      driven = driven || value(values, kConnectors + j, kConnectorCrtc) == crtc;
+    }
+    if ((value(values, crtc, "ACTIVE") != 0 && mode == 0) || driven != (mode != 0)) {
+      return EINVAL;
+    }
+  }
+  for (uint32_t i = 0; i < card_.connectors.size(); ++i) {
+    const uint64_t crtc = value(values, kConnectors + i, kConnectorCrtc);
+    if (!is_crtc(crtc) ||
+        (crtc != 0 && ((card_.connectors[i].possible_crtcs >> (crtc - kCrtcs)) & 1) == 0)) {
+      return EINVAL;
+    }
+  }
+  for (uint32_t i = 0; i < static_cast<uint32_t>(card_.planes); ++i) {
+    const uint32_t plane = kPlanes + i;
+    const uint64_t framebuffer = value(values, plane, "FB_ID");
+    const uint64_t crtc = value(values, plane, "CRTC_ID");
+    const auto shown = framebuffers_.find(static_cast<uint32_t>(framebuffer));
+    if (!is_crtc(crtc) || (framebuffer != 0) != (crtc != 0) ||
+        (framebuffer != 0 && shown == framebuffers_.end())) {
+      return EINVAL;
+    }
+    if (framebuffer == 0) {
+      continue;
+    }
+    const uint64_t right = value(values, plane, "SRC_X") + value(values, plane, "SRC_W");
+    const uint64_t bottom = value(values, plane, "SRC_Y") + value(values, plane, "SRC_H");
+    if (right > uint64_t{shown->second.width} << 16 || bottom > uint64_t{shown->second.height}
+                                                                    << 16) {
+      return ENOSPC;
+    }
+  }
+  return 0;
+}
+
+Picture DrmDevice::picture() const {
+  const std::lock_guard lock(mutex_);
+  Picture picture;
+  uint64_t crtc = 0;
+  for (uint32_t i = 0; i < card_.connectors.size() && picture.width == 0; ++i) {
+    const Connector& connector = card_.connectors[i];
+    if (connector.connected && !connector.modes.empty()) {
+      picture.width = connector.modes[0].width;
+      picture.height = connector.modes[0].height;
+      crtc = value(values_, kConnectors + i, kConnectorCrtc);
+    }
+  }
+  const bool lit = crtc != 0 && value(values_, static_cast<uint32_t>(crtc), "ACTIVE") != 0;
+  if (lit) {
+    drm_mode_modeinfo mode;
+    const auto blob =
+        blobs_.find(static_cast<uint32_t>(value(values_, static_cast<uint32_t>(crtc), "MODE_ID")));
+    memcpy(&mode, blob->second.data(), sizeof(mode));
+    picture.width = mode.hdisplay;
+    picture.height = mode.vdisplay;
+  }
+  picture.pixels.assign(static_cast<size_t>(picture.width) * static_cast<size_t>(picture.height),
+                        0);
+  for (uint32_t i = 0; lit && i < static_cast<uint32_t>(card_.planes); ++i) {
+    const uint32_t plane = kPlanes + i;
+    const auto shown = framebuffers_.find(static_cast<uint32_t>(value(values_, plane, "FB_ID")));
+    if (value(values_, plane, "CRTC_ID") != crtc || shown == framebuffers_.end()) {
+      continue;
+    }
+    const Framebuffer& framebuffer = shown->second;
+    const auto source_x = static_cast<int>(value(values_, plane, "SRC_X") >> 16);
+    const auto source_y = static_cast<int>(value(values_, plane, "SRC_Y") >> 16);
+    const auto left = static_cast<int>(value(values_, plane, "CRTC_X"));
+    const auto top = static_cast<int>(value(values_, plane, "CRTC_Y"));
+    const auto width = static_cast<int>(value(values_, plane, "CRTC_W"));
+    const auto height = static_cast<int>(value(values_, plane, "CRTC_H"));
+    std::vector<uint8_t> row(framebuffer.buffer.pitch);
+    for (int y = 0; y < height && top + y < picture.height; ++y) {
+      const uint64_t at = framebuffer.buffer.offset +
+                          static_cast<uint64_t>(source_y + y) * framebuffer.buffer.pitch;
+      if (pread(framebuffer.memory, row.data(), row.size(), static_cast<off_t>(at)) < 0) {
+        break;
+      }
+      for (int x = 0; x < width && left + x < picture.width; ++x) {
+        const uint8_t* pixel = &row[static_cast<size_t>(source_x + x) * 4];  // red first
+        picture.pixels[static_cast<size_t>(top + y) * static_cast<size_t>(picture.width) +
+                       static_cast<size_t>(left + x)] =
+            static_cast<uint32_t>(pixel[0] << 16 | pixel[1] << 8 | pixel[2]);
+      }
+    }
+  }
+  return picture;
+}
+
+DrmDevice::Objects DrmDevice::objects() const {
+  const std::lock_guard lock(mutex_);
+  return {.buffers = buffers_, .framebuffers = framebuffers_.size(), .blobs = made_blobs_};
+}
+
+int DrmDevice::commits() const {
+  const std::lock_guard lock(mutex_);
+  return commits_;
+}
+
+void DrmDevice::fail(uint32_t request, int error, int skip) {
+  const std::lock_guard lock(mutex_);
+  failures_[request] = {error, skip};
+}
+
+// ---- One open of the card
+// ------------------------------------------------------------------------
+
+class DrmFile : public DeviceFile {
+ public:
+  DrmFile(DrmDevice* card, int memory) : card_(card), memory_(memory) {}
+  ~DrmFile() override;
+
+  int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) override;
+
+ private:
+  // Reads the request's record, lets a step work on it, writes it back.
+  template <typename Record, typename Step>
+  int64_t with(const TrappedCall& call, uint64_t argument, Step step) {
+    Record record;
+    if (!call.read(argument, &record, sizeof(record))) {
+      return -EFAULT;
+    }
+    const int error = step(record);
+    if (error == 0 && !call.write(argument, &record, sizeof(record))) {
+      return -EFAULT;
+    }
+    return -error;
+  }
+
+  int resources(const TrappedCall& call, drm_mode_card_res* record);
+  int connector(const TrappedCall& call, drm_mode_get_connector* record);
+  int encoder(drm_mode_get_encoder* record);
+  int crtc(drm_mode_crtc* record);
+  int object_properties(const TrappedCall& call, drm_mode_obj_get_properties* record);
+  int property(drm_mode_get_property* record);
+  int blob(const TrappedCall& call, drm_mode_get_blob* record);
+  int create_blob(const TrappedCall& call, drm_mode_create_blob* record);
+  int create_buffer(drm_mode_create_dumb* record);
+  int close_buffer(uint32_t handle);
+  int add_framebuffer(drm_mode_fb_cmd2* record);
+  int remove_framebuffer(uint32_t id);
+  int commit(const TrappedCall& call, const drm_mode_atomic& record);
+  std::vector<std::pair<uint32_t, uint64_t>> visible(uint32_t object) const;
+
+  DrmDevice* card_;
+  int memory_;
+  uint64_t memory_size_ = 0;
+  bool atomic_ = false;
+  uint32_t next_handle_ = 1;
+  std::map<uint32_t, DrmDevice::Buffer> buffers_;
+  std::set<uint32_t> framebuffers_;
+  std::set<uint32_t> blobs_;
+};
+
+OpenedDevice DrmDevice::open(const TrappedCall&, int) {
+  static std::atomic<int> opened = 0;
+  const std::string name = "drm-card-" + std::to_string(opened++);
+  const int memory = memfd_create(name.c_str(), MFD_CLOEXEC);
+  if (memory < 0) {
+    return {.fd = -errno};
+  }
+  return {.fd = fcntl(memory, F_DUPFD_CLOEXEC, 0), .file = std::make_unique<DrmFile>(this, memory)};
+}
+
+// The kernel's own release at a close: what is left over goes, and what it showed goes dark.
+DrmFile::~DrmFile() {
+  const std::lock_guard lock(card_->mutex_);
+  for (const uint32_t id : std::set<uint32_t>(framebuffers_)) {
+    remove_framebuffer(id);
+  }
+  for (const uint32_t id : blobs_) {
+    card_->blobs_.erase(id);
+    --card_->made_blobs_;
+  }
+  card_->buffers_ -= buffers_.size();
+  close(memory_);
+}
+
+int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) {
+  const std::lock_guard lock(card_->mutex_);
+  if (const auto failure = card_->failures_.find(request); failure != card_->failures_.end()) {
+    if (failure->second.second-- == 0) {
+      const int error = failure->second.first;
+      card_->failures_.erase(failure);
+      return -error;
+    }
+  }
+  switch (request) {
+    case DRM_IOCTL_GET_CAP:
+      return with<drm_get_cap>(call, argument, [&](auto& r) {
+        r.value = r.capability == DRM_CAP_DUMB_BUFFER && card_->card_.dumb_buffers ? 1 : 0;
+        return 0;
+      });
+    case DRM_IOCTL_SET_CLIENT_CAP:
+      return with<drm_set_client_cap>(call, argument, [&](auto& r) {
+        if (r.capability == DRM_CLIENT_CAP_ATOMIC) {
+          atomic_ = r.value != 0;
+          return 0;
+        }
+        return r.capability == DRM_CLIENT_CAP_UNIVERSAL_PLANES ? 0 : EINVAL;
+      });
+    case DRM_IOCTL_MODE_GETRESOURCES:
+      return with<drm_mode_card_res>(call, argument, [&](auto& r) { return resources(call, &r); });
+    case DRM_IOCTL_MODE_GETCONNECTOR:
+      return with<drm_mode_get_connector>(call, argument,
+                                          [&](auto& r) { return connector(call, &r); });
+    case DRM_IOCTL_MODE_GETENCODER:
+      return with<drm_mode_get_encoder>(call, argument, [&](auto& r) { return encoder(&r); });
+    case DRM_IOCTL_MODE_GETCRTC:
+      return with<drm_mode_crtc>(call, argument, [&](auto& r) { return crtc(&r); });
+    case DRM_IOCTL_MODE_GETPLANERESOURCES:
+      return with<drm_mode_get_plane_res>(call, argument, [&](auto& r) {
+        std::vector<uint32_t> ids;
+        for (int i = 0; i < card_->card_.planes; ++i) {
+          ids.push_back(kPlanes + static_cast<uint32_t>(i));
+        }
+        const bool fits = r.count_planes >= ids.size();
+        r.count_planes = static_cast<uint32_t>(ids.size());
+        return fits && !call.write(r.plane_id_ptr, ids.data(), ids.size() * 4) ? EFAULT : 0;
+      });
+    case DRM_IOCTL_MODE_OBJ_GETPROPERTIES:
+      return with<drm_mode_obj_get_properties>(
+          call, argument, [&](auto& r) { return object_properties(call, &r); });
+    case DRM_IOCTL_MODE_GETPROPERTY:
+      return with<drm_mode_get_property>(call, argument, [&](auto& r) { return property(&r); });
+    case DRM_IOCTL_MODE_GETPROPBLOB:
+      return with<drm_mode_get_blob>(call, argument, [&](auto& r) { return blob(call, &r); });
+    case DRM_IOCTL_MODE_CREATEPROPBLOB:
+      return with<drm_mode_create_blob>(call, argument,
+                                        [&](auto& r) { return create_blob(call, &r); });
+    case DRM_IOCTL_MODE_DESTROYPROPBLOB:
+      return with<drm_mode_destroy_blob>(call, argument, [&](auto& r) {
+        if (blobs_.erase(r.blob_id) == 0) {
+          return ENOENT;
+        }
+        card_->blobs_.erase(r.blob_id);
+        --card_->made_blobs_;
+        return 0;
+      });
+    case DRM_IOCTL_MODE_CREATE_DUMB:
+      return with<drm_mode_create_dumb>(call, argument, [&](auto& r) { return create_buffer(&r); });
+    case DRM_IOCTL_MODE_MAP_DUMB:
+      return with<drm_mode_map_dumb>(call, argument, [&](auto& r) {
+        const auto buffer = buffers_.find(r.handle);
+        if (buffer == buffers_.end()) {
+          return ENOENT;
+        }
+        r.offset = buffer->second.offset;
+        return 0;
+      });
+    case DRM_IOCTL_GEM_CLOSE:
+      return with<drm_gem_close>(call, argument, [&](auto& r) { return close_buffer(r.handle); });
+    case DRM_IOCTL_MODE_ADDFB2:
+      return with<drm_mode_fb_cmd2>(call, argument, [&](auto& r) { return add_framebuffer(&r); });
+    case DRM_IOCTL_MODE_RMFB:
+      return with<uint32_t>(call, argument, [&](auto& id) {
+        return framebuffers_.count(id) == 0 ? ENOENT : remove_framebuffer(id);
+      });
+    case DRM_IOCTL_MODE_ATOMIC:
+      return with<drm_mode_atomic>(call, argument, [&](auto& r) { return commit(call, r); });
+    default:
+      return -ENOTTY;
+  }
+}
+
+// Fills an array of the caller when there is room for all of it and says how long it is, as the
+// kernel does: callers ask twice.
+template <typename Element>
+static int fill(const TrappedCall& call, uint64_t address, uint32_t* count,
+                const std::vector<Element>& elements) {
+  const bool fits = *count >= elements.size();
+  *count = static_cast<uint32_t>(elements.size());
+  const bool written = !fits || elements.empty() ||
+                       call.write(address, elements.data(), elements.size() * sizeof(Element));
+  return written ? 0 : EFAULT;
+}
+
+static std::vector<uint32_t> ids(uint32_t first, size_t count) {
+  std::vector<uint32_t> all;
+  for (size_t i = 0; i < count; ++i) {
+    all.push_back(first + static_cast<uint32_t>(i));
+  }
+  return all;
+}
+
+int DrmFile::resources(const TrappedCall& call, drm_mode_card_res* record) {
+  const size_t connectors = card_->card_.connectors.size();
+  record->count_fbs = 0;
+  record->max_width = 8192;
+  record->max_height = 8192;
+  int error = fill(call, record->crtc_id_ptr, &record->count_crtcs,
+                   ids(kCrtcs, static_cast<size_t>(card_->card_.crtcs)));
+  error = error != 0 ? error
+                     : fill(call, record->connector_id_ptr, &record->count_connectors,
+                            ids(kConnectors, connectors));
+  return error != 0 ? error
+                    : fill(call, record->encoder_id_ptr, &record->count_encoders,
+                           ids(kEncoders, connectors));
+}
+
+static drm_mode_modeinfo mode_info(const DrmDevice::Mode& mode) {
+  drm_mode_modeinfo info = {};
+  info.hdisplay = mode.width;
+  info.hsync_start = static_cast<uint16_t>(mode.width + 16);
+  info.hsync_end = static_cast<uint16_t>(mode.width + 24);
+  info.htotal = static_cast<uint16_t>(mode.width + 40);
+  info.vdisplay = mode.height;
+  info.vsync_start = static_cast<uint16_t>(mode.height + 8);
+  info.vsync_end = static_cast<uint16_t>(mode.height + 10);
+  info.vtotal = static_cast<uint16_t>(mode.height + 20);
+  info.vrefresh = 60;
+  info.clock = static_cast<uint32_t>(info.htotal) * info.vtotal * info.vrefresh / 1000;
+  info.type = DRM_MODE_TYPE_DRIVER | (mode.preferred ? DRM_MODE_TYPE_PREFERRED : 0);
+  snprintf(info.name, sizeof(info.name), "%dx%d", mode.width, mode.height);
+  return info;
+}
+
+int DrmFile::connector(const TrappedCall& call, drm_mode_get_connector* record) {
+  const uint32_t index = record->connector_id - kConnectors;
+  if (index >= card_->card_.connectors.size()) {
+    return ENOENT;
+  }
+  const DrmDevice::Connector& connector = card_->card_.connectors[index];
+  std::vector<drm_mode_modeinfo> modes;
+  for (const DrmDevice::Mode& mode : connector.modes) {
+    modes.push_back(mode_info(mode));
+  }
+  std::vector<uint32_t> properties;
+  std::vector<uint64_t> values;
+  for (const auto& [id, value] : visible(record->connector_id)) {
+    properties.push_back(id);
+    values.push_back(value);
+  }
+  record->encoder_id = connector.crtc >= 0 ? kEncoders + index : 0;
+  record->connector_type = connector.type;
+  record->connector_type_id = 1;
+  record->connection = connector.connected ? 1 : 2;
+  record->mm_width = 68;
+  record->mm_height = 147;
+  record->subpixel = 1;
+  uint32_t value_count = record->count_props;
+  int error = fill(call, record->modes_ptr, &record->count_modes, modes);
+  error = error != 0 ? error : fill(call, record->prop_values_ptr, &value_count, values);
+  error = error != 0 ? error : fill(call, record->props_ptr, &record->count_props, properties);
+  return error != 0
+             ? error
+             : fill(call, record->encoders_ptr, &record->count_encoders, ids(kEncoders + index, 1));
+}
+
+int DrmFile::encoder(drm_mode_get_encoder* record) {
+  const uint32_t index = record->encoder_id - kEncoders;
+  if (index >= card_->card_.connectors.size()) {
+    return ENOENT;
+  }
+  const DrmDevice::Connector& connector = card_->card_.connectors[index];
+  record->encoder_type = DRM_MODE_ENCODER_DSI;
+  record->crtc_id = connector.crtc >= 0 ? kCrtcs + static_cast<uint32_t>(connector.crtc) : 0;
+  record->possible_crtcs = connector.possible_crtcs;
+  record->possible_clones = 0;
+  return 0;
+}
+
+int DrmFile::crtc(drm_mode_crtc* record) {
+  if (record->crtc_id - kCrtcs >= static_cast<uint32_t>(card_->card_.crtcs)) {
+    return ENOENT;
+  }
+  const uint32_t id = record->crtc_id;
+  *record = {};
+  record->crtc_id = id;
+  return 0;
+}
+
+std::vector<std::pair<uint32_t, uint64_t>> DrmFile::visible(uint32_t object) const {
+  std::vector<std::pair<uint32_t, uint64_t>> found;
+  for (const auto& [id, value] : card_->values_[object]) {
+    if (atomic_ || !card_->properties_.at(id).atomic) {
+      found.emplace_back(id, value);
+    }
+  }
+  return found;
+}
+
+int DrmFile::object_properties(const TrappedCall& call, drm_mode_obj_get_properties* record) {
+  if (card_->values_.count(record->obj_id) == 0) {
+    return ENOENT;
+  }
+  std::vector<uint32_t> properties;
+  std::vector<uint64_t> values;
+  for (const auto& [id, value] : visible(record->obj_id)) {
+    properties.push_back(id);
+    values.push_back(value);
+  }
+  uint32_t value_count = record->count_props;
+  const int error = fill(call, record->prop_values_ptr, &value_count, values);
+  return error != 0 ? error : fill(call, record->props_ptr, &record->count_props, properties);
+}
+
+int DrmFile::property(drm_mode_get_property* record) {
+  const auto property = card_->properties_.find(record->prop_id);
+  if (property == card_->properties_.end()) {
+    return ENOENT;
+  }
+  const bool blob = property->second.name == kModeProperties;
+  record->flags = blob ? DRM_MODE_PROP_BLOB | DRM_MODE_PROP_IMMUTABLE : DRM_MODE_PROP_ATOMIC;
+  snprintf(record->name, sizeof(record->name), "%s", property->second.name.c_str());
+  record->count_values = 0;
+  record->count_enum_blobs = 0;
+  return 0;
+}
+
+int DrmFile::blob(const TrappedCall& call, drm_mode_get_blob* record) {
+  const auto blob = card_->blobs_.find(record->blob_id);
+  if (blob == card_->blobs_.end()) {
+    return ENOENT;
+  }
+  const std::string& text = blob->second;
+  const bool wanted = record->length == text.size();
+  record->length = static_cast<uint32_t>(text.size());
+  return wanted && !call.write(record->data, text.data(), text.size()) ? EFAULT : 0;
+}
+
+int DrmFile::create_blob(const TrappedCall& call, drm_mode_create_blob* record) {
+  if (record->length == 0 || record->length > 4096) {
+    return EINVAL;
+  }
+  std::string content(record->length, '\0');
+  if (!call.read(record->data, content.data(), content.size())) {
+    return EFAULT;
+  }
+  record->blob_id = card_->next_id_++;
+  card_->blobs_[record->blob_id] = content;
+  ++card_->made_blobs_;
+  blobs_.insert(record->blob_id);
+  return 0;
+}
+
+int DrmFile::create_buffer(drm_mode_create_dumb* record) {
+  if (!card_->card_.dumb_buffers) {
+    return ENOSYS;
+  }
+  if (record->width == 0 || record->height == 0 || record->bpp != 32) {
+    return EINVAL;
+  }
+  const uint32_t alignment = card_->card_.pitch_alignment;
+  record->pitch = (record->width * 4 + alignment - 1) / alignment * alignment;
+  record->size = (uint64_t{record->pitch} * record->height + 4095) / 4096 * 4096;
+  if (ftruncate(memory_, static_cast<off_t>(memory_size_ + record->size)) != 0) {
+    return ENOMEM;
+  }
+  record->handle = next_handle_++;
+  buffers_[record->handle] = {record->width, record->height, record->pitch, memory_size_};
+  memory_size_ += record->size;
+  ++card_->buffers_;
+  return 0;
+}
+
+int DrmFile::close_buffer(uint32_t handle) {
+  if (buffers_.erase(handle) == 0) {
+    return EINVAL;
+  }
+  --card_->buffers_;
+  return 0;
+}
+
+int DrmFile::add_framebuffer(drm_mode_fb_cmd2* record) {
+  constexpr uint32_t kXbgr8888 = 'X' | 'B' << 8 | '2' << 16 | static_cast<uint32_t>('4') << 24;
+  const auto buffer = buffers_.find(record->handles[0]);
+  if (buffer == buffers_.end()) {
+    return ENOENT;
+  }
+  if (record->pixel_format != kXbgr8888 || record->width > buffer->second.width ||
+      record->height > buffer->second.height || record->pitches[0] != buffer->second.pitch ||
+      record->offsets[0] != 0) {
+    return EINVAL;
+  }
+  record->fb_id = card_->next_id_++;
+  card_->framebuffers_[record->fb_id] = {record->width, record->height, buffer->second, memory_};
+  framebuffers_.insert(record->fb_id);
+  return 0;
+}
+
+// Planes that show it go dark.
+int DrmFile::remove_framebuffer(uint32_t id) {
+  const uint32_t shown = card_->property_id("FB_ID");
+  for (auto& [object, values] : card_->values_) {
+    if (const auto held = values.find(shown); held != values.end() && held->second == id) {
+      held->second = 0;
+      values[card_->property_id("CRTC_ID")] = 0;
+    }
+  }
+  card_->framebuffers_.erase(id);
+  framebuffers_.erase(id);
+  return 0;
+}
+
+int DrmFile::commit(const TrappedCall& call, const drm_mode_atomic& record) {
+  if (!atomic_) {
+    return EINVAL;
+  }
+  const auto read_array = [&](uint64_t address, auto* elements, size_t count) {
+    elements->resize(count);
+    return count == 0 || call.read(address, elements->data(), count * sizeof((*elements)[0]));
+  };
+  std::vector<uint32_t> objects;
+  std::vector<uint32_t> counts;
+  if (record.count_objs > 1024 || !read_array(record.objs_ptr, &objects, record.count_objs) ||
+      !read_array(record.count_props_ptr, &counts, record.count_objs)) {
+    return EFAULT;
+  }
+  size_t total = 0;
+  for (const uint32_t count : counts) {
+    total += std::min<uint32_t>(count, 1024);
+  }
+  std::vector<uint32_t> properties;
+  std::vector<uint64_t> values;
+  if (!read_array(record.props_ptr, &properties, total) ||
+      !read_array(record.prop_values_ptr, &values, total)) {
+    return EFAULT;
+  }
+  DrmDevice::Values next = card_->values_;
+  bool mode_set = false;
+  size_t at = 0;
+  for (size_t i = 0; i < objects.size(); ++i) {
+    const auto object = next.find(objects[i]);
+    if (object == next.end()) {
+      return ENOENT;
+    }
+    for (uint32_t j = 0; j < counts[i]; ++j, ++at) {
+      const auto held = object->second.find(properties[at]);
+      if (held == object->second.end()) {
+        return ENOENT;
+      }
+      mode_set = mode_set || (held->second != values[at] && objects[i] < kPlanes);
+      held->second = values[at];
+    }
+  }
+  if (mode_set && (record.flags & DRM_MODE_ATOMIC_ALLOW_MODESET) == 0) {
+    return EINVAL;
+  }
+  if (const int error = card_->check(next); error != 0) {
+    return error;
+  }
+  if ((record.flags & DRM_MODE_ATOMIC_TEST_ONLY) == 0) {
+    card_->values_ = next;
+    ++card_->commits_;
+  }
+  return 0;
+}
