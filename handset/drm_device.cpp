@@ -152,13 +152,13 @@ Picture DrmDevice::picture() const {
   const std::lock_guard lock(mutex_);
   Picture picture;
   uint64_t crtc = 0;
-  for (uint32_t i = 0; i < card_.connectors.size() && picture.width == 0; ++i) {
+  for (uint32_t i = 0; i < card_.connectors.size() && crtc == 0; ++i) {
     const Connector& connector = card_.connectors[i];
-    if (connector.connected && !connector.modes.empty()) {
+    if (connector.connected && !connector.modes.empty() && picture.width == 0) {
       picture.width = connector.modes[0].width;
       picture.height = connector.modes[0].height;
-      crtc = value(values_, kConnectors + i, kConnectorCrtc);
     }
+    crtc = value(values_, kConnectors + i, kConnectorCrtc);
   }
   const bool lit = crtc != 0 && value(values_, static_cast<uint32_t>(crtc), "ACTIVE") != 0;
   if (lit) {

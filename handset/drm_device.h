@@ -54,7 +54,7 @@ class DrmDevice : public Device {
   explicit DrmDevice(const Card& card);
   ~DrmDevice() override;
 
-  // What the first connected connector's panel shows: black when it is not lit.
+  // What the lit panel shows; the first connected one, black, when none is lit.
   Picture picture() const;
 
   // Everything the daemon has made on the card and not released.

@@ -1,0 +1,67 @@
+// Draws what no real command draws: two colours side by side, a mixed colour, a blank asked for
+// twice. Linked into a daemon of its own; takes the place of the display module.
+
+#include <string.h>
+
+#include <memory>
+
+#include "core/at.h"
+#include "display/graphics.h"
+#include "display/minui_backend_drm.h"
+
+#define TAG "[FTM-PROBE]"
+
+static std::unique_ptr<MinuiBackendDrm> backend;
+
+// Left half red, right half blue.
+static int at_draw_halves(const char*) {
+  backend = std::make_unique<MinuiBackendDrm>();
+  const GRSurface* surface = backend->Init();
+  if (surface == nullptr) {
+    at_send_result("no display");
+    return 0;
+  }
+  static const unsigned char kRed[] = {255, 0, 0, 255};
+  static const unsigned char kBlue[] = {0, 0, 255, 255};
+  for (int y = 0; y < surface->height; ++y) {
+    for (int x = 0; x < surface->width; ++x) {
+      memcpy(surface->data + y * surface->row_bytes + x * 4, x < surface->width / 2 ? kRed : kBlue,
+             4);
+    }
+  }
+  backend->Flip();
+  at_send_result("drawn");
+  return 0;
+}
+
+static int at_blank_twice(const char*) {
+  backend->Blank(true);
+  backend->Blank(true);
+  at_send_result("blanked");
+  return 0;
+}
+
+static int at_fill(const char*) {
+  gr_init();
+  gr_color(10, 20, 30, 255);
+  gr_clear();
+  gr_flip();
+  at_send_result("filled");
+  return 0;
+}
+
+static AtCommand rows[] = {
+    {.short_name = "halves", .command = "AT+HALVES", .handler = at_draw_halves},
+    {.short_name = "blank_twice", .command = "AT+BLANK", .handler = at_blank_twice},
+    {.short_name = "fill", .command = "AT+FILL", .handler = at_fill},
+};
+
+static void at_lcd_display_init() {
+  for (AtCommand& row : rows) {
+    at_register(&row);
+  }
+}
+
+static void at_lcd_display_exit() {}
+
+FTM_MODULE(lcd_display, 4, TAG)

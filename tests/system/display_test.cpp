@@ -1,0 +1,244 @@
+// The panel as an operator sees it, and the card's objects as the kernel counts them.
+
+#include <drm.h>
+#include <errno.h>
+
+#include <fstream>
+
+#include "tests/system/station.h"
+
+static constexpr uint32_t kWhite = 0xffffff;
+static constexpr uint32_t kRed = 0xff0000;
+static constexpr uint32_t kBlue = 0x0000ff;
+static const char kCard[] = "/dev/dri/card0";
+
+static size_t count(const std::string& text, const std::string& what) {
+  size_t found = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+    ++found;
+  }
+  return found;
+}
+
+static DrmDevice::Connector connector(uint32_t type, uint16_t width, uint16_t height) {
+  DrmDevice::Connector made;
+  made.type = type;
+  made.modes = {{.width = width, .height = height}};
+  return made;
+}
+
+static DrmDevice::Card card(const std::vector<DrmDevice::Connector>& connectors) {
+  DrmDevice::Card made;
+  made.connectors = connectors;
+  return made;
+}
+
+// A phone with one card of the test's own.
+struct CardPhone {
+  explicit CardPhone(const DrmDevice::Card& made, const char* daemon = FTM_DAEMON)
+      : device(made), phone({.daemon = daemon}) {
+    phone.add_device(kCard, &device);
+  }
+  DrmDevice device;
+  Handset phone;
+};
+
+static bool all(const Picture& picture, uint32_t colour) {
+  return std::all_of(picture.pixels.begin(), picture.pixels.end(),
+                     [&](uint32_t pixel) { return pixel == colour; });
+}
+
+TEST(Display, IsWhiteWhileOpenAndBlackAfterwards) {
+  Handset phone;
+  phone.start();
+  EXPECT_TRUE(all(phone.display.picture(), 0));
+  EXPECT_EQ(phone.display.objects(), DrmDevice::Objects{});
+  phone.command("AT+EDFT=0,5");
+  const Picture lit = phone.display.picture();
+  EXPECT_EQ(lit.width, 1080);
+  EXPECT_EQ(lit.height, 2340);
+  EXPECT_TRUE(all(lit, kWhite));
+  EXPECT_EQ(phone.open_devices(), 1U);
+  phone.command("AT+EDFT=0,0");
+  EXPECT_TRUE(all(phone.display.picture(), 0));
+  EXPECT_EQ(phone.display.objects(), DrmDevice::Objects{});
+  EXPECT_EQ(phone.open_devices(), 0U);
+  expect_exchange(phone, {"AT+ELCM=0,0", {"OK\r\n"}, {}, {100}});
+}
+
+TEST(Display, ShowsTheHalvesOfOneBufferWhateverTheTopology) {
+  const std::vector<std::pair<std::string, int>> topologies = {
+      {"sde_singlepipe", 1},
+      {"sde_singlepipe_dsc", 1},
+      {"sde_dualpipe", 2},
+      {"sde_dualpipe_dsc", 2},
+      {"sde_dualpipemerge", 2},
+      {"sde_dualpipemerge_dsc", 2},
+      {"sde_dualpipe_dscmerge", 2},
+      {"sde_ppsplit", 1},
+      {"sde_other", 2},
+      {"sde_singlepipe ", 2},
+      {"", 2},
+  };
+  for (const auto& [topology, mixers] : topologies) {
+    SCOPED_TRACE(topology);
+    DrmDevice::Connector panel = connector(16, 60, 40);
+    panel.mode_properties = "fps=60\ntopology=" + topology + "\nmode=video\n";
+    CardPhone p(card({panel}), FTM_DISPLAY_PROBE);
+    p.phone.start();
+    EXPECT_EQ(p.phone.command("AT+HALVES"), std::vector<std::string>{"drawn"});
+    EXPECT_EQ(count(p.phone.output(), "number of lms in topology " + std::to_string(mixers) + "\n"),
+              1U);
+    const Picture picture = p.device.picture();
+    ASSERT_EQ(picture.width, 60);
+    for (const int y : {0, 39}) {
+      EXPECT_EQ(picture.at(0, y), kRed);
+      EXPECT_EQ(picture.at(29, y), kRed);
+      EXPECT_EQ(picture.at(30, y), kBlue);
+      EXPECT_EQ(picture.at(59, y), kBlue);
+    }
+  }
+}
+
+TEST(Display, PrefersPanelsAndTheirPreferredMode) {
+  constexpr uint32_t kHdmi = 11;
+  constexpr uint32_t kLvds = 7;
+  constexpr uint32_t kEdp = 14;
+  constexpr uint32_t kDsi = 16;
+  DrmDevice::Connector two_modes = connector(kHdmi, 20, 10);
+  two_modes.modes.push_back({.width = 26, .height = 10, .preferred = true});
+  DrmDevice::Connector unplugged = connector(kLvds, 24, 10);
+  unplugged.connected = false;
+  DrmDevice::Connector no_mode = connector(kLvds, 24, 10);
+  no_mode.modes.clear();
+  DrmDevice::Connector no_crtc_yet = connector(kDsi, 28, 10);
+  no_crtc_yet.crtc = -1;
+  no_crtc_yet.possible_crtcs = 2;  // the second one only
+  struct Case {
+    std::vector<DrmDevice::Connector> connectors;
+    int width;
+  };
+  const std::vector<Case> cases = {
+      {{connector(kHdmi, 20, 10), connector(kDsi, 22, 10)}, 22},
+      {{connector(kDsi, 20, 10), connector(kEdp, 22, 10)}, 22},
+      {{connector(kEdp, 20, 10), connector(kLvds, 22, 10), connector(kLvds, 24, 10)}, 22},
+      {{unplugged, no_mode, connector(kDsi, 20, 10)}, 20},
+      {{two_modes}, 26},
+      {{no_crtc_yet}, 28},
+  };
+  for (size_t i = 0; i < cases.size(); ++i) {
+    SCOPED_TRACE(i);
+    CardPhone p(card(cases[i].connectors));
+    p.phone.start();
+    p.phone.command("AT+EDFT=0,5");
+    const Picture picture = p.device.picture();
+    EXPECT_EQ(picture.width, cases[i].width);
+    EXPECT_TRUE(all(picture, kWhite));
+  }
+}
+
+TEST(Display, SkipsCardsThatCannotShowAnything) {
+  DrmDevice::Card no_buffers = card({connector(16, 20, 10)});
+  no_buffers.dumb_buffers = false;
+  DrmDevice::Connector unplugged = connector(16, 20, 10);
+  unplugged.connected = false;
+  DrmDevice::Card no_crtc = card({connector(16, 20, 10)});
+  no_crtc.crtcs = 0;
+  DrmDevice useless[] = {DrmDevice(no_buffers), DrmDevice(card({unplugged})), DrmDevice(no_crtc)};
+  DrmDevice right(card({connector(16, 20, 10)}));
+  Handset phone;
+  for (int i = 0; i < 3; ++i) {
+    phone.add_device("/dev/dri/card" + std::to_string(i), &useless[i]);
+  }
+  phone.add_device("/dev/dri/card15", &right);
+  phone.start();
+  phone.command("AT+EDFT=0,5");
+  EXPECT_TRUE(all(right.picture(), kWhite));
+  EXPECT_EQ(phone.open_devices(), 1U);
+}
+
+TEST(Display, WithoutACardTheLightsAnswerAllTheSame) {
+  Handset phone;
+  phone.remove_device(kCard);
+  phone.start();
+  for (const char* row : {"AT+EDFT=0,5", "AT+EDFT=0,5", "AT+EDFT=0,0", "AT+EDFT=0,0"}) {
+    EXPECT_EQ(phone.command(row), std::vector<std::string>{"OK\r\n"});
+  }
+  EXPECT_NE(phone.log().find("cannot find/open a drm device"), std::string::npos);
+}
+
+TEST(Display, MessagesOfTheCommitStandOnItsSuccess) {
+  CardPhone p(card({connector(16, 60, 40)}), FTM_DISPLAY_PROBE);
+  p.phone.start();
+  p.phone.command("AT+HALVES");
+  EXPECT_EQ(count(p.phone.output(), "Atomic Commit failed in DisableNonMainCrtcs\n"), 1U);
+  EXPECT_EQ(count(p.phone.output(), "Atomic Commit failed, rc = 0\n"), 1U);
+  const int commits = p.device.commits();
+  p.phone.command("AT+BLANK");  // twice in one command, committed once
+  EXPECT_EQ(p.device.commits(), commits + 1);
+  EXPECT_EQ(count(p.phone.output(), "Atomic Commit failed, rc = 0\n"), 2U);
+  EXPECT_TRUE(all(p.device.picture(), 0));
+}
+
+TEST(Display, FillsAMixedColourPixelByPixel) {
+  DrmDevice::Card padded = card({connector(16, 60, 40)});
+  padded.pitch_alignment = 256;
+  CardPhone p(padded, FTM_DISPLAY_PROBE);
+  p.phone.start();
+  p.phone.command("AT+FILL");
+  EXPECT_TRUE(all(p.device.picture(), 0x0a141e));
+  EXPECT_NE(p.phone.log().find("qlmgr_clear size=40x60\n"), std::string::npos);
+  EXPECT_NE(p.phone.log().find("qlmfailed to read font: res=-7\n"), std::string::npos);
+}
+
+TEST(Display, EachFailingCallLeavesNothingBehind) {
+  struct Case {
+    uint32_t request;
+    int skip;
+    std::string message;
+    bool lit;
+  };
+  // Two commits that fail leave the panel lit or dark as it was; the others stop the set-up.
+  const std::vector<Case> cases = {
+      {DRM_IOCTL_MODE_CREATE_DUMB, 0, "DRM_IOCTL_MODE_CREATE_DUMB failed ret=-1\n", false},
+      {DRM_IOCTL_MODE_CREATE_DUMB, 1, "DRM_IOCTL_MODE_CREATE_DUMB failed ret=-1\n", false},
+      {DRM_IOCTL_MODE_ADDFB2, 1, "drmModeAddFB2 failed ret=-5\n", false},
+      {DRM_IOCTL_MODE_MAP_DUMB, 0, "DRM_IOCTL_MODE_MAP_DUMB failed ret=-1\n", false},
+      {DRM_IOCTL_MODE_CREATEPROPBLOB, 0, "failed to create mode blob\n", false},
+      {DRM_IOCTL_MODE_ATOMIC, 1, "Atomic commit failed ret=-5\n", true},
+      {DRM_IOCTL_MODE_RMFB, 0, "drmModeRmFB failed ret=-5\n", true},
+      {DRM_IOCTL_GEM_CLOSE, 0, "DRM_IOCTL_GEM_CLOSE failed ret=-1\n", true},
+      {DRM_IOCTL_MODE_GETRESOURCES, 0, "", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.message);
+    CardPhone p(card({connector(16, 20, 10)}));
+    p.phone.start();
+    p.device.fail(c.request, EIO, c.skip);
+    p.phone.command("AT+EDFT=0,5");
+    EXPECT_EQ(all(p.device.picture(), kWhite), c.lit);
+    p.phone.command("AT+EDFT=0,0");
+    EXPECT_NE(p.phone.output().find(c.message), std::string::npos);
+    EXPECT_EQ(p.phone.open_devices(), 0U);
+    EXPECT_EQ(p.device.objects(), DrmDevice::Objects{});
+    p.phone.command("AT+EDFT=0,5");
+    EXPECT_TRUE(all(p.device.picture(), kWhite));
+  }
+}
+
+TEST(Display, AThousandOpensLeaveNothingBehind) {
+  CardPhone p(card({connector(16, 20, 10)}));
+  p.phone.start();
+  p.phone.command("AT+EDFT=0,0");
+  const size_t descriptors = p.phone.open_descriptors();
+  for (int i = 0; i < 1000; ++i) {
+    p.phone.command("AT+EDFT=0,5");
+    p.phone.command("AT+EDFT=0,0");
+  }
+  EXPECT_EQ(p.phone.open_descriptors(), descriptors);
+  EXPECT_EQ(p.phone.open_devices(), 0U);
+  EXPECT_EQ(p.device.objects(), DrmDevice::Objects{});
+  std::ifstream maps("/proc/" + std::to_string(p.phone.pid()) + "/maps");
+  const std::string mapped{std::istreambuf_iterator<char>(maps), {}};
+  EXPECT_EQ(count(mapped, "drm-card"), 0U);
+}
