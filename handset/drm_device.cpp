@@ -209,7 +209,25 @@ DrmDevice::Objects DrmDevice::objects() const {
 
 int DrmDevice::commits() const {
   const std::lock_guard lock(mutex_);
-  return commits_;
+  return static_cast<int>(first_pixels_.size());
+}
+
+std::vector<uint32_t> DrmDevice::first_pixels() const {
+  const std::lock_guard lock(mutex_);
+  return first_pixels_;
+}
+
+uint32_t DrmDevice::first_pixel() const {
+  uint8_t pixel[4] = {};  // red first
+  for (uint32_t plane = kPlanes; plane < kPlanes + static_cast<uint32_t>(card_.planes); ++plane) {
+    const auto shown = framebuffers_.find(static_cast<uint32_t>(value(values_, plane, "FB_ID")));
+    if (shown != framebuffers_.end() && value(values_, plane, "CRTC_X") == 0 &&
+        pread(shown->second.memory, pixel, sizeof(pixel),
+              static_cast<off_t>(shown->second.buffer.offset)) < 0) {
+      break;
+    }
+  }
+  return static_cast<uint32_t>(pixel[0] << 16 | pixel[1] << 8 | pixel[2]);
 }
 
 void DrmDevice::fail(uint32_t request, int error, int skip) {
@@ -657,7 +675,7 @@ int DrmFile::commit(const TrappedCall& call, const drm_mode_atomic& record) {
   }
   if ((record.flags & DRM_MODE_ATOMIC_TEST_ONLY) == 0) {
     card_->values_ = next;
-    ++card_->commits_;
+    card_->first_pixels_.push_back(card_->first_pixel());
   }
   return 0;
 }

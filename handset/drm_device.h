@@ -65,8 +65,10 @@ class DrmDevice : public Device {
     bool operator==(const Objects&) const = default;
   };
   Objects objects() const;
-  // Requests that were committed with at least one property.
+  // Requests that were committed with at least one property, and what the panel's first pixel
+  // became by each (0xRRGGBB).
   int commits() const;
+  std::vector<uint32_t> first_pixels() const;
 
   // Makes one ioctl fail with an errno: the next one of this request, or the one after skip more.
   void fail(uint32_t request, int error, int skip = 0);
@@ -97,6 +99,7 @@ class DrmDevice : public Device {
   uint32_t property_id(const std::string& name) const;
   uint64_t value(const Values& values, uint32_t object, const char* property) const;
   int check(const Values& values) const;
+  uint32_t first_pixel() const;
 
   mutable std::mutex mutex_;
   const Card card_;
@@ -107,6 +110,6 @@ class DrmDevice : public Device {
   size_t made_blobs_ = 0;
   Values values_;
   uint32_t next_id_ = 1000;
-  int commits_ = 0;
+  std::vector<uint32_t> first_pixels_;  // one for each commit
   std::map<uint32_t, std::pair<int, int>> failures_;  // request to errno and calls to skip
 };

@@ -63,6 +63,11 @@ TEST(Display, IsWhiteWhileOpenAndBlackAfterwards) {
   EXPECT_TRUE(all(phone.display.picture(), 0));
   EXPECT_EQ(phone.display.objects(), DrmDevice::Objects{});
   EXPECT_EQ(phone.open_devices(), 0U);
+  // The start-up's and the rows' flips: both buffers as they were made, white; black, blanked.
+  const std::vector<uint32_t> once = {0, 0, 0, kWhite, 0, 0};
+  std::vector<uint32_t> twice = once;
+  twice.insert(twice.end(), once.begin(), once.end());
+  EXPECT_EQ(phone.display.first_pixels(), twice);
   expect_exchange(phone, {"AT+ELCM=0,0", {"OK\r\n"}, {}, {100}});
 }
 
