@@ -18,6 +18,7 @@
 #include <sstream>
 
 #include "handset/handset.h"
+#include "handset/partitions.h"
 #include "handset/visible.h"
 
 using Words = std::vector<std::string>;
@@ -117,6 +118,19 @@ static void save_panel(const Words& words) {
   }
 }
 
+static void put_record(const Words& words) {
+  const std::filesystem::path image = phone->path("/dev/block/by-name/norvareserve1");
+  const std::string value = words.size() > 2 ? words[2] : "";
+  if (words[1] == "pcba") {
+    put_pcba_record(image, value);
+  } else if (words[1] == "download") {
+    put_download_marks(image, value.empty() ? "" : "download start",
+                       value == "over" ? "download over" : "");
+  } else {
+    std::cout << "pcba and download are the records that can be put\n";
+  }
+}
+
 static void show_log(const Words& words) {
   std::istringstream stream(phone->log());
   std::vector<std::string> lines;
@@ -166,6 +180,8 @@ static const DotCommand kDotCommands[] = {
     {".programs", "", "calls of the phone's shell programs", 1, show_programs},
     {".prop", "NAME [VALUE]", "show or set a system property", 2, show_property},
     {".panel", "FILE.png", "what the panel shows, as a picture", 2, save_panel},
+    {".record", "pcba [NUMBER] | download [start|over]", "put a record on the reserve partition", 2,
+     put_record},
     {".log", "[LINES]", "the end of the daemon's log", 1, show_log},
     {".line", "", "where another serial program attaches", 1, show_line},
     {".restart", "", "start the daemon anew", 1, restart},

@@ -44,7 +44,7 @@ class DrmDevice : public Device {
     bool dumb_buffers = true;
     int crtcs = 2;
     int planes = 4;
-    uint32_t pitch_alignment = 64;  // bytes
+    uint32_t pitch_alignment = 32;  // bytes
     std::vector<Connector> connectors = {};
   };
 
@@ -110,6 +110,6 @@ class DrmDevice : public Device {
   size_t made_blobs_ = 0;
   Values values_;
   uint32_t next_id_ = 1000;
-  std::vector<uint32_t> first_pixels_;  // one for each commit
+  std::vector<uint32_t> first_pixels_;                // one for each commit
   std::map<uint32_t, std::pair<int, int>> failures_;  // request to errno and calls to skip
 };

@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,12 +20,14 @@
 #include <stdexcept>
 #include <thread>
 
+#include "handset/partitions.h"
 #include "handset/profile.h"
 #include "handset/stage.h"
 
 namespace fs = std::filesystem;
 
 static const char kSerialTty[] = "/dev/ttyMSM0";
+static const char kMemoryCard[] = "/mnt/sdcard";
 static const char kProgramCalls[] = "/data/program_calls";
 
 static std::runtime_error system_error(const std::string& what) {
@@ -42,11 +45,18 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   if (!options.profile.empty()) {
     lay_profile(options.profile, base_ / "root", &nodes);
   }
+  // The reference checksums of the profile's own trees, made when the handset was built.
+  fs::copy_file(FTM_SYSMD5, base_ / "root/system/sysmd5.zip", fs::copy_options::skip_existing);
+  make_partition(path("/dev/block/by-name/norvareserve1"));
+  put_pcba_record(path("/dev/block/by-name/norvareserve1"), "NV2401170042");
+  put_download_marks(path("/dev/block/by-name/norvareserve1"), "download start", "download over");
+  insert_card(MemoryCard{.block_size = 32768, .blocks = 1941504, .free_blocks = 1931264});
   modules.set_loaded("cfg80211", true);
   add_device("/dev/dri/card0", &display);
 
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
+  supervisor_.handle(SYS_statfs, [this](const TrappedCall& call) { return on_statfs(call); });
   for (const int call : kFaultCalls) {
     supervisor_.handle(call, [this](const TrappedCall& call) {
       return Answer::fault(fault(call.link(call.descriptor()), call.number));
@@ -73,9 +83,10 @@ Handset::~Handset() {
 // What every phone has, whatever its profile says.
 void Handset::lay_root() {
   const fs::path root = base_ / "root";
-  for (const char* folder : {"dev/block/bootdevice/by-name", ".nodes", ".proc", "sys", "proc",
-                             "usr", "dev/__properties__", "tmp", "odm/etc", "vendor/bin", "system",
-                             "mnt/vendor", "data", "cache", "persist", "d"}) {
+  for (const char* folder :
+       {"dev/block/bootdevice/by-name", ".nodes", ".proc", "sys", "proc", "usr",
+        "dev/__properties__", "tmp", "odm/etc", "odm/bin", "persist/ftm_admin", "vendor/bin",
+        "system", "mnt/vendor", "data", "cache", "persist", "d"}) {
     fs::create_directories(root / folder);
   }
   for (const char* folder : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
@@ -90,7 +101,7 @@ void Handset::lay_root() {
   fs::create_symlink("bootdevice/by-name", root / "dev/block/by-name");
   // Places for binds.
   for (const char* file :
-       {"dev/null", "dev/zero", "dev/full", "dev/urandom", "dev/ttyMSM0", "vendor/bin/ftmd"}) {
+       {"dev/null", "dev/zero", "dev/full", "dev/urandom", "dev/ttyMSM0", "odm/bin/ftmd"}) {
     std::ofstream(root / file).flush();
   }
 }
@@ -326,6 +337,29 @@ int Handset::fault(const std::string& file, int call) const {
   const std::lock_guard lock(faults_mutex_);
   const auto found = faults_.find({file, call});
   return found == faults_.end() ? 0 : found->second;
+}
+
+void Handset::insert_card(const std::optional<MemoryCard>& card) {
+  const std::lock_guard lock(card_mutex_);
+  card_ = card;
+}
+
+Answer Handset::on_statfs(const TrappedCall& call) {
+  if (call.text(call.arguments[0]) != kMemoryCard) {
+    return Answer::kernel();
+  }
+  const std::lock_guard lock(card_mutex_);
+  if (!card_.has_value()) {
+    return Answer::result(-ENOENT);
+  }
+  struct statfs status = {};
+  status.f_type = 0x4d44;  // FAT
+  status.f_bsize = static_cast<int64_t>(card_->block_size);
+  status.f_blocks = card_->blocks;
+  status.f_bfree = card_->free_blocks;
+  status.f_bavail = card_->free_blocks;
+  status.f_namelen = 255;
+  return Answer::result(call.write(call.arguments[1], &status, sizeof(status)) ? 0 : -EFAULT);
 }
 
 Answer Handset::on_openat(const TrappedCall& call) {

@@ -34,7 +34,7 @@ class Handset {
     double time_factor = 0;
     // A folder of files that is laid over the healthy phone's profile.
     std::filesystem::path profile = {};
-    // The program that becomes the phone's /vendor/bin/ftmd.
+    // The program that becomes the phone's /odm/bin/ftmd.
     std::filesystem::path daemon = FTM_DAEMON;
   };
 
@@ -99,6 +99,14 @@ class Handset {
   // The calls of the phone's stand-in programs, one line each: name and arguments.
   std::vector<std::string> program_calls() const;
 
+  // The memory card at /mnt/sdcard, or none.
+  struct MemoryCard {
+    uint64_t block_size;  // bytes
+    uint64_t blocks;
+    uint64_t free_blocks;  // those kept for the super-user included
+  };
+  void insert_card(const std::optional<MemoryCard>& card);
+
   // Makes a device appear at a path such as /dev/dri/card0. Before start; the model must live as
   // long as the handset.
   void add_device(const std::string& phone_path, Device* device);
@@ -115,6 +123,7 @@ class Handset {
   void receive_stage(int socket);
   void close_devices_unheld();
   int fault(const std::string& file, int call) const;
+  Answer on_statfs(const TrappedCall& call);
   Answer on_openat(const TrappedCall& call);
   Answer on_ioctl(const TrappedCall& call);
   Answer on_read(const TrappedCall& call);
@@ -123,6 +132,8 @@ class Handset {
   std::filesystem::path daemon_;
   std::filesystem::path base_;  // holds the root and the logs; removed at the end
   std::map<std::string, Device*> devices_;
+  mutable std::mutex card_mutex_;
+  std::optional<MemoryCard> card_;
   mutable std::mutex faults_mutex_;
   std::map<std::pair<std::string, int>, int> faults_;  // path and call to errno
   mutable std::mutex devices_mutex_;

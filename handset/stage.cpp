@@ -5,7 +5,7 @@
 //   handset_stage ROOT SOCKET SERIAL DAEMON [no-threads]
 //
 // ROOT is the prepared folder, SOCKET the number of a seqpacket socket to the handset, SERIAL the
-// tty that becomes /dev/ttyMSM0 ("-" for none), DAEMON the binary that becomes /vendor/bin/ftmd.
+// tty that becomes /dev/ttyMSM0 ("-" for none), DAEMON the binary that becomes /odm/bin/ftmd.
 // Sends the FUSE and the trap descriptor to the handset, or one line of text that says what is
 // missing.
 
@@ -217,7 +217,7 @@ int main(int argc, char** argv) {
   if (!serial.empty()) {
     bind(serial, root + "/dev/ttyMSM0");
   }
-  bind(daemon, root + "/vendor/bin/ftmd", true);
+  bind(daemon, root + "/odm/bin/ftmd", true);
   mount_nodes(root);
   enter_root(root);
 
@@ -228,6 +228,6 @@ int main(int argc, char** argv) {
   } else {
     trap_calls(traps);
   }
-  execv("/vendor/bin/ftmd", arguments);
+  execv("/odm/bin/ftmd", arguments);
   fail("cannot start the daemon");
 }

@@ -1,0 +1,247 @@
+// Storage, memory and CPU: sizes and states from /proc, one node and the memory card's file system.
+
+#include <errno.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "core/at.h"
+#include "core/bounded.h"
+#include "core/file_utils.h"
+#include "core/log.h"
+#include "core/unique.h"
+#include "modules/deviceinfo/deviceinfo.h"
+
+static const char kPartitions[] = "/proc/partitions";
+static const char kUfsplusStatus[] = "/proc/devinfo/ufsplus_status";
+static const char kMeminfo[] = "/proc/meminfo";
+static const char kCpuMaxFrequency[] = "/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq";
+static const char kMemoryCard[] = "/mnt/sdcard";
+
+// A text file read line by line, each of any length.
+class Lines {
+ public:
+  explicit Lines(FILE* file) : file_(file) {}
+  ~Lines() {
+    free(line_);
+  }
+  Lines(const Lines&) = delete;
+  Lines& operator=(const Lines&) = delete;
+
+  // The next line with its line end, or null.
+  const char* next() {
+    return getline(&line_, &size_, file_) < 0 ? nullptr : line_;
+  }
+
+ private:
+  FILE* file_;
+  char* line_ = nullptr;
+  size_t size_ = 0;
+};
+
+// Compares over the shorter of the two, as the readers of these files always did.
+static bool begins_with(const char* line, const char* key) {
+  return strncmp(line, key, std::min(strlen(line), strlen(key))) == 0;
+}
+
+// The number behind the key, as far as the line holds both.
+static bool scan_number(const char* line, const char* key, long* number) {
+  if (strncmp(line, key, strlen(key)) != 0) {
+    return false;
+  }
+  char* end = nullptr;
+  const long value = strtol(line + strlen(key), &end, 10);
+  if (end == line + strlen(key)) {
+    return false;
+  }
+  *number = value;
+  return true;
+}
+
+// The value replies of this file: "OK\r\n", a label, a number without a line end.
+static void send_value(const char* label, const char* value) {
+  at_send_result("OK\r\n");
+  at_send_result(label);
+  at_send_result(value);
+}
+
+// ---- Storage
+// -------------------------------------------------------------------------------------
+
+// Whole storage units, not their partitions.
+static bool is_storage_unit(const char* name) {
+  static const char* const kUnits[] = {"sda", "sdb", "sdc", "sdd", "sde", "sdf"};
+  return std::any_of(std::begin(kUnits), std::end(kUnits),
+                     [&](const char* unit) { return strcmp(name, unit) == 0; });
+}
+
+// KiB.
+static int64_t get_emmc_size() {
+  const UniqueFile file(fopen(kPartitions, "r"));
+  if (file == nullptr) {
+    return 0;
+  }
+  int64_t sum = 0;
+  Lines lines(file.get());
+  while (const char* line = lines.next()) {
+    if (begins_with(line, "major")) {
+      continue;
+    }
+    int minor = 0;
+    long blocks = 0;
+    char name[256];
+    // Lines that do not scan, such as the blank one behind the header, add nothing.
+    if (sscanf(line, "%*d %d %ld %255s\n", &minor, &blocks, name) == 3 && is_storage_unit(name) &&
+        __builtin_add_overflow(sum, blocks, &sum)) {
+      return INT64_MAX;
+    }
+  }
+  return sum;
+}
+
+int at_get_emmc_size(const char*) {
+  const int64_t size = get_emmc_size();
+  FTM_LOGD(TAG "%s\n", __func__);
+  char value[32];
+  bounded_format(value, sizeof(value), "%ld", static_cast<long>(size));
+  send_value(" EMMCSIZE:", value);
+  return 0;
+}
+
+int at_get_emmc_size_new(const char*) {
+  // Whole GiB: the decimals are always 00, on purpose.
+  const auto capacity = static_cast<float>(get_emmc_size() / 1048576);
+  char text[64];
+  bounded_format(text, sizeof(text), "capacity: %0.2f GB", static_cast<double>(capacity));
+  at_send_result("OK\r\n");
+  at_send_result(text);
+  return 0;
+}
+
+// Fills both states as far as the file has them. Returns 0, or -1 when it cannot be read.
+static int get_ufsplus_status(int* tw_status, int* hpb_status) {
+  FTM_LOGI(TAG "start get_ufsplus_status!!\n");
+  if (access(kUfsplusStatus, F_OK) != 0) {
+    return -1;
+  }
+  const UniqueFile file(fopen(kUfsplusStatus, "r"));
+  if (file == nullptr) {
+    FTM_LOGD(TAG "%s can't open /proc/devinfo/ufsplus_status %s \n", __func__, strerror(errno));
+    return -1;
+  }
+  const auto read_status = [](const char* line, const char* key, int* status) {
+    long number = 0;
+    if (scan_number(line, key, &number)) {
+      *status = static_cast<int>(std::clamp<long>(number, INT32_MIN, INT32_MAX));
+    }
+  };
+  Lines lines(file.get());
+  while (const char* line = lines.next()) {
+    if (begins_with(line, "HPB status:")) {
+      read_status(line, "HPB status:", hpb_status);
+    } else if (begins_with(line, "TW status:")) {
+      read_status(line, "TW status:", tw_status);
+      break;
+    }
+  }
+  FTM_LOGI(TAG "end get_ufsplus_status!!\n");
+  FTM_LOGD(TAG "%s hpb_status=%d, tw_status=%d\n", __func__, *hpb_status, *tw_status);
+  return 0;
+}
+
+int at_get_ufsplus_status(const char*) {
+  static const struct {
+    int tw;
+    int hpb;
+    const char* failure;  // null for none; without a line end on purpose
+  } kOutcomes[] = {
+      {1, 1, nullptr},
+      {1, 0, "HPB is not enable"},
+      {0, 1, "TW is not enable"},
+      {0, 0, "TW And HPB are not enable"},
+  };
+  int tw = 0;
+  int hpb = 0;
+  const char* failure = "Undefined ufsplus status";
+  if (get_ufsplus_status(&tw, &hpb) != 0) {
+    failure = "Can't Open UFSPLUS node";
+  } else {
+    for (const auto& outcome : kOutcomes) {
+      if (outcome.tw == tw && outcome.hpb == hpb) {
+        failure = outcome.failure;
+      }
+    }
+  }
+  if (failure == nullptr) {
+    at_send_result("OK\r\n");
+  } else {
+    at_send_result("ERROR\n");
+    at_send_result(failure);
+  }
+  return 0;
+}
+
+int at_test_sdcard(const char*) {
+  char text[100] = {};
+  struct statfs card;
+  if (statfs(kMemoryCard, &card) != 0) {
+    bounded_format(text, sizeof(text), "/mnt/sdcard not exit\n");
+    at_send_result("ERROR\n");
+    at_send_result(text);
+    return 0;
+  }
+  constexpr double kGibPerMib = 0.0009765625;
+  const auto block_size = static_cast<uint64_t>(card.f_bsize);
+  const uint64_t total = (card.f_blocks * block_size) >> 20;  // MiB
+  const uint64_t free = (block_size * card.f_bfree) >> 20;
+  bounded_format(text, sizeof(text), "SDcard total=%0.2lfGB, free=%0.2lfGB\n",
+                 static_cast<double>(total) * kGibPerMib, static_cast<double>(free) * kGibPerMib);
+  at_send_result("OK\r\n");
+  at_send_result(text);
+  return 0;
+}
+
+// ---- Memory and CPU
+// ------------------------------------------------------------------------------
+
+// kB. A missing file counts as 1, on purpose: 0 is for a file without the line.
+static int64_t get_mem_size() {
+  const UniqueFile file(fopen(kMeminfo, "r"));
+  if (file == nullptr) {
+    return 1;
+  }
+  long size = 0;
+  Lines lines(file.get());
+  while (const char* line = lines.next()) {
+    if (begins_with(line, "MemTotal:")) {
+      scan_number(line, "MemTotal:", &size);
+      break;
+    }
+  }
+  return size;
+}
+
+int at_get_mem_size(const char*) {
+  const int64_t size = get_mem_size();
+  FTM_LOGD(TAG "%s\n", __func__);
+  char value[32];
+  bounded_format(value, sizeof(value), "%ld", static_cast<long>(size));
+  send_value(" MEMSIZE:", value);
+  return 0;
+}
+
+int at_get_cpu_freq(const char*) {
+  char text[129] = {};
+  file_read_string(kCpuMaxFrequency, text, sizeof(text) - 1);
+  FTM_LOGD(TAG "%s\n", __func__);
+  char value[32];
+  bounded_format(value, sizeof(value), "%d", text_to_int(text));
+  send_value(" CPUINFO:", value);
+  return 0;
+}
