@@ -118,6 +118,14 @@ static void save_panel(const Words& words) {
   }
 }
 
+static void press_keys(const Words& words) {
+  for (size_t i = 1; i < words.size(); ++i) {
+    if (!phone->press_key(words[i])) {
+      std::cout << "power, volup and voldown are the keys\n";
+    }
+  }
+}
+
 static void put_record(const Words& words) {
   const std::filesystem::path image = phone->path("/dev/block/by-name/norvareserve1");
   const std::string value = words.size() > 2 ? words[2] : "";
@@ -179,6 +187,8 @@ static const DotCommand kDotCommands[] = {
      show_modules},
     {".programs", "", "calls of the phone's shell programs", 1, show_programs},
     {".prop", "NAME [VALUE]", "show or set a system property", 2, show_property},
+    {".key", "power|volup|voldown ...", "press keys, now or as soon as AT+KEY listens", 2,
+     press_keys},
     {".panel", "FILE.png", "what the panel shows, as a picture", 2, save_panel},
     {".record", "pcba [NUMBER] | download [start|over]", "put a record on the reserve partition", 2,
      put_record},

@@ -21,6 +21,28 @@ class DeviceFile {
   virtual int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) = 0;
 };
 
+// A file whose descriptor is memory of its own, which nothing need be written to.
+class MemoryFile : public DeviceFile {
+ public:
+  // kind names the memory in /proc/PID/fd; each gets a number of its own behind it. Throws
+  // std::runtime_error when there is no memory.
+  explicit MemoryFile(const std::string& kind);
+  ~MemoryFile() override;
+  MemoryFile(const MemoryFile&) = delete;
+  MemoryFile& operator=(const MemoryFile&) = delete;
+
+  // A descriptor for the caller.
+  int caller_descriptor() const;
+
+ protected:
+  int memory() const {
+    return memory_;
+  }
+
+ private:
+  int memory_;
+};
+
 struct OpenedDevice {
   int fd;  // becomes the caller's descriptor and is closed here, or a negative errno
   std::unique_ptr<DeviceFile> file = nullptr;  // null for a device without ioctls

@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <png.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -238,9 +237,9 @@ void DrmDevice::fail(uint32_t request, int error, int skip) {
 // ---- One open of the card
 // ------------------------------------------------------------------------
 
-class DrmFile : public DeviceFile {
+class DrmFile : public MemoryFile {
  public:
-  DrmFile(DrmDevice* card, int memory) : card_(card), memory_(memory) {}
+  explicit DrmFile(DrmDevice* card) : MemoryFile("drm-card"), card_(card) {}
   ~DrmFile() override;
 
   int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) override;
@@ -276,7 +275,6 @@ class DrmFile : public DeviceFile {
   std::vector<std::pair<uint32_t, uint64_t>> visible(uint32_t object) const;
 
   DrmDevice* card_;
-  int memory_;
   uint64_t memory_size_ = 0;
   bool atomic_ = false;
   uint32_t next_handle_ = 1;
@@ -286,13 +284,9 @@ class DrmFile : public DeviceFile {
 };
 
 OpenedDevice DrmDevice::open(const TrappedCall&, int) {
-  static std::atomic<int> opened = 0;
-  const std::string name = "drm-card-" + std::to_string(opened++);
-  const int memory = memfd_create(name.c_str(), MFD_CLOEXEC);
-  if (memory < 0) {
-    return {.fd = -errno};
-  }
-  return {.fd = fcntl(memory, F_DUPFD_CLOEXEC, 0), .file = std::make_unique<DrmFile>(this, memory)};
+  auto file = std::make_unique<DrmFile>(this);
+  const int fd = file->caller_descriptor();
+  return {.fd = fd, .file = std::move(file)};
 }
 
 // The kernel's own release at a close: what is left over goes, and what it showed goes dark.
@@ -306,7 +300,6 @@ DrmFile::~DrmFile() {
     --card_->made_blobs_;
   }
   card_->buffers_ -= buffers_.size();
-  close(memory_);
 }
 
 int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) {
@@ -577,7 +570,7 @@ int DrmFile::create_buffer(drm_mode_create_dumb* record) {
   const uint32_t alignment = card_->card_.pitch_alignment;
   record->pitch = (record->width * 4 + alignment - 1) / alignment * alignment;
   record->size = (uint64_t{record->pitch} * record->height + 4095) / 4096 * 4096;
-  if (ftruncate(memory_, static_cast<off_t>(memory_size_ + record->size)) != 0) {
+  if (ftruncate(memory(), static_cast<off_t>(memory_size_ + record->size)) != 0) {
     return ENOMEM;
   }
   record->handle = next_handle_++;
@@ -607,7 +600,7 @@ int DrmFile::add_framebuffer(drm_mode_fb_cmd2* record) {
     return EINVAL;
   }
   record->fb_id = card_->next_id_++;
-  card_->framebuffers_[record->fb_id] = {record->width, record->height, buffer->second, memory_};
+  card_->framebuffers_[record->fb_id] = {record->width, record->height, buffer->second, memory()};
   framebuffers_.insert(record->fb_id);
   return 0;
 }

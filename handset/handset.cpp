@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/input-event-codes.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -53,6 +54,14 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   insert_card(MemoryCard{.block_size = 32768, .blocks = 1941504, .free_blocks = 1931264});
   modules.set_loaded("cfg80211", true);
   add_device("/dev/dri/card0", &display);
+  add_device("/dev/media0", &cameras.video);
+  add_device("/dev/media1", &cameras.request_manager);
+  for (int i = 0; i < 6; ++i) {
+    add_device("/dev/v4l-subdev" + std::to_string(i), &cameras.sensor(i));
+  }
+  add_device("/dev/input/event0", &volume_keys);
+  add_device("/dev/input/event1", &power_key);
+  add_device("/dev/input/event2", &pointer);
 
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
@@ -158,6 +167,20 @@ std::vector<std::string> Handset::program_calls() const {
 void Handset::add_device(const std::string& phone_path, Device* device) {
   devices_[phone_path] = device;
   write_file(phone_path, "");  // for those who list the folder or look the file up
+}
+
+bool Handset::press_key(const std::string& name) {
+  open_devices();  // who has closed its device no longer listens
+  if (name == "power") {
+    power_key.press(KEY_POWER);
+  } else if (name == "volup") {
+    volume_keys.press(KEY_VOLUMEUP);
+  } else if (name == "voldown") {
+    volume_keys.press(KEY_VOLUMEDOWN);
+  } else {
+    return false;
+  }
+  return true;
 }
 
 void Handset::remove_device(const std::string& phone_path) {
@@ -405,10 +428,12 @@ void Handset::close_devices_unheld() {
   std::erase_if(opened_, [&](const auto& opened) { return held.count(opened.first) == 0; });
 }
 
-size_t Handset::open_devices() {
+size_t Handset::open_devices(const std::string& kind) {
   const std::lock_guard lock(devices_mutex_);
   close_devices_unheld();
-  return opened_.size();
+  return static_cast<size_t>(std::count_if(opened_.begin(), opened_.end(), [&](const auto& opened) {
+    return opened.first.find(kind) != std::string::npos;
+  }));
 }
 
 Answer Handset::on_ioctl(const TrappedCall& call) {

@@ -20,9 +20,11 @@
 #include <string_view>
 #include <vector>
 
+#include "handset/camera_devices.h"
 #include "handset/clock.h"
 #include "handset/device.h"
 #include "handset/drm_device.h"
+#include "handset/input_device.h"
 #include "handset/kernel_modules.h"
 #include "handset/nodes.h"
 #include "handset/serial_line.h"
@@ -70,8 +72,10 @@ class Handset {
   pid_t pid() const {
     return pid_;
   }
-  // How many device descriptors the daemon has open; those it has closed are closed in the models.
-  size_t open_devices();
+  // How many descriptors of a device model the daemon has open, by the name of its memory
+  // ("drm-card", "camera"); of all when empty. Those that it has closed are closed in the models
+  // now.
+  size_t open_devices(const std::string& kind = "");
   // How many descriptors the daemon has open.
   size_t open_descriptors() const;
 
@@ -107,6 +111,10 @@ class Handset {
   };
   void insert_card(const std::optional<MemoryCard>& card);
 
+  // Presses one of the phone's keys, named "power", "volup" or "voldown"; false for other names. A
+  // press that nobody listens to waits for the next who does.
+  bool press_key(const std::string& name);
+
   // Makes a device appear at a path such as /dev/dri/card0. Before start; the model must live as
   // long as the handset.
   void add_device(const std::string& phone_path, Device* device);
@@ -116,7 +124,12 @@ class Handset {
   KernelModules modules;
   Clock clock;
   SerialLine serial;
-  DrmDevice display{DrmDevice::phone_card()};  // /dev/dri/card0
+  Cameras cameras;  // /dev/media0 and 1, /dev/v4l-subdev0 to 5
+  InputDevice volume_keys{InputDevice::kSyn | InputDevice::kKey};  // /dev/input/event0
+  InputDevice power_key{InputDevice::kSyn | InputDevice::kKey};    // /dev/input/event1
+  InputDevice pointer{InputDevice::kSyn | InputDevice::kKey | InputDevice::kRelative |
+                      InputDevice::kAbsolute};  // /dev/input/event2
+  DrmDevice display{DrmDevice::phone_card()};   // /dev/dri/card0
 
  private:
   void lay_root();

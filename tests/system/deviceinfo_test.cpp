@@ -147,7 +147,7 @@ TEST(Identity, OpensThePanelOnlyWhereNobodyHas) {
   size_t lit_while_read = 0;
   for (const char* row : {"AT+LCDSN", "AT+IRIS=1"}) {
     phone.command(row);
-    EXPECT_EQ(phone.open_devices(), 0U) << row;
+    EXPECT_EQ(phone.open_devices("drm-card"), 0U) << row;
     const std::vector<uint32_t> pixels = phone.display.first_pixels();
     EXPECT_GT(pixels.size(), lit_while_read);
     lit_while_read = pixels.size();
@@ -157,7 +157,7 @@ TEST(Identity, OpensThePanelOnlyWhereNobodyHas) {
   phone.command("AT+LCDSN");
   phone.command("AT+IRIS=1");
   EXPECT_EQ(phone.display.first_pixels().size(), commits);
-  EXPECT_EQ(phone.open_devices(), 1U);
+  EXPECT_EQ(phone.open_devices("drm-card"), 1U);
 }
 
 TEST(Identity, TakesTheBridgesRecoveryModeForAnError) {

@@ -58,11 +58,11 @@ TEST(Display, IsWhiteWhileOpenAndBlackAfterwards) {
   EXPECT_EQ(lit.width, 1080);
   EXPECT_EQ(lit.height, 2340);
   EXPECT_TRUE(all(lit, kWhite));
-  EXPECT_EQ(phone.open_devices(), 1U);
+  EXPECT_EQ(phone.open_devices("drm-card"), 1U);
   phone.command("AT+EDFT=0,0");
   EXPECT_TRUE(all(phone.display.picture(), 0));
   EXPECT_EQ(phone.display.objects(), DrmDevice::Objects{});
-  EXPECT_EQ(phone.open_devices(), 0U);
+  EXPECT_EQ(phone.open_devices("drm-card"), 0U);
   // The start-up's and the rows' flips: both buffers as they were made, white; black, blanked.
   const std::vector<uint32_t> once = {0, 0, 0, kWhite, 0, 0};
   std::vector<uint32_t> twice = once;
@@ -159,7 +159,7 @@ TEST(Display, SkipsCardsThatCannotShowAnything) {
   phone.start();
   phone.command("AT+EDFT=0,5");
   EXPECT_TRUE(all(right.picture(), kWhite));
-  EXPECT_EQ(phone.open_devices(), 1U);
+  EXPECT_EQ(phone.open_devices("drm-card"), 1U);
 }
 
 TEST(Display, WithoutACardTheLightsAnswerAllTheSame) {
@@ -224,7 +224,7 @@ TEST(Display, EachFailingCallLeavesNothingBehind) {
     EXPECT_EQ(all(p.device.picture(), kWhite), c.lit);
     p.phone.command("AT+EDFT=0,0");
     EXPECT_NE(p.phone.output().find(c.message), std::string::npos);
-    EXPECT_EQ(p.phone.open_devices(), 0U);
+    EXPECT_EQ(p.phone.open_devices("drm-card"), 0U);
     EXPECT_EQ(p.device.objects(), DrmDevice::Objects{});
     p.phone.command("AT+EDFT=0,5");
     EXPECT_TRUE(all(p.device.picture(), kWhite));
@@ -241,7 +241,7 @@ TEST(Display, AThousandOpensLeaveNothingBehind) {
     p.phone.command("AT+EDFT=0,0");
   }
   EXPECT_EQ(p.phone.open_descriptors(), descriptors);
-  EXPECT_EQ(p.phone.open_devices(), 0U);
+  EXPECT_EQ(p.phone.open_devices("drm-card"), 0U);
   EXPECT_EQ(p.device.objects(), DrmDevice::Objects{});
   std::ifstream maps("/proc/" + std::to_string(p.phone.pid()) + "/maps");
   const std::string mapped{std::istreambuf_iterator<char>(maps), {}};

@@ -26,7 +26,7 @@ TEST(Lights, StartWithEverythingDark) {
   const std::vector<std::chrono::microseconds> waits = phone.clock.take_waits();
   EXPECT_EQ(waits, std::vector<std::chrono::microseconds>(2, std::chrono::milliseconds(100)));
   EXPECT_GT(phone.display.commits(), 0);
-  EXPECT_EQ(phone.open_devices(), 0U);
+  EXPECT_EQ(phone.open_devices("drm-card"), 0U);
 }
 
 TEST(Lights, AnswerEachRow) {

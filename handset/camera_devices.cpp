@@ -1,0 +1,167 @@
+// Media devices and camera sensors; see camera_devices.h.
+
+#include "handset/camera_devices.h"
+
+#include <errno.h>
+#include <linux/media.h>
+#include <string.h>
+
+#include <algorithm>
+
+static constexpr uint32_t kSensorSubDevice = 0x10001;
+static constexpr uint32_t kFlashSubDevice = 0x1000a;
+
+// ---- Sensors
+// -------------------------------------------------------------------------------------
+
+class CameraSensorFile : public MemoryFile {
+ public:
+  explicit CameraSensorFile(CameraSensor* sensor) : MemoryFile("camera"), sensor_(sensor) {
+    const std::lock_guard lock(sensor_->mutex_);
+    ++sensor_->opened_;
+  }
+  ~CameraSensorFile() override {
+    const std::lock_guard lock(sensor_->mutex_);
+    --sensor_->opened_;
+  }
+
+  int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) override {
+    const std::lock_guard lock(sensor_->mutex_);
+    const bool power = request == CameraSensor::kPowerUp || request == CameraSensor::kPowerDown;
+    if (power) {
+      sensor_->requests_.push_back(request);
+    }
+    if (const auto refused = sensor_->refused_.find(request); refused != sensor_->refused_.end()) {
+      return -refused->second;
+    }
+    if (power) {
+      sensor_->powered_ = request == CameraSensor::kPowerUp;
+      return 0;
+    }
+    return request == CameraSensor::kControl ? control(call, argument) : -ENOTTY;
+  }
+
+ private:
+  int64_t control(const TrappedCall& call, uint64_t argument) {
+    struct {
+      uint32_t op_code;
+      uint32_t size;
+      uint32_t handle_type;
+      uint32_t reserved;
+      uint64_t handle;
+    } record;
+    if (!call.read(argument, &record, sizeof(record))) {
+      return -EFAULT;
+    }
+    if (record.op_code != 0x8006 || record.size != sizeof(record) || record.handle_type != 1) {
+      return -EINVAL;
+    }
+    return call.write(record.handle, &sensor_->id_, sizeof(sensor_->id_)) ? 0 : -EFAULT;
+  }
+
+  CameraSensor* sensor_;
+};
+
+bool CameraSensor::powered() const {
+  const std::lock_guard lock(mutex_);
+  return powered_;
+}
+
+std::vector<uint32_t> CameraSensor::requests() const {
+  const std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+int CameraSensor::opened() const {
+  const std::lock_guard lock(mutex_);
+  return opened_;
+}
+
+void CameraSensor::refuse(uint32_t request, int error) {
+  const std::lock_guard lock(mutex_);
+  if (error == 0) {
+    refused_.erase(request);
+  } else {
+    refused_[request] = error;
+  }
+}
+
+OpenedDevice CameraSensor::open(const TrappedCall&, int) {
+  auto file = std::make_unique<CameraSensorFile>(this);
+  const int fd = file->caller_descriptor();
+  return {.fd = fd, .file = std::move(file)};
+}
+
+// ---- Media devices
+// -------------------------------------------------------------------------------
+
+class MediaFile : public MemoryFile {
+ public:
+  explicit MediaFile(const MediaDevice* device) : MemoryFile("media"), device_(device) {}
+
+  int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) override {
+    switch (request) {
+      case MEDIA_IOC_DEVICE_INFO:
+        return information(call, argument);
+      case MEDIA_IOC_ENUM_ENTITIES:
+        return entity(call, argument);
+      default:
+        return -ENOTTY;
+    }
+  }
+
+ private:
+  int64_t information(const TrappedCall& call, uint64_t argument) {
+    if (device_->information_error_ != 0) {
+      return -device_->information_error_;
+    }
+    media_device_info info = {};
+    strncpy(info.driver, "handset", sizeof(info.driver) - 1);
+    device_->model_.copy(info.model, sizeof(info.model));
+    return call.write(argument, &info, sizeof(info)) ? 0 : -EFAULT;
+  }
+
+  // The entity of the id asked for, or with the flag the one that follows it.
+  int64_t entity(const TrappedCall& call, uint64_t argument) {
+    media_entity_desc record;
+    if (!call.read(argument, &record, sizeof(record))) {
+      return -EFAULT;
+    }
+    const uint32_t id = record.id & ~MEDIA_ENT_ID_FLAG_NEXT;
+    const bool next = (record.id & MEDIA_ENT_ID_FLAG_NEXT) != 0;
+    const auto found =
+        std::find_if(device_->entities_.begin(), device_->entities_.end(),
+                     [&](const MediaEntity& e) { return next ? e.id > id : e.id == id; });
+    if (found == device_->entities_.end()) {
+      return -EINVAL;
+    }
+    record = {};
+    record.id = found->id;
+    record.type = found->type;
+    found->name.copy(record.name, sizeof(record.name));
+    return call.write(argument, &record, sizeof(record)) ? 0 : -EFAULT;
+  }
+
+  const MediaDevice* device_;
+};
+
+OpenedDevice MediaDevice::open(const TrappedCall&, int) {
+  auto file = std::make_unique<MediaFile>(this);
+  const int fd = file->caller_descriptor();
+  return {.fd = fd, .file = std::move(file)};
+}
+
+static std::vector<MediaEntity> sensor_entities() {
+  std::vector<MediaEntity> entities = {{1, 0x10000, "cam-req-mgr"}};
+  for (uint32_t i = 0; i < 6; ++i) {
+    entities.push_back({2 + i, kSensorSubDevice, "v4l-subdev" + std::to_string(i)});
+  }
+  entities.push_back({8, kFlashSubDevice, "v4l-subdev6"});
+  return entities;
+}
+
+Cameras::Cameras()
+    : video("msm_vidc", {{1, kSensorSubDevice, "no-camera"}}),
+      request_manager("cam-req-mgr-devnode", sensor_entities()),
+      sensors_{CameraSensor(0), CameraSensor(1), CameraSensor(2),
+               CameraSensor(3), CameraSensor(4), CameraSensor(5)} {}

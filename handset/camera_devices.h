@@ -1,0 +1,88 @@
+// The camera's side of the phone: media devices with their entities, and camera sensors whose power
+// the daemon switches. Callable from any thread.
+
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "handset/device.h"
+
+// One camera sensor sub-device.
+class CameraSensor : public Device {
+ public:
+  static constexpr uint32_t kPowerUp = 0;
+  static constexpr uint32_t kPowerDown = 1;
+  static constexpr uint32_t kControl = 0xC01856C0;
+
+  // id is what its driver reports.
+  explicit CameraSensor(int32_t id) : id_(id) {}
+
+  bool powered() const;
+  // The power requests so far, refused ones included.
+  std::vector<uint32_t> requests() const;
+  // How often it is open.
+  int opened() const;
+
+  // Makes a request fail with an errno from now on; 0 makes it work again.
+  void refuse(uint32_t request, int error);
+
+  OpenedDevice open(const TrappedCall& call, int flags) override;
+
+ private:
+  friend class CameraSensorFile;
+
+  const int32_t id_;
+  mutable std::mutex mutex_;
+  bool powered_ = false;
+  int opened_ = 0;
+  std::vector<uint32_t> requests_;
+  std::map<uint32_t, int> refused_;
+};
+
+struct MediaEntity {
+  uint32_t id;
+  uint32_t type;  // 0x10001 for a camera sensor
+  std::string name;
+};
+
+// One media device.
+class MediaDevice : public Device {
+ public:
+  MediaDevice(std::string model, std::vector<MediaEntity> entities)
+      : model_(std::move(model)), entities_(std::move(entities)) {}
+
+  // Makes the information request fail with an errno.
+  void refuse_information(int error) {
+    information_error_ = error;
+  }
+
+  OpenedDevice open(const TrappedCall& call, int flags) override;
+
+ private:
+  friend class MediaFile;
+
+  const std::string model_;
+  const std::vector<MediaEntity> entities_;
+  int information_error_ = 0;
+};
+
+// A healthy phone's cameras: one other media device, then the request manager with six sensors, ids
+// 0 to 5, at /dev/v4l-subdev0 to 5.
+class Cameras {
+ public:
+  Cameras();
+
+  CameraSensor& sensor(int id) {
+    return sensors_[static_cast<size_t>(id)];
+  }
+
+  MediaDevice video;
+  MediaDevice request_manager;
+
+ private:
+  CameraSensor sensors_[6];
+};

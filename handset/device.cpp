@@ -1,0 +1,28 @@
+// Memory behind device files; see device.h.
+
+#include "handset/device.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <stdexcept>
+
+MemoryFile::MemoryFile(const std::string& kind) {
+  static std::atomic<int> made = 0;
+  memory_ = memfd_create((kind + "-" + std::to_string(made++)).c_str(), MFD_CLOEXEC);
+  if (memory_ < 0) {
+    throw std::runtime_error(std::string("cannot make a device's memory: ") + strerror(errno));
+  }
+}
+
+MemoryFile::~MemoryFile() {
+  close(memory_);
+}
+
+int MemoryFile::caller_descriptor() const {
+  return fcntl(memory_, F_DUPFD_CLOEXEC, 0);
+}
