@@ -226,7 +226,7 @@ static bool run_batch_line(const std::string& line) {
     return true;
   }
   const int reads = phone->serial.reads();
-  phone->serial.send(line + "\r\n");
+  phone->serial.send(line + "\n");
   bool handled = false;
   bool ended = false;
   while (!handled && !ended) {
@@ -297,7 +297,7 @@ static void on_line(char* typed) {
   if (line[0] == '.') {
     run_dot_command(line);
   } else {
-    phone->serial.send(line + "\r\n");
+    phone->serial.send(line + "\n");
   }
 }
 
