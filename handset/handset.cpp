@@ -97,11 +97,7 @@ void Handset::lay_root() {
       fs::create_directory(root / folder);
     }
   }
-  // The raw reserve partitions, both names, and the unit that shows the phone's storage to be UFS.
-  for (const char* image : {"norvareserve1", "tarnreserve1"}) {
-    std::ofstream(root / "dev/block/bootdevice/by-name" / image).flush();
-    fs::resize_file(root / "dev/block/bootdevice/by-name" / image, 8 << 20);
-  }
+  // The unit that shows the phone's storage to be UFS.
   std::ofstream(root / "dev/block/sda").flush();
   // Both names of the partitions' folder lead to the same images.
   fs::create_symlink("bootdevice/by-name", root / "dev/block/by-name");

@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
+#include "handset/partitions.h"
 #include "tests/system/station.h"
 
 namespace fs = std::filesystem;
@@ -19,9 +19,9 @@ static const Replies kError = {"ERROR\n"};
 static const Replies kGateClosed = {"ERROR\n", " UNLOCK FIRST"};
 static const Replies kUnlocked = {"OK\r\n", " UNLOCKED SUCCESS"};
 
-static const std::string kPartition = "/dev/block/bootdevice/by-name/tarnreserve1";
-static const std::string kNamed = "/dev/block/by-name/tarnreserve1";
-static const std::string kNorvaPartition = "/dev/block/bootdevice/by-name/norvareserve1";
+static const std::string kPartition = "/dev/block/bootdevice/by-name/norvareserve1";
+static const std::string kNamed = "/dev/block/by-name/norvareserve1";
+static const std::string kTarnPartition = "/dev/block/bootdevice/by-name/tarnreserve1";
 static const std::string kSecrecyFile = "/mnt/vendor/norvareserve/system/config/secrecy.cfg";
 static const std::string kTestRecords = "/mnt/vendor/persist/engineermode/test_record";
 static const std::string kSetInfo = "AT^WITH_ARGS_PRODUCT_INFO:";
@@ -30,17 +30,11 @@ static constexpr size_t kInfo = 0x481000;
 static constexpr size_t kSecrecy = 0x48E000;
 
 static void lay(Handset& phone, size_t offset, const std::string& bytes) {
-  std::fstream image(phone.path(kPartition), std::ios::in | std::ios::out | std::ios::binary);
-  image.seekp(static_cast<std::streamoff>(offset));
-  image << bytes;
+  write_partition(phone.path(kPartition), offset, bytes);
 }
 
 static std::string bytes_at(Handset& phone, size_t offset, size_t size) {
-  std::ifstream image(phone.path(kPartition), std::ios::binary);
-  image.seekg(static_cast<std::streamoff>(offset));
-  std::string bytes(size, '?');
-  image.read(bytes.data(), static_cast<std::streamsize>(size));
-  return bytes;
+  return read_partition(phone.path(kPartition), offset, size);
 }
 
 static std::string padded(std::string text, size_t size) {
@@ -71,14 +65,11 @@ TEST(EngineerRecords, LieAtTheirOffsetsAndLeaveTheRestAlone) {
       {kSetInfo + "COLOR=RED", kInfo, 0x464000, padded("COLOR=RED", 256)},
   };
   for (const bool ufs : {true, false}) {
-    for (const std::string& partition : {kPartition, kNorvaPartition}) {
+    for (const std::string& partition : {kPartition, kTarnPartition}) {
       SCOPED_TRACE(partition + (ufs ? " on UFS" : " on eMMC"));
       Handset phone;
       if (!ufs) {
         fs::remove(phone.path("/dev/block/sda"));
-      }
-      if (partition == kNorvaPartition) {
-        fs::remove(phone.path(kPartition));
       }
       phone.start();
       std::string expected(5 << 20, '\xaa');
@@ -283,10 +274,9 @@ TEST(EngineerRecords, FailuresOfThePartition) {
   }
   // The ADB mark makes the partition's file when there is none; nothing else does.
   fs::remove(phone.path(kPartition));
-  fs::remove(phone.path(kNorvaPartition));
   EXPECT_EQ(phone.command("AT^WITH_ARGS_BACKCOVER_COLOR:12345678"), Replies{});
   EXPECT_EQ(phone.command("AT^ENABLE_ENG_ADB"), kOk);
-  EXPECT_EQ(phone.read_file(kNorvaPartition)->substr(0x42D600), "ENABLE_BY_FTM");
+  EXPECT_EQ(phone.read_file(kPartition)->substr(0x42D600), "ENABLE_BY_FTM");
 }
 
 TEST(Secrecy, TheEncryptionMarkIsAFile) {
