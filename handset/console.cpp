@@ -236,7 +236,7 @@ static bool run_batch_line(const std::string& line) {
     return true;
   }
   const int reads = phone->serial.reads();
-  phone->serial.send(line + "\r\n");
+  phone->serial.send(line + "\n");
   bool handled = false;
   bool ended = false;
   while (!handled && !ended) {
@@ -307,7 +307,7 @@ static void on_line(char* typed) {
   if (line[0] == '.') {
     run_dot_command(line);
   } else {
-    phone->serial.send(line + "\r\n");
+    phone->serial.send(line + "\n");
   }
 }
 

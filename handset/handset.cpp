@@ -106,6 +106,8 @@ void Handset::lay_root() {
       fs::create_directory(root / folder);
     }
   }
+  // The unit that shows the phone's storage to be UFS.
+  std::ofstream(root / "dev/block/sda").flush();
   // Both names of the partitions' folder lead to the same images.
   fs::create_symlink("bootdevice/by-name", root / "dev/block/by-name");
   // Places for binds.

@@ -1,0 +1,34 @@
+// The engineer module's records on the raw reserve partition: where they lie, and plain reads and
+// writes at an offset. Partition and storage kind are chosen afresh at every access. Command thread
+// only.
+
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+// Byte offsets from the start of the partition, by the phone's storage.
+struct ReserveRecord {
+  uint32_t ufs;
+  uint32_t emmc;
+};
+
+constexpr ReserveRecord kBackcoverColorRecord = {0x42D200, 0x41A600};    // 8 bytes
+constexpr ReserveRecord kEngineermodeMarkRecord = {0x42D400, 0x41AA00};  // 512 bytes
+constexpr ReserveRecord kEngineerAdbRecord = {0x42D600, 0x41B000};       // 13 bytes
+constexpr ReserveRecord kProductInfoRecord = {0x481000, 0x464000};       // 2560 bytes
+constexpr ReserveRecord kSecrecyRecord = {0x48E000, 0x468C00};           // 1024 bytes
+
+// The path of the partition that holds the records.
+const char* reserve_partition();
+
+// The record's offset on this phone's storage.
+uint32_t record_offset(const ReserveRecord& record);
+
+// Reads up to length bytes at the offset, in one call. Returns the bytes read, 0 at the end of the
+// file, or -1 with errno as the failed call left it.
+int readInterface(const char* path, uint32_t offset, void* destination, size_t length);
+
+// Writes length bytes at the offset of an existing file and brings them to storage. Returns the
+// bytes written, or -1 with errno as the failed call left it.
+int writeInterface(const char* path, uint32_t offset, const void* source, size_t length);
