@@ -66,7 +66,7 @@ static bool read_flag(const char* path, bool* flag) {
 
 static void read_measurements(BatteryRecord* record) {
   if (!read_flag(kPresentNode, &record->battery_present) || !record->battery_present) {
-    FTM_LOGD(TAG "battery is not available\n");
+    FTM_LOGE(TAG "battery is not available\n");
     return;
   }
   read_number(kCapacityNode, 1, &record->capacity);

@@ -125,7 +125,7 @@ static void enumerate_entities(int media) {
 static bool map_roles_by_configuration() {
   const UniqueFile file(fopen(kConfiguration, "r"));
   if (file == nullptr) {
-    FTM_LOGD("File opening failed, file does not exist");
+    FTM_LOGE("File opening failed, file does not exist");
     return false;
   }
   char line[kConfigurationLine + 1];
@@ -161,7 +161,7 @@ void find_cameras() {
     }
     media_device_info info = {};
     if (ioctl(media.get(), MEDIA_IOC_DEVICE_INFO, &info) < 0) {
-      FTM_LOGD("media device get device info failed");
+      FTM_LOGE("media device get device info failed");
       continue;
     }
     char model[sizeof(info.model) + 1] = {};

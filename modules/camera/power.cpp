@@ -40,7 +40,7 @@ static void log_start(const char* handler, CameraRole role) {
 
 static bool has_descriptor(const char* handler, CameraRole role) {
   if (camera_role_fd(role) < 0) {
-    FTM_LOGD("%s:%d fd open error: %s", handler, __LINE__, strerror(errno));
+    FTM_LOGE("%s:%d fd open error: %s", handler, __LINE__, strerror(errno));
     at_send_result("ERROR\n");
     return false;
   }
@@ -50,7 +50,7 @@ static bool has_descriptor(const char* handler, CameraRole role) {
 static void request_power_up(const char* handler, CameraRole role) {
   const int ret = ioctl(camera_role_fd(role), VIDIOC_CAM_FTM_POWNER_UP, nullptr);
   if (ret < 0) {
-    FTM_LOGD("%s:%d VIDIOC_CAM_FTM_POWNER_UP failed: %s", handler, __LINE__, strerror(errno));
+    FTM_LOGE("%s:%d VIDIOC_CAM_FTM_POWNER_UP failed: %s", handler, __LINE__, strerror(errno));
     if (kDifferences[role].up_failure_closes) {
       close_camera_role(role);
     }
@@ -78,7 +78,7 @@ static int power_down(const char* handler, CameraRole role) {
     if (ioctl(camera_role_fd(role), VIDIOC_CAM_FTM_POWNER_DOWN, nullptr) >= 0) {
       at_send_result("OK\r\n");
     } else {
-      FTM_LOGD("%s:%d VIDIOC_CAM_FTM_POWNER_DOWN failed: %s", handler, __LINE__, strerror(errno));
+      FTM_LOGE("%s:%d VIDIOC_CAM_FTM_POWNER_DOWN failed: %s", handler, __LINE__, strerror(errno));
       if (kDifferences[role].down_failure_replies) {
         at_send_result("ERROR\n");
         return 0;
@@ -132,16 +132,16 @@ int at_camera_test(const char*) {
   FTM_LOGD(TAG "%s start\n", __func__);
   const int fd = camera_role_fd(kMainCamera);
   if (fd < 0) {
-    FTM_LOGD("fd open error\n");
+    FTM_LOGE("fd open error\n");
     at_send_result("ERROR\n");
     return 0;
   }
   if (powered) {
     if (ioctl(fd, VIDIOC_CAM_FTM_POWNER_DOWN, nullptr) < 0) {
-      FTM_LOGD("power down failed!");
+      FTM_LOGE("power down failed!");
     }
   } else if (ioctl(fd, VIDIOC_CAM_FTM_POWNER_UP, nullptr) < 0) {
-    FTM_LOGD("power up failed!");
+    FTM_LOGE("power up failed!");
   }
   powered = !powered;
   at_send_result("OK\r\n");

@@ -60,7 +60,7 @@ using Code = char[kCodeSize + 1];
 static bool read_code(const char* handler, const QrFile& file, Code& code) {
   const UniqueFd fd(open(file.path, O_RDONLY));
   if (!fd.ok()) {
-    FTM_LOGD(file.missing, handler);
+    FTM_LOGE(file.missing, handler);
     return false;
   }
   Code held = {};

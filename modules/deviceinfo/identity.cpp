@@ -205,7 +205,7 @@ int at_get_lcd_sn_check(const char*) {
   FTM_LOGD(TAG "%s, 0x%lx\n", __func__, static_cast<unsigned long>(number));
   if (number == 0) {
     at_send_result("ERROR\n");
-    FTM_LOGD(TAG "not find panel sn\n");
+    FTM_LOGE(TAG "not find panel sn\n");
     return 0;
   }
   constexpr unsigned long kFirstYear = 2011;

@@ -81,7 +81,7 @@ static Partition open_partition() {
       if (fd.ok()) {
         return {std::move(fd), true};
       }
-      FTM_LOGD("READ:Unable to open %s\n", path);
+      FTM_LOGE("READ:Unable to open %s\n", path);
     }
     return {UniqueFd(), true};
   }
@@ -90,7 +90,7 @@ static Partition open_partition() {
   FTM_LOGD("useTarnReserve = %d\n", 0);
   UniqueFd fd(open(kReserve4, O_RDWR));
   if (!fd.ok()) {
-    FTM_LOGD(TAG "Unable to open %s\n", kReserve4);
+    FTM_LOGE(TAG "Unable to open %s\n", kReserve4);
   }
   return {std::move(fd), false};
 }
@@ -103,12 +103,12 @@ static size_t read_record(const Partition& partition, const Record& record, void
                            ? lseek(partition.fd.get(), record.offset, SEEK_SET)
                            : lseek(partition.fd.get(), record.offset_from_end, SEEK_END);
   if (sought < 0) {
-    FTM_LOGD("%s", partition.integrated ? record.seek_failed : record.seek_from_end_failed);
+    FTM_LOGE("%s", partition.integrated ? record.seek_failed : record.seek_from_end_failed);
     return 0;
   }
   const ssize_t count = read(partition.fd.get(), data, size);
   if (count < 1) {
-    FTM_LOGD(TAG "read none from reserve4\n");  // whichever partition it was
+    FTM_LOGE(TAG "read none from reserve4\n");  // whichever partition it was
     return 0;
   }
   return static_cast<size_t>(count);
@@ -136,7 +136,7 @@ static const char* ftm_getNV_pcba() {
   static char number[kItemSize];
   const UniqueFile file(fopen(kPcbaItemFile, "rb+"));
   if (file == nullptr) {
-    FTM_LOGD(TAG "Unable to open %s\n", kPcbaItemFile);
+    FTM_LOGE(TAG "Unable to open %s\n", kPcbaItemFile);
     return "";
   }
   uint8_t item[kItemSize] = {};

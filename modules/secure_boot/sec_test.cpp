@@ -36,7 +36,7 @@ static int ftm_sec_read_proc(const char* path, char* buffer, size_t size) {
   }
   const int result = static_cast<int>(read(fd.get(), buffer, size));
   if (result <= 0) {
-    FTM_LOGD(TAG "%s: read %s with error size: %d\n", __func__, path, result);
+    FTM_LOGE(TAG "%s: read %s with error size: %d\n", __func__, path, result);
     return -1;
   }
   return 0;
@@ -47,18 +47,18 @@ static int read_stage(const char* caller, const char* path, size_t size, int* st
   // One cleared byte more than is read: the text ends inside the allocation.
   const std::unique_ptr<char[]> text(new (std::nothrow) char[size + 1]());
   if (text == nullptr) {
-    FTM_LOGD(TAG "%s: failed to malloc read buffer for %s\n", caller, path);
+    FTM_LOGE(TAG "%s: failed to malloc read buffer for %s\n", caller, path);
     return -1;
   }
   if (ftm_sec_read_proc(path, text.get(), size) != 0) {
-    FTM_LOGD(TAG "%s: failed to read %s\n", caller, path);
+    FTM_LOGE(TAG "%s: failed to read %s\n", caller, path);
     return -1;
   }
   // A text without a number must not pass as stage 0.
   char* end = nullptr;
   strtol(text.get(), &end, 10);
   if (end == text.get()) {
-    FTM_LOGD(TAG "%s: failed to read %s\n", caller, path);
+    FTM_LOGE(TAG "%s: failed to read %s\n", caller, path);
     return -1;
   }
   *stage = text_to_int(text.get());
@@ -81,12 +81,12 @@ static const char* stage_name(int stage) {
 static bool ftm_sec_check_secureboot(int pcb_version, int stage) {
   if (pcb_version >= kFirstPvtBoard) {
     if (stage != kSecureBootStage2) {
-      FTM_LOGD(TAG "%s secureboot is not stage two for pvt board\n", __func__);
+      FTM_LOGE(TAG "%s secureboot is not stage two for pvt board\n", __func__);
       return false;
     }
   } else if (pcb_version >= kFirstDvtBoard) {
     if (stage != kSecureBootStage1 && stage != kSecureBootStage2) {
-      FTM_LOGD(TAG "%s secureboot is not open for dvt board\n", __func__);
+      FTM_LOGE(TAG "%s secureboot is not open for dvt board\n", __func__);
       return false;
     }
   }

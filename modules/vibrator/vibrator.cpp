@@ -86,7 +86,7 @@ static int at_vibrator_off(const char*) {
 static int switch_leakage_test(const char* handler, const char* value) {
   FTM_LOGD(TAG "%s, ret=%d\n", handler, 0);
   if (file_write_string(kLeakageNode, value) < 1) {
-    FTM_LOGD("write AW8697_LEAKAGE__FILE fail\n");
+    FTM_LOGE("write AW8697_LEAKAGE__FILE fail\n");
     at_send_result("ERROR\n");
     return 0;
   }

@@ -116,7 +116,7 @@ static void rmmod(const char* name) {
     }
     usleep(kUnloadRetryUs);
   }
-  FTM_LOGD("Unable to unload driver module \"%s\": %s\n", name, strerror(error));
+  FTM_LOGE("Unable to unload driver module \"%s\": %s\n", name, strerror(error));
 }
 
 static int at_close_wifi(const char*) {
