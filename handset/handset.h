@@ -25,6 +25,7 @@
 #include "handset/drm_device.h"
 #include "handset/kernel_modules.h"
 #include "handset/nodes.h"
+#include "handset/power_interfaces.h"
 #include "handset/serial_line.h"
 
 class Handset {
@@ -115,6 +116,7 @@ class Handset {
   Nodes nodes;
   KernelModules modules;
   Clock clock;
+  PowerInterfaces power{&nodes, clock};
   SerialLine serial;
   DrmDevice display{DrmDevice::phone_card()};  // /dev/dri/card0
 
