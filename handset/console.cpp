@@ -16,6 +16,7 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "handset/handset.h"
 #include "handset/partitions.h"
@@ -181,7 +182,7 @@ static void show_file(const Words& words) {
 }
 
 static void pause(const Words& words) {
-  usleep(static_cast<useconds_t>(std::stoul(words[1])) * 1000);
+  std::this_thread::sleep_for(std::chrono::milliseconds(atoi(words[1].c_str())));
 }
 
 static void show_line(const Words&) {

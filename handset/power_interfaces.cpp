@@ -75,8 +75,7 @@ bool PowerInterfaces::fire_alarm(seconds limit) {
   if (!changed_.wait_for(lock, limit, [this] { return alarm_.has_value(); })) {
     return false;
   }
-  alarm_.reset();
-  note_event();
+  note_alarm();
   return true;
 }
 
@@ -97,11 +96,18 @@ void PowerInterfaces::note_event() {
   changed_.notify_all();
 }
 
+// The kernel, too, holds the phone awake for a moment, so that whoever set the alarm can act on it.
+void PowerInterfaces::note_alarm() {
+  constexpr milliseconds kHeldAwake(500);
+  alarm_.reset();
+  alarm_handled_ = steady_clock::now() + kHeldAwake;
+  note_event();
+}
+
 // The alarm fires by whoever looks next; those who wait look often.
 void PowerInterfaces::note_time() {
   if (alarm_.has_value() && steady_clock::now() >= *alarm_) {
-    alarm_.reset();
-    note_event();
+    note_alarm();
   }
 }
 
@@ -142,8 +148,8 @@ int PowerInterfaces::store_state(const std::string& text) {
 
 std::string PowerInterfaces::show_wakeup_count() {
   Lock lock(mutex_);
-  // A held wake lock is an event that has not ended: its count is not known before.
-  while (!wake_locks_.empty() && wait_moment(lock)) {
+  // A held wake lock is an event that has not ended: the count is not known before.
+  while ((!wake_locks_.empty() || steady_clock::now() < alarm_handled_) && wait_moment(lock)) {
   }
   note_time();
   return std::to_string(wakeup_count_) + "\n";

@@ -26,7 +26,7 @@ class PowerInterfaces {
   // Suspends that ended in a resume.
   int suspends() const;
   std::set<std::string> wake_locks() const;
-  // What a read of the node gives once no wake lock is held.
+  // What a read of the node gives once no event is in progress.
   uint64_t wakeup_count() const;
   // True from its arming until the alarm fires.
   bool alarm_pending() const;
@@ -62,6 +62,7 @@ class PowerInterfaces {
 
   bool wait_moment(Lock& lock);
   void note_event();
+  void note_alarm();
   void note_time();
 
   const double factor_;
@@ -76,4 +77,5 @@ class PowerInterfaces {
   std::optional<std::chrono::milliseconds> suspend_time_;
   std::optional<Time> alarm_;  // when the desk's clock makes it fire
   std::string alarm_text_;     // when the phone's clock does
+  Time alarm_handled_;         // until then the fired alarm's event is in progress
 };
