@@ -6,7 +6,6 @@
 #include <time.h>
 
 #include <algorithm>
-#include <utility>
 
 using std::chrono::microseconds;
 using std::chrono::nanoseconds;
@@ -36,6 +35,9 @@ Answer Clock::clock_nanosleep(const TrappedCall& call) {
   {
     const std::lock_guard lock(mutex_);
     waits_.push_back(std::chrono::duration_cast<microseconds>(wait));
+  }
+  if (on_wait_) {
+    on_wait_(std::chrono::duration_cast<microseconds>(wait));
   }
   return Answer::result_after(0, std::chrono::duration_cast<nanoseconds>(wait * factor_));
 }

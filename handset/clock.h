@@ -4,7 +4,9 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "handset/supervisor.h"
@@ -22,10 +24,16 @@ class Clock {
   std::vector<std::chrono::microseconds> waits() const;
   std::vector<std::chrono::microseconds> take_waits();
 
+  // Runs a function when a wait begins, with the wait, on the supervisor's thread. Before start.
+  void on_wait(std::function<void(std::chrono::microseconds)> function) {
+    on_wait_ = std::move(function);
+  }
+
   Answer clock_nanosleep(const TrappedCall& call);
 
  private:
   const double factor_;
   mutable std::mutex mutex_;
   std::vector<std::chrono::microseconds> waits_;
+  std::function<void(std::chrono::microseconds)> on_wait_;
 };

@@ -16,6 +16,7 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "handset/handset.h"
 #include "handset/partitions.h"
@@ -153,6 +154,45 @@ static void show_log(const Words& words) {
   }
 }
 
+static void show_power(const Words&) {
+  const PowerInterfaces& power = phone->power;
+  std::cout << (power.asleep() ? "asleep" : "awake") << ", suspended " << power.suspends()
+            << " times, alarm " << (power.alarm_pending() ? "pending" : "not pending")
+            << ", wake locks:";
+  for (const std::string& name : power.wake_locks()) {
+    std::cout << " " << name;
+  }
+  std::cout << "\n";
+}
+
+static void fire_alarm(const Words&) {
+  // A command just answered gets a moment to arm the alarm and to let the phone sleep.
+  constexpr std::chrono::seconds kMoment(1);
+  phone->power.wait_asleep(kMoment);
+  if (!phone->power.fire_alarm(kMoment)) {
+    std::cout << "no alarm is pending\n";
+  }
+}
+
+static void wake(const Words&) {
+  phone->power.wakeup_event();
+}
+
+static void show_file(const Words& words) {
+  const std::filesystem::path path = phone->path(words[1]);
+  if (std::filesystem::is_directory(path)) {
+    for (const auto& entry : std::filesystem::directory_iterator(path)) {
+      std::cout << "  " << entry.path().filename().string() << "\n";
+    }
+  } else {
+    std::cout << phone->read_file(words[1]).value_or("no such file\n");
+  }
+}
+
+static void pause(const Words& words) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(atoi(words[1].c_str())));
+}
+
 static void show_line(const Words&) {
   std::cout << "serial line: " << phone->serial.desk_tty() << "\n"
             << "the phone's files: " << phone->path("/").string() << "\n";
@@ -192,6 +232,11 @@ static const DotCommand kDotCommands[] = {
     {".panel", "FILE.png", "what the panel shows, as a picture", 2, save_panel},
     {".record", "pcba [NUMBER] | download [start|over]", "put a record on the reserve partition", 2,
      put_record},
+    {".power", "", "asleep or awake, the alarm, the wake locks", 1, show_power},
+    {".alarm", "", "let the RTC's alarm wake the phone now", 1, fire_alarm},
+    {".wake", "", "wake the phone by an event from outside", 1, wake},
+    {".file", "PATH", "show a file of the phone, or what a folder holds", 2, show_file},
+    {".pause", "MS", "wait, as a script between commands", 2, pause},
     {".log", "[LINES]", "the end of the daemon's log", 1, show_log},
     {".line", "", "where another serial program attaches", 1, show_line},
     {".restart", "", "start the daemon anew", 1, restart},

@@ -75,6 +75,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   supervisor_.handle(SYS_write, [this](const TrappedCall& call) { return on_write(call); });
   supervisor_.handle(SYS_clock_nanosleep,
                      [this](const TrappedCall& call) { return clock.clock_nanosleep(call); });
+  supervisor_.handle(SYS_sync, [this](const TrappedCall& call) { return power.sync(call); });
   supervisor_.handle(SYS_init_module,
                      [this](const TrappedCall& call) { return modules.init_module(call); });
   supervisor_.handle(SYS_finit_module,
@@ -95,7 +96,7 @@ void Handset::lay_root() {
   for (const char* folder :
        {"dev/block/bootdevice/by-name", ".nodes", ".proc", "sys", "proc", "usr",
         "dev/__properties__", "tmp", "odm/etc", "odm/bin", "persist/ftm_admin", "vendor/bin",
-        "system", "mnt/vendor", "data", "cache", "persist", "d"}) {
+        "system", "mnt/vendor/norvareserve/ftm_admin", "data", "cache", "persist", "d"}) {
     fs::create_directories(root / folder);
   }
   for (const char* folder : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {

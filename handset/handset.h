@@ -27,6 +27,7 @@
 #include "handset/input_device.h"
 #include "handset/kernel_modules.h"
 #include "handset/nodes.h"
+#include "handset/power_interfaces.h"
 #include "handset/serial_line.h"
 
 class Handset {
@@ -123,6 +124,7 @@ class Handset {
   Nodes nodes;
   KernelModules modules;
   Clock clock;
+  PowerInterfaces power{&nodes, clock};
   SerialLine serial;
   Cameras cameras;  // /dev/media0 and 1, /dev/v4l-subdev0 to 5
   InputDevice volume_keys{InputDevice::kSyn | InputDevice::kKey};  // /dev/input/event0

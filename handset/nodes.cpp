@@ -207,6 +207,10 @@ void Nodes::on_write(const std::string& path, std::function<int(const std::strin
   nodes_[path].write = std::move(function);
 }
 
+bool Nodes::caller_interrupted() {
+  return fuse_interrupted() != 0;
+}
+
 std::vector<Nodes::Write> Nodes::writes() const {
   const std::lock_guard lock(mutex_);
   return writes_;

@@ -40,6 +40,10 @@ class Nodes {
   void on_read(const std::string& path, std::function<std::string()> function);
   void on_write(const std::string& path, std::function<int(const std::string&)> function);
 
+  // In such a function that waits: true when the process that asks has been ended, so that nobody
+  // waits for the answer any more.
+  static bool caller_interrupted();
+
   // Stores in the order they came, refused ones not included; take_writes also forgets them.
   std::vector<Write> writes() const;
   std::vector<Write> take_writes();

@@ -18,8 +18,9 @@ constexpr char kNodesFolder[] = "/.nodes";  // where the FUSE file system is mou
 constexpr char kRealProc[] = "/.proc";      // the host's procfs in the root
 
 // System calls that the handset sees, each of every process in the phone; reads only in this size.
-constexpr int kTrappedCalls[] = {SYS_statfs, SYS_openat,      SYS_ioctl,        SYS_clock_nanosleep,
-                                 SYS_write,  SYS_init_module, SYS_finit_module, SYS_delete_module};
+constexpr int kTrappedCalls[] = {SYS_statfs,          SYS_openat,       SYS_ioctl,
+                                 SYS_clock_nanosleep, SYS_sync,         SYS_write,
+                                 SYS_init_module,     SYS_finit_module, SYS_delete_module};
 constexpr unsigned kSerialReadSize = 576;
 
 // Calls on descriptors that only a handset with faults sees (reads then in every size).

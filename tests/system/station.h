@@ -4,10 +4,21 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "handset/handset.h"
+
+// Waits for what another thread or process brings about. False when it has not come in 20 seconds.
+template <typename Condition>
+bool eventually(const Condition& condition) {
+  for (int i = 0; i < 4000 && !condition(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return condition();
+}
 
 struct Exchange {
   std::string command;

@@ -1,0 +1,230 @@
+// Suspend, wakeup count, wake locks and alarm; see power_interfaces.h.
+
+#include "handset/power_interfaces.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <time.h>
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+static const char kSpace[] = " \t\n";
+
+static std::string first_word(const std::string& text) {
+  return text.substr(0, text.find_first_of(kSpace));
+}
+
+PowerInterfaces::PowerInterfaces(Nodes* nodes, const Clock& clock) : factor_(clock.factor()) {
+  using Text = const std::string&;
+  nodes->set("/sys/power/state", "freeze mem\n");
+  nodes->on_write("/sys/power/state", [this](Text text) { return store_state(text); });
+  nodes->on_read("/sys/power/wakeup_count", [this] { return show_wakeup_count(); });
+  nodes->on_write("/sys/power/wakeup_count",
+                  [this](Text text) { return store_wakeup_count(text); });
+  nodes->on_read("/sys/power/wake_lock", [this] { return show_wake_locks(); });
+  nodes->on_write("/sys/power/wake_lock", [this](Text text) { return store_wake_lock(text); });
+  nodes->on_write("/sys/power/wake_unlock", [this](Text text) { return store_wake_unlock(text); });
+  nodes->on_read("/sys/class/rtc/rtc0/wakealarm", [this] { return show_alarm(); });
+  nodes->on_write("/sys/class/rtc/rtc0/wakealarm", [this](Text text) { return store_alarm(text); });
+}
+
+bool PowerInterfaces::asleep() const {
+  const std::lock_guard lock(mutex_);
+  return asleep_;
+}
+
+int PowerInterfaces::suspends() const {
+  const std::lock_guard lock(mutex_);
+  return suspends_;
+}
+
+std::set<std::string> PowerInterfaces::wake_locks() const {
+  const std::lock_guard lock(mutex_);
+  return wake_locks_;
+}
+
+uint64_t PowerInterfaces::wakeup_count() const {
+  const std::lock_guard lock(mutex_);
+  return wakeup_count_;
+}
+
+bool PowerInterfaces::alarm_pending() const {
+  const std::lock_guard lock(mutex_);
+  return alarm_.has_value() && steady_clock::now() < *alarm_;
+}
+
+int PowerInterfaces::syncs() const {
+  const std::lock_guard lock(mutex_);
+  return syncs_;
+}
+
+bool PowerInterfaces::wait_asleep(seconds limit) const {
+  Lock lock(mutex_);
+  return changed_.wait_for(lock, limit, [this] { return asleep_; });
+}
+
+void PowerInterfaces::wakeup_event() {
+  const std::lock_guard lock(mutex_);
+  note_event();
+}
+
+bool PowerInterfaces::fire_alarm(seconds limit) {
+  Lock lock(mutex_);
+  if (!changed_.wait_for(lock, limit, [this] { return alarm_.has_value(); })) {
+    return false;
+  }
+  note_alarm();
+  return true;
+}
+
+void PowerInterfaces::set_suspend_time(milliseconds time) {
+  const std::lock_guard lock(mutex_);
+  suspend_time_ = time;
+}
+
+Answer PowerInterfaces::sync(const TrappedCall&) {
+  const std::lock_guard lock(mutex_);
+  ++syncs_;
+  return Answer::result(0);
+}
+
+void PowerInterfaces::note_event() {
+  ++wakeup_count_;
+  asleep_ = false;
+  changed_.notify_all();
+}
+
+// The kernel, too, holds the phone awake for a moment, so that whoever set the alarm can act on it.
+void PowerInterfaces::note_alarm() {
+  constexpr milliseconds kHeldAwake(500);
+  alarm_.reset();
+  alarm_handled_ = steady_clock::now() + kHeldAwake;
+  note_event();
+}
+
+// The alarm fires by whoever looks next; those who wait look often.
+void PowerInterfaces::note_time() {
+  if (alarm_.has_value() && steady_clock::now() >= *alarm_) {
+    note_alarm();
+  }
+}
+
+// Waits for a change. False when the process that asks has been ended meanwhile.
+bool PowerInterfaces::wait_moment(Lock& lock) {
+  constexpr milliseconds kMoment(10);
+  changed_.wait_for(lock, kMoment);
+  note_time();
+  return !Nodes::caller_interrupted();
+}
+
+int PowerInterfaces::store_state(const std::string& text) {
+  if (first_word(text) != "mem") {
+    return EINVAL;
+  }
+  Lock lock(mutex_);
+  note_time();
+  const bool moved = written_count_.has_value() && *written_count_ != wakeup_count_;
+  written_count_.reset();
+  if (moved || !wake_locks_.empty()) {
+    return EBUSY;
+  }
+  const Time start = steady_clock::now();
+  asleep_ = true;
+  changed_.notify_all();
+  while (asleep_ &&
+         (!suspend_time_.has_value() || steady_clock::now() < start + *suspend_time_ * factor_)) {
+    if (!wait_moment(lock)) {
+      asleep_ = false;
+      return EINTR;
+    }
+  }
+  asleep_ = false;
+  ++suspends_;
+  changed_.notify_all();
+  return 0;
+}
+
+std::string PowerInterfaces::show_wakeup_count() {
+  Lock lock(mutex_);
+  // A held wake lock is an event that has not ended: the count is not known before.
+  while ((!wake_locks_.empty() || steady_clock::now() < alarm_handled_) && wait_moment(lock)) {
+  }
+  note_time();
+  return std::to_string(wakeup_count_) + "\n";
+}
+
+int PowerInterfaces::store_wakeup_count(const std::string& text) {
+  const std::lock_guard lock(mutex_);
+  note_time();
+  if (!wake_locks_.empty() || first_word(text) != std::to_string(wakeup_count_)) {
+    return EINVAL;
+  }
+  written_count_ = wakeup_count_;
+  return 0;
+}
+
+int PowerInterfaces::store_wake_lock(const std::string& text) {
+  const std::string name = first_word(text);
+  if (name.empty()) {
+    return EINVAL;
+  }
+  const std::lock_guard lock(mutex_);
+  wake_locks_.insert(name);
+  asleep_ = false;
+  changed_.notify_all();
+  return 0;
+}
+
+int PowerInterfaces::store_wake_unlock(const std::string& text) {
+  const std::lock_guard lock(mutex_);
+  if (wake_locks_.erase(first_word(text)) == 0) {
+    return EINVAL;
+  }
+  ++wakeup_count_;  // the event has ended
+  changed_.notify_all();
+  return 0;
+}
+
+std::string PowerInterfaces::show_wake_locks() const {
+  const std::lock_guard lock(mutex_);
+  std::string names;
+  for (const std::string& name : wake_locks_) {
+    names += name + " ";
+  }
+  return names + "\n";
+}
+
+// "+N" arms the alarm N seconds ahead, "0" takes it back.
+int PowerInterfaces::store_alarm(const std::string& text) {
+  const std::lock_guard lock(mutex_);
+  note_time();
+  const long number = strtol(text.c_str(), nullptr, 10);
+  if (text[0] != '+') {
+    alarm_.reset();
+    return number == 0 ? 0 : EINVAL;
+  }
+  if (alarm_.has_value()) {
+    return EBUSY;
+  }
+  alarm_ = factor_ == 0
+               ? Time::max()
+               : steady_clock::now() +
+                     std::chrono::duration_cast<steady_clock::duration>(seconds(number) * factor_);
+  alarm_text_ = std::to_string(time(nullptr) + number) + "\n";
+  changed_.notify_all();
+  return 0;
+}
+
+std::string PowerInterfaces::show_alarm() {
+  Lock lock(mutex_);
+  note_time();
+  if (!alarm_.has_value()) {
+    return "";
+  }
+  // Not at once, so that a process that asks again and again leaves the desk some time.
+  while (wait_moment(lock) && asleep_) {
+  }
+  return alarm_.has_value() ? alarm_text_ : "";
+}
