@@ -4,6 +4,7 @@
 
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 #include <new>
 
@@ -133,11 +134,12 @@ void gr_clear() {
   }
   // Height stands before width, on purpose: log readers know the line so.
   FTM_LOGE("qlmgr_clear size=%dx%d\n", gr_draw->height, gr_draw->width);
-  auto* row = reinterpret_cast<uint32_t*>(gr_draw->data);
-  for (int y = 0; y < gr_draw->height; ++y) {
-    for (int x = 0; x < gr_draw->width; ++x) {
-      row[x] = gr_current;
-    }
-    row += gr_draw->row_bytes / gr_draw->pixel_bytes;
+  // Copies: the compiler cannot know that no pixel is one of these.
+  const GRSurface surface = *gr_draw;
+  const uint32_t colour = gr_current;
+  auto* row = reinterpret_cast<uint32_t*>(surface.data);
+  for (int y = 0; y < surface.height; ++y) {
+    std::fill_n(row, surface.width, colour);
+    row += surface.row_bytes / surface.pixel_bytes;
   }
 }
