@@ -5,7 +5,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <memory>
 #include <new>
 
 #include "core/log.h"
@@ -74,19 +73,26 @@ static void init_font() {
   gr_font = &font;
 }
 
+void gr_exit() {
+  delete gr_backend;
+  gr_backend = nullptr;
+  gr_draw = nullptr;
+}
+
 int gr_init() {
   init_font();
-  std::unique_ptr<MinuiBackendDrm> backend(new (std::nothrow) MinuiBackendDrm);
-  if (backend == nullptr) {
+  // An open without a close first gives up the display of the one before, which a second backend
+  // would have to share.
+  gr_exit();
+  gr_backend = new (std::nothrow) MinuiBackendDrm;
+  if (gr_backend == nullptr) {
     return -1;
   }
-  gr_draw = backend->Init();
+  gr_draw = gr_backend->Init();
   if (gr_draw == nullptr) {
+    gr_exit();
     return -1;
   }
-  // An open without a close releases the display of the one before instead of leaking it.
-  delete gr_backend;
-  gr_backend = backend.release();
   overscan_width = gr_draw->width;
   overscan_height = gr_draw->height;
   gr_flip();
@@ -95,12 +101,6 @@ int gr_init() {
     FTM_LOGE("qlmgr_init: Only 4-byte pixel formats supported\n");
   }
   return 0;
-}
-
-void gr_exit() {
-  delete gr_backend;
-  gr_backend = nullptr;
-  gr_draw = nullptr;
 }
 
 void gr_flip() {

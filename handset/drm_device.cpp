@@ -20,6 +20,9 @@ static constexpr uint32_t kConnectors = 300;
 static constexpr uint32_t kPlanes = 400;
 static constexpr uint32_t kProperties = 500;
 
+static constexpr uint32_t kLargest = 8192;  // pixels, either way
+static constexpr uint32_t kMostInRequest = 1024;
+
 static const char* const kCrtcProperties[] = {"ACTIVE", "MODE_ID"};
 static const char* const kPlaneProperties[] = {"FB_ID", "CRTC_ID", "SRC_X",  "SRC_Y",  "SRC_W",
                                                "SRC_H", "CRTC_X",  "CRTC_Y", "CRTC_W", "CRTC_H"};
@@ -53,24 +56,30 @@ DrmDevice::Card DrmDevice::phone_card() {
 DrmDevice::DrmDevice(const Card& card) : card_(card) {
   std::set<std::string> names(std::begin(kCrtcProperties), std::end(kCrtcProperties));
   names.insert(std::begin(kPlaneProperties), std::end(kPlaneProperties));
+  names.erase(card_.lacks);
   uint32_t id = kProperties;
   for (const std::string& name : names) {
     properties_[id++] = {name, true};
   }
   properties_[id] = {kModeProperties, false};
+  const auto give = [&](uint32_t object, const std::string& name) {
+    if (name != card_.lacks) {
+      values_[object][property_id(name)] = 0;
+    }
+  };
 
   for (uint32_t i = 0; i < static_cast<uint32_t>(card_.crtcs); ++i) {
     for (const char* name : kCrtcProperties) {
-      values_[kCrtcs + i][property_id(name)] = 0;
+      give(kCrtcs + i, name);
     }
   }
   for (uint32_t i = 0; i < static_cast<uint32_t>(card_.planes); ++i) {
     for (const char* name : kPlaneProperties) {
-      values_[kPlanes + i][property_id(name)] = 0;
+      give(kPlanes + i, name);
     }
   }
   for (uint32_t i = 0; i < card_.connectors.size(); ++i) {
-    values_[kConnectors + i][property_id(kConnectorCrtc)] = 0;
+    give(kConnectors + i, kConnectorCrtc);
     if (const std::string& text = card_.connectors[i].mode_properties; !text.empty()) {
       blobs_[next_id_] = text;
       values_[kConnectors + i][id] = next_id_++;
@@ -126,22 +135,41 @@ int DrmDevice::check(const Values& values) const {
     }
   }
   for (uint32_t i = 0; i < static_cast<uint32_t>(card_.planes); ++i) {
-    const uint32_t plane = kPlanes + i;
-    const uint64_t framebuffer = value(values, plane, "FB_ID");
-    const uint64_t crtc = value(values, plane, "CRTC_ID");
-    const auto shown = framebuffers_.find(static_cast<uint32_t>(framebuffer));
-    if (!is_crtc(crtc) || (framebuffer != 0) != (crtc != 0) ||
-        (framebuffer != 0 && shown == framebuffers_.end())) {
-      return EINVAL;
+    if (const int error = check_plane(values, kPlanes + i); error != 0) {
+      return error;
     }
-    if (framebuffer == 0) {
-      continue;
-    }
-    const uint64_t right = value(values, plane, "SRC_X") + value(values, plane, "SRC_W");
-    const uint64_t bottom = value(values, plane, "SRC_Y") + value(values, plane, "SRC_H");
-    if (right > uint64_t{shown->second.width} << 16 || bottom > uint64_t{shown->second.height}
-                                                                    << 16) {
+  }
+  return 0;
+}
+
+int DrmDevice::check_plane(const Values& values, uint32_t plane) const {
+  const uint64_t framebuffer = value(values, plane, "FB_ID");
+  const uint64_t crtc = value(values, plane, "CRTC_ID");
+  if ((framebuffer != 0) != (crtc != 0) ||
+      (crtc != 0 && (crtc < kCrtcs || crtc >= kCrtcs + static_cast<uint32_t>(card_.crtcs)))) {
+    return EINVAL;
+  }
+  if (framebuffer == 0) {
+    return 0;
+  }
+  const auto shown = framebuffers_.find(static_cast<uint32_t>(framebuffer));
+  if (shown == framebuffers_.end()) {
+    return EINVAL;
+  }
+  const struct {
+    const char *source, *source_size, *target, *target_size;
+    uint32_t framebuffer_size;
+  } directions[] = {{"SRC_X", "SRC_W", "CRTC_X", "CRTC_W", shown->second.width},
+                    {"SRC_Y", "SRC_H", "CRTC_Y", "CRTC_H", shown->second.height}};
+  for (const auto& d : directions) {
+    const uint64_t limit = uint64_t{d.framebuffer_size} << 16;
+    const uint64_t size = value(values, plane, d.source_size);
+    if (size > limit || value(values, plane, d.source) > limit - size) {
       return ENOSPC;
+    }
+    if (size >> 16 != value(values, plane, d.target_size) ||
+        value(values, plane, d.target) > kLargest) {
+      return ERANGE;  // nothing here scales, and nothing begins left of or above the screen
     }
   }
   return 0;
@@ -229,6 +257,35 @@ uint32_t DrmDevice::first_pixel() const {
   return static_cast<uint32_t>(pixel[0] << 16 | pixel[1] << 8 | pixel[2]);
 }
 
+// Its maker no longer needs it.
+void DrmDevice::dismiss_blob(uint32_t id) {
+  --made_blobs_;
+  const uint32_t mode = property_id("MODE_ID");
+  for (const auto& [object, values] : values_) {
+    if (const auto held = values.find(mode); held != values.end() && held->second == id) {
+      return;
+    }
+  }
+  blobs_.erase(id);
+}
+
+void DrmDevice::reset(uint32_t object, const char* property) {
+  if (const auto held = values_[object].find(property_id(property));
+      held != values_[object].end()) {
+    held->second = 0;
+  }
+}
+
+void DrmDevice::turn_off(uint32_t crtc) {
+  reset(crtc, "ACTIVE");
+  reset(crtc, "MODE_ID");
+  for (uint32_t i = 0; i < card_.connectors.size(); ++i) {
+    if (value(values_, kConnectors + i, kConnectorCrtc) == crtc) {
+      reset(kConnectors + i, kConnectorCrtc);
+    }
+  }
+}
+
 void DrmDevice::fail(uint32_t request, int error, int skip) {
   const std::lock_guard lock(mutex_);
   failures_[request] = {error, skip};
@@ -239,7 +296,12 @@ void DrmDevice::fail(uint32_t request, int error, int skip) {
 
 class DrmFile : public MemoryFile {
  public:
-  explicit DrmFile(DrmDevice* card) : MemoryFile("drm-card"), card_(card) {}
+  explicit DrmFile(DrmDevice* card) : MemoryFile("drm-card"), card_(card) {
+    const std::lock_guard lock(card_->mutex_);
+    if (card_->master_ == nullptr) {
+      card_->master_ = this;
+    }
+  }
   ~DrmFile() override;
 
   int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) override;
@@ -296,10 +358,12 @@ DrmFile::~DrmFile() {
     remove_framebuffer(id);
   }
   for (const uint32_t id : blobs_) {
-    card_->blobs_.erase(id);
-    --card_->made_blobs_;
+    card_->dismiss_blob(id);
   }
   card_->buffers_ -= buffers_.size();
+  if (card_->master_ == this) {
+    card_->master_ = nullptr;
+  }
 }
 
 int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) {
@@ -359,8 +423,7 @@ int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argum
         if (blobs_.erase(r.blob_id) == 0) {
           return ENOENT;
         }
-        card_->blobs_.erase(r.blob_id);
-        --card_->made_blobs_;
+        card_->dismiss_blob(r.blob_id);
         return 0;
       });
     case DRM_IOCTL_MODE_CREATE_DUMB:
@@ -371,7 +434,8 @@ int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argum
         if (buffer == buffers_.end()) {
           return ENOENT;
         }
-        r.offset = buffer->second.offset;
+        // An offset within a page is none that the kernel maps.
+        r.offset = buffer->second.offset + (card_->card_.mappable ? 0 : 1);
         return 0;
       });
     case DRM_IOCTL_GEM_CLOSE:
@@ -412,8 +476,8 @@ static std::vector<uint32_t> ids(uint32_t first, size_t count) {
 int DrmFile::resources(const TrappedCall& call, drm_mode_card_res* record) {
   const size_t connectors = card_->card_.connectors.size();
   record->count_fbs = 0;
-  record->max_width = 8192;
-  record->max_height = 8192;
+  record->max_width = kLargest;
+  record->max_height = kLargest;
   int error = fill(call, record->crtc_id_ptr, &record->count_crtcs,
                    ids(kCrtcs, static_cast<size_t>(card_->card_.crtcs)));
   error = error != 0 ? error
@@ -605,13 +669,14 @@ int DrmFile::add_framebuffer(drm_mode_fb_cmd2* record) {
   return 0;
 }
 
-// Planes that show it go dark.
+// Planes that show it go dark, and their CRTC with them.
 int DrmFile::remove_framebuffer(uint32_t id) {
-  const uint32_t shown = card_->property_id("FB_ID");
-  for (auto& [object, values] : card_->values_) {
-    if (const auto held = values.find(shown); held != values.end() && held->second == id) {
-      held->second = 0;
-      values[card_->property_id("CRTC_ID")] = 0;
+  for (uint32_t i = 0; i < static_cast<uint32_t>(card_->card_.planes); ++i) {
+    const uint32_t plane = kPlanes + i;
+    if (card_->value(card_->values_, plane, "FB_ID") == id) {
+      card_->turn_off(static_cast<uint32_t>(card_->value(card_->values_, plane, "CRTC_ID")));
+      card_->reset(plane, "FB_ID");
+      card_->reset(plane, "CRTC_ID");
     }
   }
   card_->framebuffers_.erase(id);
@@ -620,6 +685,9 @@ int DrmFile::remove_framebuffer(uint32_t id) {
 }
 
 int DrmFile::commit(const TrappedCall& call, const drm_mode_atomic& record) {
+  if (card_->master_ != this) {
+    return EACCES;
+  }
   if (!atomic_) {
     return EINVAL;
   }
@@ -629,13 +697,17 @@ int DrmFile::commit(const TrappedCall& call, const drm_mode_atomic& record) {
   };
   std::vector<uint32_t> objects;
   std::vector<uint32_t> counts;
-  if (record.count_objs > 1024 || !read_array(record.objs_ptr, &objects, record.count_objs) ||
+  if (record.count_objs > kMostInRequest ||
+      !read_array(record.objs_ptr, &objects, record.count_objs) ||
       !read_array(record.count_props_ptr, &counts, record.count_objs)) {
     return EFAULT;
   }
   size_t total = 0;
   for (const uint32_t count : counts) {
-    total += std::min<uint32_t>(count, 1024);
+    if (count > kMostInRequest) {
+      return EINVAL;
+    }
+    total += count;
   }
   std::vector<uint32_t> properties;
   std::vector<uint64_t> values;

@@ -44,6 +44,8 @@ class DrmDevice : public Device {
     int crtcs = 2;
     int planes = 4;
     uint32_t pitch_alignment = 32;  // bytes
+    bool mappable = true;           // false: its buffers cannot be mapped
+    std::string lacks = {};         // a property that none of its objects has
     std::vector<Connector> connectors = {};
   };
 
@@ -98,15 +100,20 @@ class DrmDevice : public Device {
   uint32_t property_id(const std::string& name) const;
   uint64_t value(const Values& values, uint32_t object, const char* property) const;
   int check(const Values& values) const;
+  int check_plane(const Values& values, uint32_t plane) const;
+  void dismiss_blob(uint32_t id);
+  void reset(uint32_t object, const char* property);
+  void turn_off(uint32_t crtc);
   uint32_t first_pixel() const;
 
   mutable std::mutex mutex_;
   const Card card_;
   std::map<uint32_t, Property> properties_;
-  std::map<uint32_t, std::string> blobs_;
+  std::map<uint32_t, std::string> blobs_;  // one that a CRTC uses outlives its maker
   std::map<uint32_t, Framebuffer> framebuffers_;
   size_t buffers_ = 0;
   size_t made_blobs_ = 0;
+  const void* master_ = nullptr;  // the one open that may change what is shown
   Values values_;
   uint32_t next_id_ = 1000;
   std::vector<uint32_t> first_pixels_;                // one for each commit
