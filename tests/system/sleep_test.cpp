@@ -80,14 +80,6 @@ static bool logged(const Handset& phone, const std::string& text, size_t from = 
   return phone.log().find(text, from) != std::string::npos;
 }
 
-static size_t times(const std::string& text, const std::string& what) {
-  size_t found = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-    ++found;
-  }
-  return found;
-}
-
 static const std::vector<std::string> kIpcLogs = {"adsp_glink", "cdsp_smem", "qrtr_0"};
 
 // A phone whose engine cannot be set up and whose alarm cannot be set: each AT+ESLP=1 is a first
@@ -341,15 +333,10 @@ TEST(Sleep, TriesThreeTimesToMakeAFolderAndTakesOneThatAppears) {
     phone.start();
     phone.clock.take_waits();
     EXPECT_EQ(phone.command("AT+ESLP=1"), Replies{"OK\r\n"});
-    std::vector<int> waits;
-    for (const auto wait : phone.clock.waits()) {
-      waits.push_back(static_cast<int>(wait.count() / 1000));
-    }
-    // What comes behind them is the second folder's.
+    std::vector<int> waits = waits_ms(phone);
     ASSERT_GE(waits.size(), c.waits.size());
-    EXPECT_EQ(
-        std::vector<int>(waits.begin(), waits.begin() + static_cast<ptrdiff_t>(c.waits.size())),
-        c.waits);
+    waits.resize(c.waits.size());  // what comes behind them is the second folder's
+    EXPECT_EQ(waits, c.waits);
     EXPECT_EQ(times(phone.log(), "Wait for " + kBefore + " is ready\n"), c.waits.size() - 1);
     EXPECT_FALSE(logged(phone, "created successfully, path is " + kBefore));
     EXPECT_TRUE(logged(

@@ -20,6 +20,23 @@ bool eventually(const Condition& condition) {
   return condition();
 }
 
+inline size_t times(const std::string& text, const std::string& what) {
+  size_t found = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+    ++found;
+  }
+  return found;
+}
+
+// The daemon's waits since the last take_waits, in ms.
+inline std::vector<int> waits_ms(const Handset& phone) {
+  std::vector<int> all;
+  for (const auto wait : phone.clock.waits()) {
+    all.push_back(static_cast<int>(wait.count() / 1000));
+  }
+  return all;
+}
+
 struct Exchange {
   std::string command;
   std::vector<std::string> replies;
@@ -43,11 +60,8 @@ inline void expect_exchange(Handset& phone, const Exchange& exchange) {
     EXPECT_EQ(writes[i].path, exchange.writes[i].path);
     EXPECT_EQ(writes[i].bytes, exchange.writes[i].bytes) << writes[i].path;
   }
-  std::vector<int> waits;
-  for (const auto wait : phone.clock.take_waits()) {
-    waits.push_back(static_cast<int>(wait.count() / 1000));
-  }
-  EXPECT_EQ(waits, exchange.waits);
+  EXPECT_EQ(waits_ms(phone), exchange.waits);
+  phone.clock.take_waits();
   const std::string log = phone.log().substr(log_before);
   for (const std::string& text : exchange.logged) {
     EXPECT_NE(log.find(text), std::string::npos) << "not logged: " << text;
