@@ -72,7 +72,7 @@ int at_set_product_info(const char* argument) {
   }
   const std::string_view entry = argument;
   const size_t equals = entry.find('=');
-  if (equals == std::string_view::npos || equals > kMaxName) {
+  if (equals > kMaxName) {  // or there is none, which is npos
     at_send_result("ERROR\n");
     at_send_result(" INVALID PRODUCT INFO");
     return 0;
