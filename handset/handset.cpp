@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -25,6 +26,7 @@
 namespace fs = std::filesystem;
 
 static const char kSerialTty[] = "/dev/ttyMSM0";
+static const char kSoundControls[] = "/dev/snd/controls";
 static const char kProgramCalls[] = "/data/program_calls";
 
 static std::runtime_error system_error(const std::string& what) {
@@ -44,6 +46,9 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   }
   modules.set_loaded("cfg80211", true);
   add_device("/dev/dri/card0", &display);
+  sound.describe(read_file(kSoundControls).value_or(""));
+  add_device("/dev/snd/controlC0", &sound);
+  session_party.attend(path("/dev/__properties__"));
 
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
@@ -52,6 +57,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
       return Answer::fault(fault(call.link(call.descriptor()), call.number));
     });
   }
+  supervisor_.handle(SYS_clone3, [this](const TrappedCall& call) { return on_clone3(call); });
   supervisor_.handle(SYS_read, [this](const TrappedCall& call) { return on_read(call); });
   supervisor_.handle(SYS_write, [this](const TrappedCall& call) { return on_write(call); });
   supervisor_.handle(SYS_clock_nanosleep,
@@ -328,6 +334,12 @@ int Handset::fault(const std::string& file, int call) const {
   return found == faults_.end() ? 0 : found->second;
 }
 
+Answer Handset::on_clone3(const TrappedCall& call) {
+  uint64_t flags = 0;  // the first field of the caller's record
+  call.read(call.arguments[0], &flags, sizeof(flags));
+  return Answer::fault(fault((flags & CLONE_THREAD) != 0 ? "thread" : "process", SYS_clone3));
+}
+
 Answer Handset::on_openat(const TrappedCall& call) {
   std::string opened = call.text(call.arguments[1]);
   if (opened.empty()) {
@@ -374,7 +386,7 @@ void Handset::close_devices_unheld() {
 size_t Handset::open_devices() {
   const std::lock_guard lock(devices_mutex_);
   close_devices_unheld();
-  return opened_.size();
+  return opened_.size() - sound.handles();
 }
 
 Answer Handset::on_ioctl(const TrappedCall& call) {

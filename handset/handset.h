@@ -26,6 +26,8 @@
 #include "handset/kernel_modules.h"
 #include "handset/nodes.h"
 #include "handset/serial_line.h"
+#include "handset/session_party.h"
+#include "handset/sound_card.h"
 
 class Handset {
  public:
@@ -71,6 +73,7 @@ class Handset {
     return pid_;
   }
   // How many device descriptors the daemon has open; those it has closed are closed in the models.
+  // Not counted are those of the sound card, which the daemon holds for good: sound.handles().
   size_t open_devices();
   // How many descriptors the daemon has open.
   size_t open_descriptors() const;
@@ -88,6 +91,7 @@ class Handset {
   // Makes a call (SYS_openat, SYS_write; with StartOptions::faults also those of kFaultCalls) fail
   // with an errno on a file of the phone, whoever makes it; 0 makes it work again. The path is the
   // file's own (for an open: the one that the caller names), not that of a link to it.
+  // For SYS_clone3 the "path" is "thread" or "process": no new one is made.
   void fail(const std::string& phone_path, int call, int error);
 
   void set_property(const std::string& name, const std::string& value);
@@ -109,12 +113,15 @@ class Handset {
   Clock clock;
   SerialLine serial;
   DrmDevice display{DrmDevice::phone_card()};  // /dev/dri/card0
+  SoundCard sound;                             // /dev/snd/controlC0
+  SessionParty session_party;
 
  private:
   void lay_root();
   void receive_stage(int socket);
   void close_devices_unheld();
   int fault(const std::string& file, int call) const;
+  Answer on_clone3(const TrappedCall& call);
   Answer on_openat(const TrappedCall& call);
   Answer on_ioctl(const TrappedCall& call);
   Answer on_read(const TrappedCall& call);

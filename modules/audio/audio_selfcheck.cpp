@@ -76,7 +76,7 @@ static int audio_switch_check_call(const char*) {
 
 static void start_tone(const char* caller) {
   FTM_LOGD(TAG "%s: enter\n", caller);
-  if (tone_route(&tone) != nullptr) {
+  if (tone_has_route(&tone)) {
     FTM_LOGD(TAG "%s: audio route is inited\n", caller);
   } else if (!mixer_paths_exist()) {
     FTM_LOGD(TAG "%s: '%s' not exist!\n", caller, kMixerPaths);

@@ -6,6 +6,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <initializer_list>
+#include <utility>
+
 #include "core/at.h"
 #include "core/log.h"
 #include "core/properties.h"
@@ -23,12 +26,12 @@ static const char kPlayer[] = "/odm/bin/tinyplay_ftm /vendor/norva/media/norva_f
 static constexpr useconds_t kPlayerStartUs = 300 * 1000;
 static constexpr useconds_t kBeforeResetUs = 10 * 1000;
 
-std::shared_ptr<audio_route> tone_route(Tone* tone) {
+bool tone_has_route(Tone* tone) {
   const std::lock_guard<std::mutex> lock(tone->route_mutex);
-  return tone->route;
+  return tone->route != nullptr;
 }
 
-static bool set_route(Tone* tone, std::shared_ptr<audio_route> route) {
+static bool set_route(Tone* tone, UniqueAudioRoute route) {
   const std::lock_guard<std::mutex> lock(tone->route_mutex);
   tone->route = std::move(route);
   return tone->route != nullptr;
@@ -40,6 +43,16 @@ bool tone_open_route(Tone* tone) {
 
 void tone_close_route(Tone* tone) {
   set_route(tone, nullptr);
+}
+
+static int enable_path(Tone* tone) {
+  const std::lock_guard<std::mutex> lock(tone->route_mutex);
+  return audio_route_apply_and_update_path(tone->route.get(), kPath);
+}
+
+static void reset_path(Tone* tone) {
+  const std::lock_guard<std::mutex> lock(tone->route_mutex);
+  audio_route_force_reset_and_update_path(tone->route.get(), kPath);
 }
 
 // True when the session property is one of the texts.
@@ -61,7 +74,7 @@ static UniquePipe start_player(const char* caller) {
   return player;
 }
 
-static void follow_session(audio_route* route, const char* caller) {
+static void follow_session(Tone* tone, const char* caller) {
   // A busy poll without an end, on purpose: the second party expects its word to be taken at once,
   // and the session has no other end than that.
   for (;;) {
@@ -69,7 +82,7 @@ static void follow_session(audio_route* route, const char* caller) {
     property_get(kSession, session, kUnset);
     if (strcmp(session, "cmd_continue") == 0) {
       __system_property_set(kSession, "cmd_on");
-      audio_route_apply_and_update_path(route, kPath);
+      enable_path(tone);
       if (start_player(caller) == nullptr) {  // otherwise waited for right here
         return;
       }
@@ -83,14 +96,14 @@ static void follow_session(audio_route* route, const char* caller) {
 
 static void* loudspeaker_play_thread(void* argument) {
   FTM_LOGD(TAG "%s enter \n", __func__);
-  const std::shared_ptr<audio_route> route = tone_route(static_cast<Tone*>(argument));
-  if (route == nullptr) {
+  auto* tone = static_cast<Tone*>(argument);
+  if (!tone_has_route(tone)) {
     FTM_LOGD(TAG "%s: enable route param invalid!\n", __func__);
     at_send_result("ERROR\n");
     return nullptr;
   }
   FTM_LOGD(TAG "%s: enable route...\n", __func__);
-  if (audio_route_apply_and_update_path(route.get(), kPath) < 0) {
+  if (enable_path(tone) < 0) {
     FTM_LOGD(TAG "%s: '%s' enable fail!\n", __func__, kPath);
     at_send_result("ERROR\n");
     return nullptr;
@@ -104,7 +117,7 @@ static void* loudspeaker_play_thread(void* argument) {
   FTM_LOGD(TAG "%s: end usleep \n", __func__);
   at_send_result("OK\r\n");
   player.reset();  // waits for the player
-  follow_session(route.get(), __func__);
+  follow_session(tone, __func__);
   return nullptr;
 }
 
@@ -157,8 +170,7 @@ static void log_session(const char* caller) {
 }
 
 void tone_stop(Tone* tone, const char* caller) {
-  const std::shared_ptr<audio_route> route = tone_route(tone);
-  if (route == nullptr) {
+  if (!tone_has_route(tone)) {
     FTM_LOGD(TAG "%s: audio route not init!\n", caller);
     at_send_result("ERROR\n");
     return;
@@ -177,5 +189,5 @@ void tone_stop(Tone* tone, const char* caller) {
   }
   at_send_result("OK\r\n");
   usleep(kBeforeResetUs);
-  audio_route_force_reset_and_update_path(route.get(), kPath);
+  reset_path(tone);
 }

@@ -6,7 +6,6 @@
 
 #include <pthread.h>
 
-#include <memory>
 #include <mutex>
 
 #include "audio_route/audio_route.h"
@@ -17,17 +16,16 @@ struct Tone {
   int thread_attempts;
   bool replies_thread_failure;
 
-  // Replaced by the command thread while the play thread may still use the one before, hence
-  // shared and behind the lock.
+  // The play thread's work on the route and the command thread's exclude each other.
   std::mutex route_mutex = {};
-  std::shared_ptr<audio_route> route = nullptr;
+  UniqueAudioRoute route = nullptr;
 
   // The command thread's alone.
   pthread_t thread = {};
   bool thread_started = false;
 };
 
-std::shared_ptr<audio_route> tone_route(Tone* tone);
+bool tone_has_route(Tone* tone);
 // Opens a new route and makes it the tone's, which has none when that fails. True on success.
 bool tone_open_route(Tone* tone);
 void tone_close_route(Tone* tone);
