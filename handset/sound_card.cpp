@@ -96,13 +96,13 @@ std::string SoundCard::show(const Control& control) {
   std::string text = control.name + " =";
   for (const int64_t value : control.values) {
     if (control.type == SNDRV_CTL_ELEM_TYPE_ENUMERATED) {
-      text += " " + control.items.at(static_cast<size_t>(value));
+      text.append(" ").append(control.items.at(static_cast<size_t>(value)));
     } else if (control.type == SNDRV_CTL_ELEM_TYPE_BYTES) {
       char byte[8];
       snprintf(byte, sizeof(byte), " %02x", static_cast<unsigned>(value & 0xff));
       text += byte;
     } else {
-      text += " " + std::to_string(value);
+      text.append(" ").append(std::to_string(value));
     }
   }
   return text;

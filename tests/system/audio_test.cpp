@@ -151,7 +151,8 @@ TEST(AudioCard, AMissingPathFileIsToldAtOnce) {
                            {"AT+WCDMIC=0", {"OK\r\n"}},
                            {kCheck, {"ERROR\n", "ERROR\n", "OK\r\n", "0"}, {}, {1300}}});
   phone.write_file(kPaths, "<mixer/>");
-  expect_exchange(phone, {kOn, {"ERROR\n"}, {}, {}, {"'ftm-loudspeaker-test' enable fail!\n"}});
+  EXPECT_EQ(command(phone, kOn, 1), Texts{"ERROR\n"});
+  EXPECT_TRUE(logged(phone, "'ftm-loudspeaker-test' enable fail!\n"));
   phone.write_file(kPaths, paths);
   phone.set_property(kSession, "cmd_finish");
   EXPECT_EQ(command(phone, kOn, 1), Texts{"OK\r\n"});
@@ -176,6 +177,27 @@ TEST(Audio, NoThreadAndNoProcess) {
   EXPECT_EQ(replies, (Texts{"OK\r\n", "WCDMIC_TINYCAP_FAIL\n"}));
   expect_exchanges(phone, {{"AT+CODEC_SPK", {"ERROR\n"}},
                            {"AT+MIC1VOLT_OPEN", {"OK\r\n"}, {}, {10}, {"popen failed\n"}}});
+}
+
+// The adapter between the daemon's mixer calls and the card, with alsa-lib in between.
+TEST(Mixer, SeesEveryControlAndPassesOnEveryError) {
+  Handset phone({.daemon = FTM_MIXER_PROBE});
+  phone.sound.describe(
+      "BOOL 1; Switch; ; 0\nINT 2; Ints; -10 100; 5 6\nENUM 2; Choice; a, b, c; c b\n"
+      "BYTE 4; Bytes; ; 01 02 03 fe\nIEC958 1; Digital; ; 4\nINT64 1; Wide; ; 5\n"
+      "INT 1; Refused; 0 1; 0\nINT 1; Ints; 0 9; 9\n");
+  phone.sound.refuse("Refused", EPERM);
+  phone.start();
+  EXPECT_EQ(phone.command("AT+LIST"),
+            (Texts{"0 Switch 0", "1 Ints 5 6", "2 Choice c b", "3 Bytes 1 2 3 254", "4 Digital -22",
+                   "5 Wide -22", "1 Refused 0", "1 Ints 9"}));
+  EXPECT_EQ(phone.command("AT+TRY"),
+            Texts{"5 -7: 0 0 0 0 0 -22 -22 -22 -22 -22 -22 -22 -22 -22 -22 "
+                  "-1 -22"});
+  EXPECT_EQ(phone.sound.writes(),
+            (Texts{"Ints = 5 -7", "Bytes = ff 80 00 fe", "Choice = b b", "Switch = 1"}));
+  EXPECT_EQ(phone.open_devices(), 0U);
+  EXPECT_EQ(phone.sound.handles(), 0U);
 }
 
 TEST(DieCrack, NamesTheStepThatFails) {

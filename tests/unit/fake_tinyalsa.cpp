@@ -65,7 +65,7 @@ int mixer_ctl_get_value(const mixer_ctl* ctl, unsigned int id) {
 static void record(const mixer_ctl& ctl) {
   std::string text = ctl.name + " =";
   for (const long value : ctl.values) {
-    text += " " + std::to_string(value);
+    text.append(" ").append(std::to_string(value));
   }
   fake_card.writes.push_back(text);
 }

@@ -4,8 +4,9 @@
 
 #include <tinyalsa/asoundlib.h>
 
-#include <map>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 struct mixer_ctl {
@@ -18,8 +19,8 @@ struct mixer_ctl {
 struct FakeCard {
   bool present = true;
   std::vector<mixer_ctl> controls;
-  std::map<std::string, mixer_ctl*, std::less<>> by_name = {};  // made when the mixer opens
-  std::vector<std::string> writes = {};                         // "NAME = VALUE...", in order
+  std::unordered_map<std::string_view, mixer_ctl*> by_name = {};  // made when the mixer opens
+  std::vector<std::string> writes = {};                           // "NAME = VALUE...", in order
   int open_mixers = 0;
 };
 
