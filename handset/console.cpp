@@ -110,6 +110,38 @@ static void show_property(const Words& words) {
   }
 }
 
+static void show_mixer(const Words& words) {
+  if (words.size() > 1) {
+    std::string name = words[1];
+    for (size_t i = 2; i < words.size(); ++i) {
+      name += " " + words[i];
+    }
+    const std::string control = phone->sound.show(name);
+    std::cout << (control.empty() ? "no such control" : control) << "\n";
+    return;
+  }
+  for (const std::string& write : phone->sound.take_writes()) {
+    std::cout << write << "\n";
+  }
+}
+
+static void set_mixer(const Words& words) {
+  std::string name = words[2];
+  for (size_t i = 3; i < words.size(); ++i) {
+    name += " " + words[i];
+  }
+  phone->sound.set(name, words[1]);
+}
+
+static void switch_party(const Words& words) {
+  phone->session_party.set_answering(words[1] != "off");
+}
+
+static void wait_for_replies(const Words& words) {
+  phone->serial.wait_replies(1, std::chrono::seconds(std::stol(words[1])));
+  print_replies();
+}
+
 static void save_panel(const Words& words) {
   const Picture picture = phone->display.picture();
   if (!picture.write_png(words[1])) {
@@ -229,6 +261,14 @@ static const DotCommand kDotCommands[] = {
     {".prop", "NAME [VALUE]", "show or set a system property", 2, show_property},
     {".key", "power|volup|voldown ...", "press keys, now or as soon as AT+KEY listens", 2,
      press_keys},
+    {".mixer", "[CONTROL]", "mixer writes since the last look, in order; or a control's values", 1,
+     show_mixer},
+    {".mixerset", "VALUE CONTROL", "set a control's first value: a number or an item", 3,
+     set_mixer},
+    {".party", "on|off", "whether \"cmd_off\" of the test tone is answered with \"cmd_finish\"", 2,
+     switch_party},
+    {".wait", "SECONDS", "wait for a reply that comes after its command, that long at most", 2,
+     wait_for_replies},
     {".panel", "FILE.png", "what the panel shows, as a picture", 2, save_panel},
     {".record", "pcba [NUMBER] | download [start|over]", "put a record on the reserve partition", 2,
      put_record},

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/input-event-codes.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -29,6 +30,7 @@ namespace fs = std::filesystem;
 
 static const char kSerialTty[] = "/dev/ttyMSM0";
 static const char kMemoryCard[] = "/mnt/sdcard";
+static const char kSoundControls[] = "/dev/snd/controls";
 static const char kProgramCalls[] = "/data/program_calls";
 
 static std::runtime_error system_error(const std::string& what) {
@@ -62,6 +64,9 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   add_device("/dev/input/event0", &volume_keys);
   add_device("/dev/input/event1", &power_key);
   add_device("/dev/input/event2", &pointer);
+  sound.describe(read_file(kSoundControls).value_or(""));
+  add_device("/dev/snd/controlC0", &sound);
+  session_party.attend(path("/dev/__properties__"));
 
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
@@ -71,6 +76,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
       return Answer::fault(fault(call.link(call.descriptor()), call.number));
     });
   }
+  supervisor_.handle(SYS_clone3, [this](const TrappedCall& call) { return on_clone3(call); });
   supervisor_.handle(SYS_read, [this](const TrappedCall& call) { return on_read(call); });
   supervisor_.handle(SYS_write, [this](const TrappedCall& call) { return on_write(call); });
   supervisor_.handle(SYS_clock_nanosleep,
@@ -386,6 +392,12 @@ Answer Handset::on_statfs(const TrappedCall& call) {
   status.f_bavail = card_->free_blocks;
   status.f_namelen = 255;
   return Answer::result(call.write(call.arguments[1], &status, sizeof(status)) ? 0 : -EFAULT);
+}
+
+Answer Handset::on_clone3(const TrappedCall& call) {
+  uint64_t flags = 0;  // the first field of the caller's record
+  call.read(call.arguments[0], &flags, sizeof(flags));
+  return Answer::fault(fault((flags & CLONE_THREAD) != 0 ? "thread" : "process", SYS_clone3));
 }
 
 Answer Handset::on_openat(const TrappedCall& call) {

@@ -29,6 +29,8 @@
 #include "handset/nodes.h"
 #include "handset/power_interfaces.h"
 #include "handset/serial_line.h"
+#include "handset/session_party.h"
+#include "handset/sound_card.h"
 
 class Handset {
  public:
@@ -93,6 +95,7 @@ class Handset {
   // Makes a call (SYS_openat, SYS_write; with StartOptions::faults also those of kFaultCalls) fail
   // with an errno on a file of the phone, whoever makes it; 0 makes it work again. The path is the
   // file's own (for an open: the one that the caller names), not that of a link to it.
+  // For SYS_clone3 the "path" is "thread" or "process": no new one is made.
   void fail(const std::string& phone_path, int call, int error);
 
   void set_property(const std::string& name, const std::string& value);
@@ -132,6 +135,8 @@ class Handset {
   InputDevice pointer{InputDevice::kSyn | InputDevice::kKey | InputDevice::kRelative |
                       InputDevice::kAbsolute};  // /dev/input/event2
   DrmDevice display{DrmDevice::phone_card()};   // /dev/dri/card0
+  SoundCard sound;                             // /dev/snd/controlC0
+  SessionParty session_party;
 
  private:
   void lay_root();
@@ -139,6 +144,7 @@ class Handset {
   void close_devices_unheld();
   int fault(const std::string& file, int call) const;
   Answer on_statfs(const TrappedCall& call);
+  Answer on_clone3(const TrappedCall& call);
   Answer on_openat(const TrappedCall& call);
   Answer on_ioctl(const TrappedCall& call);
   Answer on_read(const TrappedCall& call);

@@ -23,6 +23,7 @@ constexpr int kTrappedCalls[] = {SYS_statfs,          SYS_openat,       SYS_ioct
                                  SYS_init_module,     SYS_finit_module, SYS_delete_module};
 constexpr unsigned kSerialReadSize = 576;
 
-// Calls on descriptors that only a handset with faults sees (reads then in every size).
-constexpr int kFaultCalls[] = {SYS_read,  SYS_pread64,   SYS_lseek,
-                               SYS_fsync, SYS_fdatasync, SYS_ftruncate};
+// Calls on descriptors, and the making of threads and processes, that only a handset with faults
+// sees (reads then in every size).
+constexpr int kFaultCalls[] = {SYS_read,      SYS_pread64,   SYS_lseek, SYS_fsync,
+                               SYS_fdatasync, SYS_ftruncate, SYS_clone3};
