@@ -62,6 +62,12 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   add_device("/dev/input/event0", &volume_keys);
   add_device("/dev/input/event1", &power_key);
   add_device("/dev/input/event2", &pointer);
+  const fs::path own_sensors = options.profile / "sensors";
+  sensors.start(!options.profile.empty() && fs::exists(own_sensors)
+                    ? own_sensors
+                    : fs::path(FTM_PROFILE) / "sensors",
+                path("/dev/socket/qmi_sns_client"));
+  clock.on_skip = [this](std::chrono::nanoseconds time) { return sensors.skip(time); };
 
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
@@ -95,8 +101,9 @@ void Handset::lay_root() {
   const fs::path root = base_ / "root";
   for (const char* folder :
        {"dev/block/bootdevice/by-name", ".nodes", ".proc", "sys", "proc", "usr",
-        "dev/__properties__", "tmp", "odm/etc", "odm/bin", "persist/ftm_admin", "vendor/bin",
-        "system", "mnt/vendor/norvareserve/ftm_admin", "data", "cache", "persist", "d"}) {
+        "dev/__properties__", "dev/socket", "tmp", "odm/etc", "odm/bin", "persist/ftm_admin",
+        "vendor/bin", "system", "mnt/vendor/norvareserve/ftm_admin", "data", "cache", "persist",
+        "d"}) {
     fs::create_directories(root / folder);
   }
   for (const char* folder : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {

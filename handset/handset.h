@@ -28,6 +28,7 @@
 #include "handset/kernel_modules.h"
 #include "handset/nodes.h"
 #include "handset/power_interfaces.h"
+#include "handset/sensor_hub.h"
 #include "handset/serial_line.h"
 
 class Handset {
@@ -132,6 +133,7 @@ class Handset {
   InputDevice pointer{InputDevice::kSyn | InputDevice::kKey | InputDevice::kRelative |
                       InputDevice::kAbsolute};  // /dev/input/event2
   DrmDevice display{DrmDevice::phone_card()};   // /dev/dri/card0
+  SensorHub sensors;                            // behind /dev/socket/qmi_sns_client
 
  private:
   void lay_root();

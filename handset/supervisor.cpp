@@ -113,10 +113,16 @@ static void respond(int listener, uint64_t id, int64_t value) {
 }
 
 void Supervisor::answer_due(int listener) {
+  constexpr auto kAskAgain = std::chrono::milliseconds(1);
   const auto now = steady_clock::now();
   while (!later_.empty() && later_.begin()->first <= now) {
-    respond(listener, later_.begin()->second.id, later_.begin()->second.value);
+    const Pending due = std::move(later_.begin()->second);
     later_.erase(later_.begin());
+    if (due.ready == nullptr || due.ready()) {
+      respond(listener, due.id, due.value);
+    } else {
+      later_.insert({now + kAskAgain, due});
+    }
   }
 }
 
@@ -142,8 +148,8 @@ bool Supervisor::answer_next(int listener) {
       break;
     }
     case Answer::Kind::kResult:
-      if (answer.delay.count() > 0) {
-        later_.insert({steady_clock::now() + answer.delay, {call.id, answer.value}});
+      if (answer.delay.count() > 0 || answer.ready != nullptr) {
+        later_.insert({steady_clock::now() + answer.delay, {call.id, answer.value, answer.ready}});
       } else {
         respond(listener, call.id, answer.value);
       }

@@ -588,6 +588,9 @@ int open_sensor(int type_id) {
     SENSOR_LOG("%s: sensor already testing", __func__);
     return -1;
   }
+  // A sample that came between the last run's fetch and its end is none of this run's.
+  static constexpr float kNone[kSensorValues] = {kNoSensorData, kNoSensorData, kNoSensorData};
+  set_values(kNone, kSensorValues);
   if (!wait_for_service() || !create_client_conn()) {
     return -1;
   }
