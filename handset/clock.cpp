@@ -39,5 +39,9 @@ Answer Clock::clock_nanosleep(const TrappedCall& call) {
   if (on_wait_) {
     on_wait_(std::chrono::duration_cast<microseconds>(wait));
   }
-  return Answer::result_after(0, std::chrono::duration_cast<nanoseconds>(wait * factor_));
+  Answer answer = Answer::result_after(0, std::chrono::duration_cast<nanoseconds>(wait * factor_));
+  if (on_skip != nullptr && wait > answer.delay) {
+    answer.ready = on_skip(wait - answer.delay);
+  }
+  return answer;
 }

@@ -172,6 +172,40 @@ static void put_record(const Words& words) {
   }
 }
 
+static void show_sensors(const Words& words) {
+  if (words.size() > 2) {
+    std::vector<float> values;
+    for (size_t i = 2; i < words.size(); ++i) {
+      values.push_back(strtof(words[i].c_str(), nullptr));
+    }
+    if (!phone->sensors.set_values(words[1], values)) {
+      std::cout << "no such sensor; .sensor lists them\n";
+    }
+    return;
+  }
+  for (const SensorHub::Sensor& sensor : phone->sensors.sensors()) {
+    std::cout << sensor.name << " (" << sensor.data_type << ")";
+    for (const float value : sensor.values) {
+      std::cout << " " << value;
+    }
+    std::cout << "\n";
+  }
+}
+
+static void set_hub(const Words& words) {
+  using State = SensorHub::State;
+  static const std::map<std::string, State> kStates = {{"healthy", State::kHealthy},
+                                                       {"silent", State::kSilent},
+                                                       {"garbage", State::kGarbage},
+                                                       {"refusing", State::kRefusing},
+                                                       {"absent", State::kAbsent}};
+  if (const auto state = kStates.find(words[1]); state != kStates.end()) {
+    phone->sensors.set_state(state->second);
+  } else {
+    phone->sensors.set_delay(std::chrono::milliseconds(atoi(words[1].c_str())));
+  }
+}
+
 static void show_log(const Words& words) {
   std::istringstream stream(phone->log());
   std::vector<std::string> lines;
@@ -277,6 +311,9 @@ static const DotCommand kDotCommands[] = {
     {".wake", "", "wake the phone by an event from outside", 1, wake},
     {".file", "PATH", "show a file of the phone, or what a folder holds", 2, show_file},
     {".pause", "MS", "wait, as a script between commands", 2, pause},
+    {".sensor", "[NAME VALUE...]", "the sensors, or what one of them measures", 1, show_sensors},
+    {".hub", "healthy|silent|garbage|refusing|absent|MS",
+     "how the sensor hub is, or how long each of its answers takes", 2, set_hub},
     {".log", "[LINES]", "the end of the daemon's log", 1, show_log},
     {".line", "", "where another serial program attaches", 1, show_line},
     {".restart", "", "start the daemon anew", 1, restart},

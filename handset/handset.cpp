@@ -67,6 +67,12 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   sound.describe(read_file(kSoundControls).value_or(""));
   add_device("/dev/snd/controlC0", &sound);
   session_party.attend(path("/dev/__properties__"));
+  const fs::path own_sensors = options.profile / "sensors";
+  sensors.start(!options.profile.empty() && fs::exists(own_sensors)
+                    ? own_sensors
+                    : fs::path(FTM_PROFILE) / "sensors",
+                path("/dev/socket/qmi_sns_client"));
+  clock.on_skip = [this](std::chrono::nanoseconds time) { return sensors.skip(time); };
 
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
@@ -101,8 +107,9 @@ void Handset::lay_root() {
   const fs::path root = base_ / "root";
   for (const char* folder :
        {"dev/block/bootdevice/by-name", ".nodes", ".proc", "sys", "proc", "usr",
-        "dev/__properties__", "tmp", "odm/etc", "odm/bin", "persist/ftm_admin", "vendor/bin",
-        "system", "mnt/vendor/norvareserve/ftm_admin", "data", "cache", "persist", "d"}) {
+        "dev/__properties__", "dev/socket", "tmp", "odm/etc", "odm/bin", "persist/ftm_admin",
+        "vendor/bin", "system", "mnt/vendor/norvareserve/ftm_admin", "data", "cache", "persist",
+        "d"}) {
     fs::create_directories(root / folder);
   }
   for (const char* folder : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
@@ -428,6 +435,7 @@ Answer Handset::on_openat(const TrappedCall& call) {
   char name[4096] = {};
   if (readlink(link.c_str(), name, sizeof(name) - 1) > 0 && answer.file != nullptr) {
     opened_[name] = std::move(answer.file);
+    injecting_ = name;
   }
   return Answer::descriptor(answer.fd);
 }
@@ -440,7 +448,10 @@ void Handset::close_devices_unheld() {
        fs::directory_iterator("/proc/" + std::to_string(pid_) + "/fd", ended)) {
     held.insert(fs::read_symlink(entry.path(), ended).string());
   }
-  std::erase_if(opened_, [&](const auto& opened) { return held.count(opened.first) == 0; });
+  // The latest may be on its way to the daemon still.
+  std::erase_if(opened_, [&](const auto& opened) {
+    return held.count(opened.first) == 0 && opened.first != injecting_;
+  });
 }
 
 size_t Handset::open_devices(const std::string& kind) {
@@ -453,6 +464,7 @@ size_t Handset::open_devices(const std::string& kind) {
 
 Answer Handset::on_ioctl(const TrappedCall& call) {
   const std::lock_guard lock(devices_mutex_);
+  injecting_.clear();
   const auto file = opened_.empty() ? opened_.end() : opened_.find(call.link(call.descriptor()));
   if (file == opened_.end()) {
     return Answer::kernel();
@@ -464,6 +476,10 @@ Answer Handset::on_ioctl(const TrappedCall& call) {
 Answer Handset::on_read(const TrappedCall& call) {
   const std::string file = call.link(call.descriptor());
   if (file == kSerialTty && call.arguments[2] == kSerialReadSize) {
+    {
+      const std::lock_guard lock(devices_mutex_);
+      injecting_.clear();
+    }
     serial.note_read();
   }
   return Answer::fault(fault(file, SYS_read));

@@ -28,6 +28,7 @@
 #include "handset/kernel_modules.h"
 #include "handset/nodes.h"
 #include "handset/power_interfaces.h"
+#include "handset/sensor_hub.h"
 #include "handset/serial_line.h"
 #include "handset/session_party.h"
 #include "handset/sound_card.h"
@@ -135,8 +136,9 @@ class Handset {
   InputDevice pointer{InputDevice::kSyn | InputDevice::kKey | InputDevice::kRelative |
                       InputDevice::kAbsolute};  // /dev/input/event2
   DrmDevice display{DrmDevice::phone_card()};   // /dev/dri/card0
-  SoundCard sound;                             // /dev/snd/controlC0
+  SoundCard sound;                              // /dev/snd/controlC0
   SessionParty session_party;
+  SensorHub sensors;  // behind /dev/socket/qmi_sns_client
 
  private:
   void lay_root();
@@ -159,6 +161,7 @@ class Handset {
   std::map<std::pair<std::string, int>, int> faults_;  // path and call to errno
   mutable std::mutex devices_mutex_;
   std::map<std::string, std::unique_ptr<DeviceFile>> opened_;  // by what /proc/PID/fd/N names
+  std::string injecting_;  // the name of the one that the daemon is being given
   pid_t pid_ = 0;
   std::optional<int> status_;
   Supervisor supervisor_;

@@ -32,6 +32,8 @@ void lay_profile(const fs::path& profile, const fs::path& root, Nodes* nodes) {
       fs::create_directories(root / place);
     } else if (place == "properties") {
       lay_properties(entry.path(), root);
+    } else if (place == "sensors") {
+      continue;  // the sensor hub's own
     } else if (tree == "sys" || tree == "proc") {
       nodes->set((fs::path("/") / place).string(), content(entry.path()));
     } else {

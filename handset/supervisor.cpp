@@ -113,10 +113,16 @@ static void respond(int listener, uint64_t id, int64_t value) {
 }
 
 void Supervisor::answer_due(int listener) {
+  constexpr auto kAskAgain = std::chrono::milliseconds(1);
   const auto now = steady_clock::now();
   while (!later_.empty() && later_.begin()->first <= now) {
-    respond(listener, later_.begin()->second.id, later_.begin()->second.value);
+    const Pending due = std::move(later_.begin()->second);
     later_.erase(later_.begin());
+    if (due.ready == nullptr || due.ready()) {
+      respond(listener, due.id, due.value);
+    } else {
+      later_.insert({now + kAskAgain, due});
+    }
   }
 }
 
@@ -142,8 +148,8 @@ bool Supervisor::answer_next(int listener) {
       break;
     }
     case Answer::Kind::kResult:
-      if (answer.delay.count() > 0) {
-        later_.insert({steady_clock::now() + answer.delay, {call.id, answer.value}});
+      if (answer.delay.count() > 0 || answer.ready != nullptr) {
+        later_.insert({steady_clock::now() + answer.delay, {call.id, answer.value, answer.ready}});
       } else {
         respond(listener, call.id, answer.value);
       }
@@ -153,7 +159,9 @@ bool Supervisor::answer_next(int listener) {
       add.id = call.id;
       add.flags = SECCOMP_ADDFD_FLAG_SEND;
       add.srcfd = static_cast<uint32_t>(answer.value);
-      ioctl(listener, SECCOMP_IOCTL_NOTIF_ADDFD, &add);
+      if (ioctl(listener, SECCOMP_IOCTL_NOTIF_ADDFD, &add) < 0) {
+        respond(listener, call.id, -errno);  // the caller may have no descriptor left
+      }
       close(static_cast<int>(answer.value));
       break;
     }

@@ -62,6 +62,8 @@ struct Answer {
   Kind kind;
   int64_t value;
   std::chrono::nanoseconds delay;
+  // After its delay a result also waits for this, asked again and again, to say true.
+  std::function<bool()> ready = nullptr;
 };
 
 class Supervisor {
@@ -82,6 +84,7 @@ class Supervisor {
   struct Pending {
     uint64_t id;
     int64_t value;
+    std::function<bool()> ready;
   };
   void loop(int listener);
   bool answer_next(int listener);
