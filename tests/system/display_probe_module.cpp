@@ -1,6 +1,8 @@
 // Draws what no real command draws: two colours side by side, a mixed colour, a blank asked for
-// twice. Linked into a daemon of its own; takes the place of the display module.
+// twice, all of it without memory. Linked into a daemon of its own; takes the place of the display
+// module.
 
+#include <dlfcn.h>
 #include <string.h>
 
 #include <memory>
@@ -12,6 +14,14 @@
 #define TAG "[FTM-PROBE]"
 
 static std::unique_ptr<MinuiBackendDrm> backend;
+static bool no_memory = false;
+
+// Stands before the library's own.
+extern "C" drmModeAtomicReqPtr drmModeAtomicAlloc() {
+  static const auto real =
+      reinterpret_cast<drmModeAtomicReqPtr (*)()>(dlsym(RTLD_NEXT, "drmModeAtomicAlloc"));
+  return no_memory ? nullptr : real();
+}
 
 // Left half red, right half blue.
 static int at_draw_halves(const char*) {
@@ -41,6 +51,15 @@ static int at_blank_twice(const char*) {
   return 0;
 }
 
+static int at_without_memory(const char*) {
+  no_memory = true;
+  backend->Flip();
+  backend->Blank(true);
+  no_memory = false;
+  at_send_result("tried");
+  return 0;
+}
+
 static int at_fill(const char*) {
   gr_init();
   gr_color(10, 20, 30, 255);
@@ -53,6 +72,7 @@ static int at_fill(const char*) {
 static AtCommand rows[] = {
     {.short_name = "halves", .command = "AT+HALVES", .handler = at_draw_halves},
     {.short_name = "blank_twice", .command = "AT+BLANK", .handler = at_blank_twice},
+    {.short_name = "without_memory", .command = "AT+NOMEM", .handler = at_without_memory},
     {.short_name = "fill", .command = "AT+FILL", .handler = at_fill},
 };
 

@@ -69,6 +69,12 @@ TEST(Display, IsWhiteWhileOpenAndBlackAfterwards) {
   twice.insert(twice.end(), once.begin(), once.end());
   EXPECT_EQ(phone.display.first_pixels(), twice);
   expect_exchange(phone, {"AT+ELCM=0,0", {"OK\r\n"}, {}, {100}});
+  // A daemon that ends takes its picture with it.
+  phone.command("AT+EDFT=0,5");
+  phone.stop();
+  EXPECT_EQ(phone.open_devices(), 0U);
+  EXPECT_TRUE(all(phone.display.picture(), 0));
+  EXPECT_EQ(phone.display.objects(), DrmDevice::Objects{});
 }
 
 TEST(Display, ShowsTheHalvesOfOneBufferWhateverTheTopology) {
@@ -176,6 +182,10 @@ TEST(Display, MessagesOfTheCommitStandOnItsSuccess) {
   CardPhone p(card({connector(16, 60, 40)}), FTM_DISPLAY_PROBE);
   p.phone.start();
   p.phone.command("AT+HALVES");
+  p.phone.command("AT+NOMEM");
+  EXPECT_EQ(count(p.phone.output(), "Atomic Alloc failed. Could not update fb_id\n"), 1U);
+  EXPECT_EQ(count(p.phone.output(), "Atomic Alloc failed\n"), 1U);
+  EXPECT_EQ(p.device.picture().at(0, 0), kRed);
   EXPECT_EQ(count(p.phone.output(), "Atomic Commit failed in DisableNonMainCrtcs\n"), 1U);
   EXPECT_EQ(count(p.phone.output(), "Atomic Commit failed, rc = 0\n"), 1U);
   const int commits = p.device.commits();
@@ -191,7 +201,9 @@ TEST(Display, FillsAMixedColourPixelByPixel) {
   CardPhone p(padded, FTM_DISPLAY_PROBE);
   p.phone.start();
   p.phone.command("AT+FILL");
+  p.phone.command("AT+FILL");  // an open without a close
   EXPECT_TRUE(all(p.device.picture(), 0x0a141e));
+  EXPECT_EQ(p.phone.open_devices(), 1U);
   EXPECT_NE(p.phone.log().find("qlmgr_clear size=40x60\n"), std::string::npos);
   EXPECT_NE(p.phone.log().find("qlmfailed to read font: res=-7\n"), std::string::npos);
 }
@@ -203,13 +215,15 @@ TEST(Display, EachFailingCallLeavesNothingBehind) {
     std::string message;
     bool lit;
   };
-  // Two commits that fail leave the panel lit or dark as it was; the others stop the set-up.
+  // The later ones come after the panel is set up.
   const std::vector<Case> cases = {
       {DRM_IOCTL_MODE_CREATE_DUMB, 0, "DRM_IOCTL_MODE_CREATE_DUMB failed ret=-1\n", false},
       {DRM_IOCTL_MODE_CREATE_DUMB, 1, "DRM_IOCTL_MODE_CREATE_DUMB failed ret=-1\n", false},
       {DRM_IOCTL_MODE_ADDFB2, 1, "drmModeAddFB2 failed ret=-5\n", false},
       {DRM_IOCTL_MODE_MAP_DUMB, 0, "DRM_IOCTL_MODE_MAP_DUMB failed ret=-1\n", false},
       {DRM_IOCTL_MODE_CREATEPROPBLOB, 0, "failed to create mode blob\n", false},
+      // Without its set-up the flips after it are refused.
+      {DRM_IOCTL_MODE_ATOMIC, 0, "Atomic commit failed ret=-22\n", false},
       {DRM_IOCTL_MODE_ATOMIC, 1, "Atomic commit failed ret=-5\n", true},
       {DRM_IOCTL_MODE_RMFB, 0, "drmModeRmFB failed ret=-5\n", true},
       {DRM_IOCTL_GEM_CLOSE, 0, "DRM_IOCTL_GEM_CLOSE failed ret=-1\n", true},
@@ -228,6 +242,37 @@ TEST(Display, EachFailingCallLeavesNothingBehind) {
     EXPECT_EQ(p.device.objects(), DrmDevice::Objects{});
     p.phone.command("AT+EDFT=0,5");
     EXPECT_TRUE(all(p.device.picture(), kWhite));
+  }
+}
+
+TEST(Display, SaysWhatACardLacksAndLeavesNothingBehind) {
+  DrmDevice::Card unmappable = card({connector(16, 20, 10)});
+  unmappable.mappable = false;
+  const auto without = [](const std::string& property) {
+    DrmDevice::Card made = card({connector(16, 20, 10)});
+    made.lacks = property;
+    return made;
+  };
+  struct Case {
+    DrmDevice::Card card;
+    std::string message;  // on standard output or, by perror, in the log
+  };
+  const std::vector<Case> cases = {
+      {unmappable, "mmap() failed: Invalid argument\n"},
+      {without("CRTC_X"), "Could not find obj_id = 400\nError populating plane_id = 400\n"},
+      {without("MODE_ID"), "Could not find obj_id = 100\n"},
+      {card({}), "cannot find/open a drm device"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.message);
+    CardPhone p(c.card);
+    p.phone.start();
+    p.phone.command("AT+EDFT=0,5");
+    EXPECT_TRUE(all(p.device.picture(), 0));
+    p.phone.command("AT+EDFT=0,0");
+    EXPECT_NE((p.phone.output() + p.phone.log()).find(c.message), std::string::npos);
+    EXPECT_EQ(p.phone.open_devices(), 0U);
+    EXPECT_EQ(p.device.objects(), DrmDevice::Objects{});
   }
 }
 
