@@ -321,7 +321,7 @@ static const DotCommand kDotCommands[] = {
 };
 
 static void help(const Words&) {
-  std::cout << "A line is sent to the phone as it is, with \\r\\n behind it: AT+EDFT=6,1\n";
+  std::cout << "A line is sent to the phone as it is, with \\n behind it: AT+EDFT=6,1\n";
   for (const DotCommand& command : kDotCommands) {
     std::string usage = command.name;
     usage += std::string(" ") + command.arguments;
@@ -340,23 +340,19 @@ static void run_dot_command(const std::string& line) {
   } else if (words.size() < command->least_words) {
     std::cout << "usage: " << command->name << " " << command->arguments << "\n";
   } else {
-    command->run(words);
+    try {
+      command->run(words);
+    } catch (const std::exception& error) {
+      std::cout << error.what() << "\n";
+    }
   }
 }
 
 // ---- batch: from the arguments or a pipe
 // -----------------------------------------------------------
 
-// True when the daemon lives on.
-static bool run_batch_line(const std::string& line) {
-  if (line.empty()) {
-    return true;
-  }
-  std::cout << "> " << line << std::endl;
-  if (line[0] == '.') {
-    run_dot_command(line);
-    return true;
-  }
+// Sends a command and prints its replies as they come. True when the daemon lives on.
+static bool run_command(const std::string& line) {
   const int reads = phone->serial.reads();
   phone->serial.send(line + "\n");
   bool handled = false;
@@ -370,6 +366,46 @@ static bool run_batch_line(const std::string& line) {
     std::cout << "the daemon has ended; its log ends:\n";
     show_log({".log", "5"});
     return false;
+  }
+  return true;
+}
+
+static bool run_batch_line(const std::string& line) {
+  if (line.empty()) {
+    return true;
+  }
+  std::cout << "> " << line << std::endl;
+  if (line[0] == '.') {
+    run_dot_command(line);
+    return true;
+  }
+  return run_command(line);
+}
+
+// Walks every command of the phone once, with a line of progress for each.
+static bool run_demo() {
+  std::ifstream stream(FTM_DEMO);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stream, line);) {
+    if (!line.empty() && line[0] != '#') {
+      lines.push_back(line);
+    }
+  }
+  const auto is_command = [](const std::string& line) { return line[0] != '.'; };
+  const auto all = std::count_if(lines.begin(), lines.end(), is_command);
+  int number = 0;
+  for (const std::string& line : lines) {
+    if (!is_command(line)) {
+      run_dot_command(line);
+      print_replies();
+      continue;
+    }
+    const bool longer = line.size() > 60;
+    std::cout << "[" << ++number << "/" << all << "] " << line.substr(0, 60)
+              << (longer ? "..." : "") << std::endl;
+    if (!run_command(line)) {
+      return false;
+    }
   }
   return true;
 }
@@ -474,18 +510,23 @@ static void run_terminal() {
   rl_callback_handler_remove();
 }
 
+constexpr double kDemoTime = 0.1;  // of the daemon's waits: nobody measures them in a demonstration
+
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
   const bool terminal = argc == 1 && isatty(STDIN_FILENO) != 0;
+  const bool demo = argc == 2 && strcmp(argv[1], "--demo") == 0;
   try {
-    phone = std::make_unique<Handset>(Handset::Options{.time_factor = 1});
+    phone = std::make_unique<Handset>(Handset::Options{.time_factor = demo ? kDemoTime : 1});
     phone->start();
   } catch (const std::exception& error) {
     std::cerr << error.what() << "\n";
     return 2;
   }
   bool alive = true;
-  if (terminal) {
+  if (demo) {
+    alive = run_demo();
+  } else if (terminal) {
     run_terminal();
   } else if (argc > 1) {
     for (int i = 1; i < argc && alive && !quit; ++i) {

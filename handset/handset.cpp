@@ -237,6 +237,8 @@ void Handset::start(const StartOptions& options) {
   const std::string tty = options.serial.value_or(serial.phone_tty());
   if (tty.empty()) {
     fs::remove(path(kSerialTty));
+  } else {
+    write_file(kSerialTty, "");  // the place of the bind
   }
   const StageTraps traps = !options.traps     ? StageTraps::kNone
                            : !options.threads ? StageTraps::kCallsAndThreads
@@ -320,8 +322,8 @@ void Handset::stop() {
     return;
   }
   kill(-pid_, SIGKILL);
-  kill(pid_, SIGKILL);  // the stage may not lead its group yet
   if (!status_.has_value()) {
+    kill(pid_, SIGKILL);  // the stage may not lead its group yet
     waitpid(pid_, nullptr, 0);
   }
   supervisor_.wait_ended();
@@ -444,9 +446,10 @@ Answer Handset::on_openat(const TrappedCall& call) {
 void Handset::close_devices_unheld() {
   std::set<std::string> held;
   std::error_code ended;
-  for (const fs::directory_entry& entry :
-       fs::directory_iterator("/proc/" + std::to_string(pid_) + "/fd", ended)) {
-    held.insert(fs::read_symlink(entry.path(), ended).string());
+  for (fs::directory_iterator entry("/proc/" + std::to_string(pid_) + "/fd", ended), none;
+       !ended && entry != none; entry.increment(ended)) {
+    std::error_code closed;
+    held.insert(fs::read_symlink(entry->path(), closed).string());
   }
   // The latest may be on its way to the daemon still.
   std::erase_if(opened_, [&](const auto& opened) {

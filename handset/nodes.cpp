@@ -123,16 +123,30 @@ struct NodeOperations {
     Nodes& all = *nodes();
     const std::string bytes(data, size);
     std::unique_lock lock(all.mutex_);
+    const auto node = all.nodes_.find(path);
+    if (node == all.nodes_.end()) {
+      return -ENOENT;
+    }
+    // Recorded before a function runs, so that what it brings about comes behind it, and taken back
+    // when it refuses.
     all.writes_.push_back({path, bytes});
-    Nodes::Node& node = all.nodes_[path];
-    if (!node.write) {
-      node.value = bytes;
+    if (!node->second.write) {
+      node->second.value = bytes;
       return static_cast<int>(size);
     }
-    const auto store = node.write;
+    const auto store = node->second.write;
     lock.unlock();
     const int error = store(bytes);
-    return error == 0 ? static_cast<int>(size) : -error;
+    if (error == 0) {
+      return static_cast<int>(size);
+    }
+    lock.lock();
+    const Nodes::Write refused = {path, bytes};
+    const auto recorded = std::find(all.writes_.rbegin(), all.writes_.rend(), refused);
+    if (recorded != all.writes_.rend()) {
+      all.writes_.erase(std::next(recorded).base());
+    }
+    return -error;
   }
 
   static int truncate(const char*, off_t, fuse_file_info*) {

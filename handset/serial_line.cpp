@@ -33,7 +33,10 @@ SerialLine::SerialLine() {
   phone_master_ = open_pty(&phone_tty_);
   phone_slave_ = open(phone_tty_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   desk_master_ = open_pty(&desk_tty_);
+  // Opened and closed once: from then on the line tells whether a program has it open.
+  close(open(desk_tty_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
   fcntl(desk_master_, F_SETFL, O_NONBLOCK);
+  fcntl(phone_master_, F_SETFL, O_NONBLOCK);
   if (pipe2(stop_, O_CLOEXEC) != 0) {
     throw std::runtime_error("cannot make a pipe");
   }
@@ -81,10 +84,13 @@ void SerialLine::relay() {
         changed_.notify_all();
       }
     }
-    if (attached && (desk.revents & POLLIN) != 0) {
+    // Also from a program that wrote and left at once.
+    if ((desk.revents & POLLIN) != 0) {
       const ssize_t count = read(desk_master_, bytes, sizeof(bytes));
       if (count > 0) {
-        send({bytes, static_cast<size_t>(count)});
+        // A daemon that does not read loses bytes likewise.
+        const ssize_t passed = write(phone_master_, bytes, static_cast<size_t>(count));
+        static_cast<void>(passed);
       }
     }
   }

@@ -194,6 +194,24 @@ static void trap_calls(StageTraps traps) {
   close(listener);
 }
 
+// Without traps the module calls would reach the desk's own kernel.
+static void refuse_module_calls() {
+  const auto jump = [](int call, uint8_t then) -> sock_filter {
+    return BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(call), then, 0);
+  };
+  sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                           jump(SYS_init_module, 3),
+                           jump(SYS_finit_module, 2),
+                           jump(SYS_delete_module, 1),
+                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM)};
+  sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
+  prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  if (syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &filter) != 0) {
+    fail("this machine gives no system call filter (seccomp)");
+  }
+}
+
 int main(int argc, char** argv) {
   if (argc != 5) {
     fprintf(stderr, "handset_stage is started by the handset\n");
@@ -204,8 +222,8 @@ int main(int argc, char** argv) {
   const std::string daemon = argv[3];
   const auto traps = static_cast<StageTraps>(atoi(argv[4]));
 
-  // The phone does not outlive the desk. A group of its own lets the handset end the daemon
-  // together with the shells it started.
+  // The phone does not outlive the thread of the desk that started it. A group of its own lets the
+  // handset end the daemon together with the shells it started.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   setpgid(0, 0);
   const rlimit no_core = {0, 0};
@@ -224,6 +242,7 @@ int main(int argc, char** argv) {
   char* const arguments[] = {const_cast<char*>("ftmd"), nullptr};
   fcntl(kStageSocket, F_SETFD, FD_CLOEXEC);
   if (traps == StageTraps::kNone) {
+    refuse_module_calls();
     send_to_handset(StageMessage::kUntrapped, -1, "");
   } else {
     trap_calls(traps);

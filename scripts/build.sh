@@ -13,9 +13,9 @@ install_packages() {
   echo "Installing ${#missing[@]} packages: ${missing[*]}" >&2
   local sudo=
   [ "$(id -u)" -eq 0 ] || sudo=sudo
-  $sudo apt-get update -q >&2
+  $sudo apt-get update -q >&2 </dev/null
   $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
-    "${missing[@]}" >&2
+    "${missing[@]}" >&2 </dev/null
 }
 
 # build PRESET [TARGET...]: shows its progress the first time and is silent afterwards.

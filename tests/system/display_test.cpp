@@ -72,7 +72,7 @@ TEST(Display, IsWhiteWhileOpenAndBlackAfterwards) {
   // A daemon that ends takes its picture with it.
   phone.command("AT+EDFT=0,5");
   phone.stop();
-  EXPECT_EQ(phone.open_devices(), 0U);
+  EXPECT_EQ(phone.open_devices("drm-card"), 0U);
   EXPECT_TRUE(all(phone.display.picture(), 0));
   EXPECT_EQ(phone.display.objects(), DrmDevice::Objects{});
 }
@@ -203,7 +203,7 @@ TEST(Display, FillsAMixedColourPixelByPixel) {
   p.phone.command("AT+FILL");
   p.phone.command("AT+FILL");  // an open without a close
   EXPECT_TRUE(all(p.device.picture(), 0x0a141e));
-  EXPECT_EQ(p.phone.open_devices(), 1U);
+  EXPECT_EQ(p.phone.open_devices("drm-card"), 1U);
   EXPECT_NE(p.phone.log().find("qlmgr_clear size=40x60\n"), std::string::npos);
   EXPECT_NE(p.phone.log().find("qlmfailed to read font: res=-7\n"), std::string::npos);
 }
@@ -271,7 +271,7 @@ TEST(Display, SaysWhatACardLacksAndLeavesNothingBehind) {
     EXPECT_TRUE(all(p.device.picture(), 0));
     p.phone.command("AT+EDFT=0,0");
     EXPECT_NE((p.phone.output() + p.phone.log()).find(c.message), std::string::npos);
-    EXPECT_EQ(p.phone.open_devices(), 0U);
+    EXPECT_EQ(p.phone.open_devices("drm-card"), 0U);
     EXPECT_EQ(p.device.objects(), DrmDevice::Objects{});
   }
 }
