@@ -1,6 +1,6 @@
-// The built-in font's runs; see font.h. The glyphs are those of Terminus Font (regular, 18 high, from
-// Debian's fonts-terminus-otb), Copyright (c) 2010-2014 Dimitar Toshkov Zhekov, under the SIL Open
-// Font License 1.1 (font_license.txt); the last one, a box, is drawn here.
+// The built-in font's runs; see font.h. The glyphs are those of Terminus Font (regular, 18 high,
+// from Debian's fonts-terminus-otb), Copyright (c) 2010-2014 Dimitar Toshkov Zhekov, under the SIL
+// Open Font License 1.1 (font_license.txt); the last one, a box, is drawn here.
 
 #include "display/font.h"
 
