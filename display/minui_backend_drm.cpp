@@ -107,7 +107,9 @@ MinuiBackendDrm::Properties MinuiBackendDrm::GetProperties(uint32_t object, uint
   for (uint32_t i = 0; list != nullptr && i < list->count_props; ++i) {
     const DrmProperty property(drmModeGetProperty(drm_fd_, list->props[i]));
     if (property != nullptr) {
-      found.all.push_back({property->name, property->prop_id, list->prop_values[i]});
+      const size_t length = strnlen(property->name, sizeof(property->name));
+      found.all.push_back(
+          {std::string(property->name, length), property->prop_id, list->prop_values[i]});
     }
   }
   return found;

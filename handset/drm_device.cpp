@@ -401,6 +401,7 @@ int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argum
     case DRM_IOCTL_MODE_GETPLANERESOURCES:
       return with<drm_mode_get_plane_res>(call, argument, [&](auto& r) {
         std::vector<uint32_t> ids;
+        ids.reserve(static_cast<size_t>(card_->card_.planes));
         for (int i = 0; i < card_->card_.planes; ++i) {
           ids.push_back(kPlanes + static_cast<uint32_t>(i));
         }

@@ -116,7 +116,8 @@ int at_get_emmc_size(const char*) {
 
 int at_get_emmc_size_new(const char*) {
   // Whole GiB: the decimals are always 00, on purpose.
-  const auto capacity = static_cast<float>(get_emmc_size() / 1048576);
+  const int64_t whole_gib = get_emmc_size() / 1048576;
+  const auto capacity = static_cast<float>(whole_gib);
   char text[64];
   bounded_format(text, sizeof(text), "capacity: %0.2f GB", static_cast<double>(capacity));
   at_send_result("OK\r\n");
