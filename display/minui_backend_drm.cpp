@@ -107,6 +107,7 @@ MinuiBackendDrm::Properties MinuiBackendDrm::GetProperties(uint32_t object, uint
   for (uint32_t i = 0; list != nullptr && i < list->count_props; ++i) {
     const DrmProperty property(drmModeGetProperty(drm_fd_, list->props[i]));
     if (property != nullptr) {
+      // The name is an array of the record. NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker)
       const size_t length = strnlen(property->name, sizeof(property->name));
       found.all.push_back(
           {std::string(property->name, length), property->prop_id, list->prop_values[i]});
