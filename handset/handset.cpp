@@ -22,9 +22,9 @@
 #include <stdexcept>
 #include <thread>
 
-#include "handset/partitions.h"
+#include "handset/links/stage.h"
+#include "handset/models/partitions.h"
 #include "handset/profile.h"
-#include "handset/stage.h"
 
 namespace fs = std::filesystem;
 

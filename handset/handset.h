@@ -20,18 +20,18 @@
 #include <string_view>
 #include <vector>
 
-#include "handset/camera_devices.h"
-#include "handset/clock.h"
-#include "handset/device.h"
-#include "handset/drm_device.h"
-#include "handset/input_device.h"
-#include "handset/kernel_modules.h"
-#include "handset/nodes.h"
-#include "handset/power_interfaces.h"
-#include "handset/sensor_hub.h"
-#include "handset/serial_line.h"
-#include "handset/session_party.h"
-#include "handset/sound_card.h"
+#include "handset/links/device.h"
+#include "handset/links/nodes.h"
+#include "handset/links/serial_line.h"
+#include "handset/models/cameras.h"
+#include "handset/models/clock.h"
+#include "handset/models/display_card.h"
+#include "handset/models/input_device.h"
+#include "handset/models/kernel_modules.h"
+#include "handset/models/power_interfaces.h"
+#include "handset/models/sensor_hub.h"
+#include "handset/models/sound_card.h"
+#include "handset/models/tone_party.h"
 
 class Handset {
  public:

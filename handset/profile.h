@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "handset/nodes.h"
+#include "handset/links/nodes.h"
 
 // Takes every file below profile/sys and profile/proc as a node (its content is the node's value),
 // each "name=value" line of profile/properties as a system property, and copies every other file

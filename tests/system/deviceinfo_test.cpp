@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-#include "handset/partitions.h"
+#include "handset/models/partitions.h"
 #include "tests/system/station.h"
 
 using Replies = std::vector<std::string>;

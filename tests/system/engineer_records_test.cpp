@@ -8,7 +8,7 @@
 
 #include <filesystem>
 
-#include "handset/partitions.h"
+#include "handset/models/partitions.h"
 #include "tests/system/station.h"
 
 namespace fs = std::filesystem;

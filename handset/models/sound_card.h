@@ -23,7 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "handset/device.h"
+#include "handset/links/device.h"
 
 class SoundCard : public Device {
  public:

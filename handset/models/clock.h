@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "handset/supervisor.h"
+#include "handset/links/supervisor.h"
 
 class Clock {
  public:

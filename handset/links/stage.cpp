@@ -9,7 +9,7 @@
 // Sends the FUSE and the trap descriptor to the handset, or one line of text that says what is
 // missing.
 
-#include "handset/stage.h"
+#include "handset/links/stage.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 // Input devices; see input_device.h.
 
-#include "handset/input_device.h"
+#include "handset/models/input_device.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 // The simulated sensor hub; see sensor_hub.h.
 
-#include "handset/sensor_hub.h"
+#include "handset/models/sensor_hub.h"
 
 #include <errno.h>
 #include <poll.h>

@@ -1,6 +1,6 @@
-// The display card's model; see drm_device.h.
+// The display card's model; see display_card.h.
 
-#include "handset/drm_device.h"
+#include "handset/models/display_card.h"
 
 #include <drm.h>
 #include <drm_mode.h>

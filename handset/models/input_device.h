@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "handset/device.h"
+#include "handset/links/device.h"
 
 class InputDevice : public Device {
  public:

@@ -1,6 +1,6 @@
 // Recorded and shortened waits; see clock.h.
 
-#include "handset/clock.h"
+#include "handset/models/clock.h"
 
 #include <errno.h>
 #include <time.h>

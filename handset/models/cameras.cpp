@@ -1,6 +1,6 @@
-// Media devices and camera sensors; see camera_devices.h.
+// Media devices and camera sensors; see cameras.h.
 
-#include "handset/camera_devices.h"
+#include "handset/models/cameras.h"
 
 #include <errno.h>
 #include <linux/media.h>

@@ -1,6 +1,6 @@
-// The tone session's other party; see session_party.h.
+// The tone session's other party; see tone_party.h.
 
-#include "handset/session_party.h"
+#include "handset/models/tone_party.h"
 
 #include <errno.h>
 #include <fcntl.h>

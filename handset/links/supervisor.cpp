@@ -1,6 +1,6 @@
 // The seccomp notification loop; see supervisor.h.
 
-#include "handset/supervisor.h"
+#include "handset/links/supervisor.h"
 
 #include <errno.h>
 #include <linux/seccomp.h>

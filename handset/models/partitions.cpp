@@ -1,6 +1,6 @@
 // Partition images and their records; see partitions.h.
 
-#include "handset/partitions.h"
+#include "handset/models/partitions.h"
 
 #include <algorithm>
 #include <fstream>

@@ -1,6 +1,6 @@
 // Module load and unload; see kernel_modules.h.
 
-#include "handset/kernel_modules.h"
+#include "handset/models/kernel_modules.h"
 
 #include <errno.h>
 

@@ -1,6 +1,6 @@
 // Both ptys and the relay between them; see serial_line.h.
 
-#include "handset/serial_line.h"
+#include "handset/links/serial_line.h"
 
 #include <errno.h>
 #include <fcntl.h>

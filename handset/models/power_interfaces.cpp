@@ -1,6 +1,6 @@
 // Suspend, wakeup count, wake locks and alarm; see power_interfaces.h.
 
-#include "handset/power_interfaces.h"
+#include "handset/models/power_interfaces.h"
 
 #include <errno.h>
 #include <stdlib.h>

@@ -1,6 +1,6 @@
 // Memory behind device files; see device.h.
 
-#include "handset/device.h"
+#include "handset/links/device.h"
 
 #include <errno.h>
 #include <fcntl.h>

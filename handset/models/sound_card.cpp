@@ -1,6 +1,6 @@
 // The sound card's model; see sound_card.h.
 
-#include "handset/sound_card.h"
+#include "handset/models/sound_card.h"
 
 #include <errno.h>
 #include <fcntl.h>

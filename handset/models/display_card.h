@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "handset/device.h"
+#include "handset/links/device.h"
 
 // Pixels as 0xRRGGBB, row by row.
 struct Picture {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "handset/device.h"
+#include "handset/links/device.h"
 
 // One camera sensor sub-device.
 class CameraSensor : public Device {

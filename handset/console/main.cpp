@@ -18,9 +18,9 @@
 #include <sstream>
 #include <thread>
 
+#include "handset/console/visible.h"
 #include "handset/handset.h"
-#include "handset/partitions.h"
-#include "handset/visible.h"
+#include "handset/models/partitions.h"
 
 using Words = std::vector<std::string>;
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "handset/supervisor.h"
+#include "handset/links/supervisor.h"
 
 // One open of a device. Destroyed when the daemon has closed the descriptor, or has ended: that is
 // the model's close. (Noticed at the next open of a device, or when a test asks.)

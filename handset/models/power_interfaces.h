@@ -13,8 +13,8 @@
 #include <set>
 #include <string>
 
-#include "handset/clock.h"
-#include "handset/nodes.h"
+#include "handset/links/nodes.h"
+#include "handset/models/clock.h"
 
 class PowerInterfaces {
  public:

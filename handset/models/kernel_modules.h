@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "handset/supervisor.h"
+#include "handset/links/supervisor.h"
 
 class KernelModules {
  public:

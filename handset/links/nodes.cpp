@@ -2,7 +2,7 @@
 
 #define FUSE_USE_VERSION 312
 
-#include "handset/nodes.h"
+#include "handset/links/nodes.h"
 
 #include <errno.h>
 #include <fuse.h>
@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "handset/stage.h"
+#include "handset/links/stage.h"
 
 #ifdef __SANITIZE_ADDRESS__
 // The FUSE library loses a request that is under way when its mount goes.
