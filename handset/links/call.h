@@ -1,0 +1,24 @@
+// The process whose request a model answers, as the model sees it. The supervisor has one for each
+// trapped call; a unit test can bring its own.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace handset {
+
+class Caller {
+ public:
+  virtual ~Caller() = default;
+
+  // Copies from (to) the caller's memory; false when it is not there.
+  virtual bool read(uint64_t address, void* data, size_t size) const = 0;
+  virtual bool write(uint64_t address, const void* data, size_t size) const = 0;
+
+  // A terminated text of the caller, at most 4096 bytes of it.
+  virtual std::string text(uint64_t address) const = 0;
+};
+
+}  // namespace handset
