@@ -16,6 +16,8 @@
 
 #include "handset/handset.h"
 
+using namespace handset;
+
 using std::chrono::steady_clock;
 
 class Candidate {

@@ -26,6 +26,8 @@
 #include "handset/models/partitions.h"
 #include "handset/profile.h"
 
+namespace handset {
+
 namespace fs = std::filesystem;
 
 static const char kSerialTty[] = "/dev/ttyMSM0";
@@ -503,3 +505,5 @@ Answer Handset::on_write(const TrappedCall& call) {
   }
   return Answer::result(static_cast<int64_t>(taken));
 }
+
+}  // namespace handset

@@ -33,6 +33,8 @@
 #include "handset/models/sound_card.h"
 #include "handset/models/tone_party.h"
 
+namespace handset {
+
 class Handset {
  public:
   struct Options {
@@ -166,3 +168,5 @@ class Handset {
   std::optional<int> status_;
   Supervisor supervisor_;
 };
+
+}  // namespace handset

@@ -6,6 +6,8 @@
 #include <iterator>
 #include <string>
 
+namespace handset {
+
 namespace fs = std::filesystem;
 
 static std::string content(const fs::path& file) {
@@ -42,3 +44,5 @@ void lay_profile(const fs::path& profile, const fs::path& root, Nodes* nodes) {
     }
   }
 }
+
+}  // namespace handset

@@ -6,8 +6,12 @@
 
 #include "handset/links/nodes.h"
 
+namespace handset {
+
 // Takes every file below profile/sys and profile/proc as a node (its content is the node's value),
 // each "name=value" line of profile/properties as a system property, and copies every other file
 // and link to its place below root. Files that are there already are replaced.
 void lay_profile(const std::filesystem::path& profile, const std::filesystem::path& root,
                  Nodes* nodes);
+
+}  // namespace handset

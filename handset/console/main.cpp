@@ -22,6 +22,8 @@
 #include "handset/handset.h"
 #include "handset/models/partitions.h"
 
+using namespace handset;
+
 using Words = std::vector<std::string>;
 
 static std::unique_ptr<Handset> phone;

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+namespace handset {
+
 // The text with its line ends and other unprintable bytes written as escapes: "OK\r\n" in six
 // letters, \x1b for an escape byte.
 inline std::string visible(std::string_view text) {
@@ -26,3 +28,5 @@ inline std::string visible(std::string_view text) {
   }
   return shown;
 }
+
+}  // namespace handset

@@ -11,6 +11,8 @@
 #include <atomic>
 #include <stdexcept>
 
+namespace handset {
+
 MemoryFile::MemoryFile(const std::string& kind) {
   static std::atomic<int> made = 0;
   memory_ = memfd_create((kind + "-" + std::to_string(made++)).c_str(), MFD_CLOEXEC);
@@ -26,3 +28,5 @@ MemoryFile::~MemoryFile() {
 int MemoryFile::caller_descriptor() const {
   return fcntl(memory_, F_DUPFD_CLOEXEC, 0);
 }
+
+}  // namespace handset

@@ -8,7 +8,9 @@
 #include <memory>
 #include <string>
 
-#include "handset/links/supervisor.h"
+#include "handset/links/call.h"
+
+namespace handset {
 
 // One open of a device. Destroyed when the daemon has closed the descriptor, or has ended: that is
 // the model's close. (Noticed at the next open of a device, or when a test asks.)
@@ -17,8 +19,8 @@ class DeviceFile {
   virtual ~DeviceFile() = default;
 
   // Answers an ioctl: a result of 0 or more, or a negative errno. argument is the caller's third
-  // argument, as a number or an address in its memory (call.read, call.write).
-  virtual int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) = 0;
+  // argument, as a number or an address in its memory (caller.read, caller.write).
+  virtual int64_t ioctl(const Caller& caller, uint32_t request, uint64_t argument) = 0;
 };
 
 // A file whose descriptor is memory of its own, which nothing need be written to.
@@ -55,5 +57,7 @@ class Device {
   // Answers an open with the caller's flags. The descriptor must be of a file, pipe or socket of
   // its own (a new memfd, say), by which later ioctls are told apart; the file keeps a copy of it
   // as long as it lives, so that nothing new can take its number.
-  virtual OpenedDevice open(const TrappedCall& call, int flags) = 0;
+  virtual OpenedDevice open(const Caller& caller, int flags) = 0;
 };
+
+}  // namespace handset

@@ -15,6 +15,8 @@
 
 #include "handset/links/stage.h"
 
+namespace handset {
+
 #ifdef __SANITIZE_ADDRESS__
 // The FUSE library loses a request that is under way when its mount goes.
 extern "C" const char* __lsan_default_suppressions();   // NOLINT(bugprone-reserved-identifier)
@@ -287,3 +289,5 @@ void Nodes::wait_unmounted() {
     server_.join();
   }
 }
+
+}  // namespace handset

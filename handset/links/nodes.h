@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+namespace handset {
+
 class Nodes {
  public:
   enum class Operation { kOpen, kRead, kWrite };
@@ -72,3 +74,5 @@ class Nodes {
   std::vector<Write> writes_;
   std::thread server_;
 };
+
+}  // namespace handset

@@ -14,6 +14,8 @@
 #include <stdexcept>
 #include <utility>
 
+namespace handset {
+
 // Opens a pty in raw mode: bytes pass unchanged, nothing is echoed.
 static int open_pty(std::string* slave) {
   const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
@@ -159,3 +161,5 @@ void SerialLine::note_running(bool running) {
   running_ = running;
   changed_.notify_all();
 }
+
+}  // namespace handset

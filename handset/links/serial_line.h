@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+namespace handset {
+
 class SerialLine {
  public:
   SerialLine();
@@ -74,3 +76,5 @@ class SerialLine {
   bool running_ = false;
   std::thread thread_;
 };
+
+}  // namespace handset

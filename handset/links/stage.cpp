@@ -33,6 +33,8 @@
 #include <string>
 #include <vector>
 
+using namespace handset;
+
 static void send_to_handset(StageMessage kind, int fd, const std::string& text) {
   std::string body = static_cast<char>(kind) + text;
   iovec vector = {body.data(), body.size()};

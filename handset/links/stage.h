@@ -4,6 +4,8 @@
 
 #include <sys/syscall.h>
 
+namespace handset {
+
 // Messages of the stage: one byte of kind, then text; kFuse and kTraps carry a descriptor. The last
 // one is kTraps, kUntrapped or kFailed (the text says why).
 enum class StageMessage : char { kFuse = 'F', kTraps = 'T', kUntrapped = 'U', kFailed = 'E' };
@@ -27,3 +29,5 @@ constexpr unsigned kSerialReadSize = 576;
 // sees (reads then in every size).
 constexpr int kFaultCalls[] = {SYS_read,      SYS_pread64,   SYS_lseek, SYS_fsync,
                                SYS_fdatasync, SYS_ftruncate, SYS_clone3};
+
+}  // namespace handset

@@ -14,6 +14,8 @@
 #include <cmath>
 #include <utility>
 
+namespace handset {
+
 using std::chrono::steady_clock;
 
 bool TrappedCall::read(uint64_t address, void* data, size_t size) const {
@@ -131,10 +133,10 @@ bool Supervisor::answer_next(int listener) {
   if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &notification) != 0) {
     return errno == EINTR || errno == ENOENT;  // ENOENT: the caller died in between
   }
-  TrappedCall call = {.id = notification.id,
-                      .thread = static_cast<pid_t>(notification.pid),
-                      .number = notification.data.nr,
-                      .arguments = {}};
+  TrappedCall call;
+  call.id = notification.id;
+  call.thread = static_cast<pid_t>(notification.pid);
+  call.number = notification.data.nr;
   std::copy(std::begin(notification.data.args), std::end(notification.data.args), call.arguments);
   const auto handler = handlers_.find(notification.data.nr);
   const Answer answer = handler == handlers_.end() ? Answer::kernel() : handler->second(call);
@@ -168,3 +170,5 @@ bool Supervisor::answer_next(int listener) {
   }
   return true;
 }
+
+}  // namespace handset

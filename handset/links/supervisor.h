@@ -14,21 +14,24 @@
 #include <thread>
 #include <vector>
 
+#include "handset/links/call.h"
+
+namespace handset {
+
 // A trapped call as its handler sees it.
-struct TrappedCall {
-  uint64_t id;
-  pid_t thread;
-  int number;  // SYS_...
-  uint64_t arguments[6];
+class TrappedCall : public Caller {
+ public:
+  uint64_t id = 0;
+  pid_t thread = 0;
+  int number = 0;  // SYS_...
+  uint64_t arguments[6] = {};
 
   int descriptor(int index = 0) const {
     return static_cast<int>(arguments[index]);
   }
-  // Copies from (to) the caller's memory; false when it is not there.
-  bool read(uint64_t address, void* data, size_t size) const;
-  bool write(uint64_t address, const void* data, size_t size) const;
-  // A terminated text of the caller, at most 4096 bytes of it.
-  std::string text(uint64_t address) const;
+  bool read(uint64_t address, void* data, size_t size) const override;
+  bool write(uint64_t address, const void* data, size_t size) const override;
+  std::string text(uint64_t address) const override;
   // What the caller's descriptor stands for: a path, "socket:[N]", "/memfd:NAME (deleted)"; empty
   // when it is not open.
   std::string link(int descriptor) const;
@@ -95,3 +98,5 @@ class Supervisor {
   std::multimap<std::chrono::steady_clock::time_point, Pending> later_;
   std::thread thread_;
 };
+
+}  // namespace handset

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 
+namespace handset {
+
 static constexpr uint32_t kSensorSubDevice = 0x10001;
 static constexpr uint32_t kFlashSubDevice = 0x1000a;
 
@@ -25,7 +27,7 @@ class CameraSensorFile : public MemoryFile {
     --sensor_->opened_;
   }
 
-  int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) override {
+  int64_t ioctl(const Caller& caller, uint32_t request, uint64_t argument) override {
     const std::lock_guard lock(sensor_->mutex_);
     const bool power = request == CameraSensor::kPowerUp || request == CameraSensor::kPowerDown;
     if (power) {
@@ -38,11 +40,11 @@ class CameraSensorFile : public MemoryFile {
       sensor_->powered_ = request == CameraSensor::kPowerUp;
       return 0;
     }
-    return request == CameraSensor::kControl ? control(call, argument) : -ENOTTY;
+    return request == CameraSensor::kControl ? control(caller, argument) : -ENOTTY;
   }
 
  private:
-  int64_t control(const TrappedCall& call, uint64_t argument) {
+  int64_t control(const Caller& caller, uint64_t argument) {
     struct {
       uint32_t op_code;
       uint32_t size;
@@ -50,13 +52,13 @@ class CameraSensorFile : public MemoryFile {
       uint32_t reserved;
       uint64_t handle;
     } record;
-    if (!call.read(argument, &record, sizeof(record))) {
+    if (!caller.read(argument, &record, sizeof(record))) {
       return -EFAULT;
     }
     if (record.op_code != 0x8006 || record.size != sizeof(record) || record.handle_type != 1) {
       return -EINVAL;
     }
-    return call.write(record.handle, &sensor_->id_, sizeof(sensor_->id_)) ? 0 : -EFAULT;
+    return caller.write(record.handle, &sensor_->id_, sizeof(sensor_->id_)) ? 0 : -EFAULT;
   }
 
   CameraSensor* sensor_;
@@ -86,7 +88,7 @@ void CameraSensor::refuse(uint32_t request, int error) {
   }
 }
 
-OpenedDevice CameraSensor::open(const TrappedCall&, int) {
+OpenedDevice CameraSensor::open(const Caller&, int) {
   auto file = std::make_unique<CameraSensorFile>(this);
   const int fd = file->caller_descriptor();
   return {.fd = fd, .file = std::move(file)};
@@ -99,32 +101,32 @@ class MediaFile : public MemoryFile {
  public:
   explicit MediaFile(const MediaDevice* device) : MemoryFile("media"), device_(device) {}
 
-  int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) override {
+  int64_t ioctl(const Caller& caller, uint32_t request, uint64_t argument) override {
     switch (request) {
       case MEDIA_IOC_DEVICE_INFO:
-        return information(call, argument);
+        return information(caller, argument);
       case MEDIA_IOC_ENUM_ENTITIES:
-        return entity(call, argument);
+        return entity(caller, argument);
       default:
         return -ENOTTY;
     }
   }
 
  private:
-  int64_t information(const TrappedCall& call, uint64_t argument) {
+  int64_t information(const Caller& caller, uint64_t argument) {
     if (device_->information_error_ != 0) {
       return -device_->information_error_;
     }
     media_device_info info = {};
     strncpy(info.driver, "handset", sizeof(info.driver) - 1);
     device_->model_.copy(info.model, sizeof(info.model));
-    return call.write(argument, &info, sizeof(info)) ? 0 : -EFAULT;
+    return caller.write(argument, &info, sizeof(info)) ? 0 : -EFAULT;
   }
 
   // The entity of the id asked for, or with the flag the one that follows it.
-  int64_t entity(const TrappedCall& call, uint64_t argument) {
+  int64_t entity(const Caller& caller, uint64_t argument) {
     media_entity_desc record;
-    if (!call.read(argument, &record, sizeof(record))) {
+    if (!caller.read(argument, &record, sizeof(record))) {
       return -EFAULT;
     }
     const uint32_t id = record.id & ~MEDIA_ENT_ID_FLAG_NEXT;
@@ -139,13 +141,13 @@ class MediaFile : public MemoryFile {
     record.id = found->id;
     record.type = found->type;
     found->name.copy(record.name, sizeof(record.name));
-    return call.write(argument, &record, sizeof(record)) ? 0 : -EFAULT;
+    return caller.write(argument, &record, sizeof(record)) ? 0 : -EFAULT;
   }
 
   const MediaDevice* device_;
 };
 
-OpenedDevice MediaDevice::open(const TrappedCall&, int) {
+OpenedDevice MediaDevice::open(const Caller&, int) {
   auto file = std::make_unique<MediaFile>(this);
   const int fd = file->caller_descriptor();
   return {.fd = fd, .file = std::move(file)};
@@ -165,3 +167,5 @@ Cameras::Cameras()
       request_manager("cam-req-mgr-devnode", sensor_entities()),
       sensors_{CameraSensor(0), CameraSensor(1), CameraSensor(2),
                CameraSensor(3), CameraSensor(4), CameraSensor(5)} {}
+
+}  // namespace handset

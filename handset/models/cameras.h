@@ -11,6 +11,8 @@
 
 #include "handset/links/device.h"
 
+namespace handset {
+
 // One camera sensor sub-device.
 class CameraSensor : public Device {
  public:
@@ -30,7 +32,7 @@ class CameraSensor : public Device {
   // Makes a request fail with an errno from now on; 0 makes it work again.
   void refuse(uint32_t request, int error);
 
-  OpenedDevice open(const TrappedCall& call, int flags) override;
+  OpenedDevice open(const Caller& caller, int flags) override;
 
  private:
   friend class CameraSensorFile;
@@ -60,7 +62,7 @@ class MediaDevice : public Device {
     information_error_ = error;
   }
 
-  OpenedDevice open(const TrappedCall& call, int flags) override;
+  OpenedDevice open(const Caller& caller, int flags) override;
 
  private:
   friend class MediaFile;
@@ -86,3 +88,5 @@ class Cameras {
  private:
   CameraSensor sensors_[6];
 };
+
+}  // namespace handset

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 
+namespace handset {
+
 using std::chrono::microseconds;
 using std::chrono::nanoseconds;
 using std::chrono::seconds;
@@ -45,3 +47,5 @@ Answer Clock::clock_nanosleep(const TrappedCall& call) {
   }
   return answer;
 }
+
+}  // namespace handset

@@ -11,6 +11,8 @@
 
 #include "handset/links/supervisor.h"
 
+namespace handset {
+
 class Clock {
  public:
   // 1 for real time, 0 for no waiting at all.
@@ -41,3 +43,5 @@ class Clock {
   std::vector<std::chrono::microseconds> waits_;
   std::function<void(std::chrono::microseconds)> on_wait_;
 };
+
+}  // namespace handset

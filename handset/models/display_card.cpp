@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <set>
 
+namespace handset {
+
 // Object ids. What is made at run time counts from 1000.
 static constexpr uint32_t kCrtcs = 100;
 static constexpr uint32_t kEncoders = 200;  // one for each connector
@@ -304,36 +306,36 @@ class DrmFile : public MemoryFile {
   }
   ~DrmFile() override;
 
-  int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) override;
+  int64_t ioctl(const Caller& caller, uint32_t request, uint64_t argument) override;
 
  private:
   // Reads the request's record, lets a step work on it, writes it back.
   template <typename Record, typename Step>
-  int64_t with(const TrappedCall& call, uint64_t argument, Step step) {
+  int64_t with(const Caller& caller, uint64_t argument, Step step) {
     Record record;
-    if (!call.read(argument, &record, sizeof(record))) {
+    if (!caller.read(argument, &record, sizeof(record))) {
       return -EFAULT;
     }
     const int error = step(record);
-    if (error == 0 && !call.write(argument, &record, sizeof(record))) {
+    if (error == 0 && !caller.write(argument, &record, sizeof(record))) {
       return -EFAULT;
     }
     return -error;
   }
 
-  int resources(const TrappedCall& call, drm_mode_card_res* record);
-  int connector(const TrappedCall& call, drm_mode_get_connector* record);
+  int resources(const Caller& caller, drm_mode_card_res* record);
+  int connector(const Caller& caller, drm_mode_get_connector* record);
   int encoder(drm_mode_get_encoder* record);
   int crtc(drm_mode_crtc* record);
-  int object_properties(const TrappedCall& call, drm_mode_obj_get_properties* record);
+  int object_properties(const Caller& caller, drm_mode_obj_get_properties* record);
   int property(drm_mode_get_property* record);
-  int blob(const TrappedCall& call, drm_mode_get_blob* record);
-  int create_blob(const TrappedCall& call, drm_mode_create_blob* record);
+  int blob(const Caller& caller, drm_mode_get_blob* record);
+  int create_blob(const Caller& caller, drm_mode_create_blob* record);
   int create_buffer(drm_mode_create_dumb* record);
   int close_buffer(uint32_t handle);
   int add_framebuffer(drm_mode_fb_cmd2* record);
   int remove_framebuffer(uint32_t id);
-  int commit(const TrappedCall& call, const drm_mode_atomic& record);
+  int commit(const Caller& caller, const drm_mode_atomic& record);
   std::vector<std::pair<uint32_t, uint64_t>> visible(uint32_t object) const;
 
   DrmDevice* card_;
@@ -345,7 +347,7 @@ class DrmFile : public MemoryFile {
   std::set<uint32_t> blobs_;
 };
 
-OpenedDevice DrmDevice::open(const TrappedCall&, int) {
+OpenedDevice DrmDevice::open(const Caller&, int) {
   auto file = std::make_unique<DrmFile>(this);
   const int fd = file->caller_descriptor();
   return {.fd = fd, .file = std::move(file)};
@@ -366,7 +368,7 @@ DrmFile::~DrmFile() {
   }
 }
 
-int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) {
+int64_t DrmFile::ioctl(const Caller& caller, uint32_t request, uint64_t argument) {
   const std::lock_guard lock(card_->mutex_);
   if (const auto failure = card_->failures_.find(request); failure != card_->failures_.end()) {
     if (failure->second.second-- == 0) {
@@ -377,12 +379,12 @@ int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argum
   }
   switch (request) {
     case DRM_IOCTL_GET_CAP:
-      return with<drm_get_cap>(call, argument, [&](auto& r) {
+      return with<drm_get_cap>(caller, argument, [&](auto& r) {
         r.value = r.capability == DRM_CAP_DUMB_BUFFER && card_->card_.dumb_buffers ? 1 : 0;
         return 0;
       });
     case DRM_IOCTL_SET_CLIENT_CAP:
-      return with<drm_set_client_cap>(call, argument, [&](auto& r) {
+      return with<drm_set_client_cap>(caller, argument, [&](auto& r) {
         if (r.capability == DRM_CLIENT_CAP_ATOMIC) {
           atomic_ = r.value != 0;
           return 0;
@@ -390,16 +392,17 @@ int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argum
         return r.capability == DRM_CLIENT_CAP_UNIVERSAL_PLANES ? 0 : EINVAL;
       });
     case DRM_IOCTL_MODE_GETRESOURCES:
-      return with<drm_mode_card_res>(call, argument, [&](auto& r) { return resources(call, &r); });
+      return with<drm_mode_card_res>(caller, argument,
+                                     [&](auto& r) { return resources(caller, &r); });
     case DRM_IOCTL_MODE_GETCONNECTOR:
-      return with<drm_mode_get_connector>(call, argument,
-                                          [&](auto& r) { return connector(call, &r); });
+      return with<drm_mode_get_connector>(caller, argument,
+                                          [&](auto& r) { return connector(caller, &r); });
     case DRM_IOCTL_MODE_GETENCODER:
-      return with<drm_mode_get_encoder>(call, argument, [&](auto& r) { return encoder(&r); });
+      return with<drm_mode_get_encoder>(caller, argument, [&](auto& r) { return encoder(&r); });
     case DRM_IOCTL_MODE_GETCRTC:
-      return with<drm_mode_crtc>(call, argument, [&](auto& r) { return crtc(&r); });
+      return with<drm_mode_crtc>(caller, argument, [&](auto& r) { return crtc(&r); });
     case DRM_IOCTL_MODE_GETPLANERESOURCES:
-      return with<drm_mode_get_plane_res>(call, argument, [&](auto& r) {
+      return with<drm_mode_get_plane_res>(caller, argument, [&](auto& r) {
         std::vector<uint32_t> ids;
         ids.reserve(static_cast<size_t>(card_->card_.planes));
         for (int i = 0; i < card_->card_.planes; ++i) {
@@ -407,20 +410,20 @@ int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argum
         }
         const bool fits = r.count_planes >= ids.size();
         r.count_planes = static_cast<uint32_t>(ids.size());
-        return fits && !call.write(r.plane_id_ptr, ids.data(), ids.size() * 4) ? EFAULT : 0;
+        return fits && !caller.write(r.plane_id_ptr, ids.data(), ids.size() * 4) ? EFAULT : 0;
       });
     case DRM_IOCTL_MODE_OBJ_GETPROPERTIES:
       return with<drm_mode_obj_get_properties>(
-          call, argument, [&](auto& r) { return object_properties(call, &r); });
+          caller, argument, [&](auto& r) { return object_properties(caller, &r); });
     case DRM_IOCTL_MODE_GETPROPERTY:
-      return with<drm_mode_get_property>(call, argument, [&](auto& r) { return property(&r); });
+      return with<drm_mode_get_property>(caller, argument, [&](auto& r) { return property(&r); });
     case DRM_IOCTL_MODE_GETPROPBLOB:
-      return with<drm_mode_get_blob>(call, argument, [&](auto& r) { return blob(call, &r); });
+      return with<drm_mode_get_blob>(caller, argument, [&](auto& r) { return blob(caller, &r); });
     case DRM_IOCTL_MODE_CREATEPROPBLOB:
-      return with<drm_mode_create_blob>(call, argument,
-                                        [&](auto& r) { return create_blob(call, &r); });
+      return with<drm_mode_create_blob>(caller, argument,
+                                        [&](auto& r) { return create_blob(caller, &r); });
     case DRM_IOCTL_MODE_DESTROYPROPBLOB:
-      return with<drm_mode_destroy_blob>(call, argument, [&](auto& r) {
+      return with<drm_mode_destroy_blob>(caller, argument, [&](auto& r) {
         if (blobs_.erase(r.blob_id) == 0) {
           return ENOENT;
         }
@@ -428,9 +431,10 @@ int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argum
         return 0;
       });
     case DRM_IOCTL_MODE_CREATE_DUMB:
-      return with<drm_mode_create_dumb>(call, argument, [&](auto& r) { return create_buffer(&r); });
+      return with<drm_mode_create_dumb>(caller, argument,
+                                        [&](auto& r) { return create_buffer(&r); });
     case DRM_IOCTL_MODE_MAP_DUMB:
-      return with<drm_mode_map_dumb>(call, argument, [&](auto& r) {
+      return with<drm_mode_map_dumb>(caller, argument, [&](auto& r) {
         const auto buffer = buffers_.find(r.handle);
         if (buffer == buffers_.end()) {
           return ENOENT;
@@ -440,15 +444,15 @@ int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argum
         return 0;
       });
     case DRM_IOCTL_GEM_CLOSE:
-      return with<drm_gem_close>(call, argument, [&](auto& r) { return close_buffer(r.handle); });
+      return with<drm_gem_close>(caller, argument, [&](auto& r) { return close_buffer(r.handle); });
     case DRM_IOCTL_MODE_ADDFB2:
-      return with<drm_mode_fb_cmd2>(call, argument, [&](auto& r) { return add_framebuffer(&r); });
+      return with<drm_mode_fb_cmd2>(caller, argument, [&](auto& r) { return add_framebuffer(&r); });
     case DRM_IOCTL_MODE_RMFB:
-      return with<uint32_t>(call, argument, [&](auto& id) {
+      return with<uint32_t>(caller, argument, [&](auto& id) {
         return framebuffers_.count(id) == 0 ? ENOENT : remove_framebuffer(id);
       });
     case DRM_IOCTL_MODE_ATOMIC:
-      return with<drm_mode_atomic>(call, argument, [&](auto& r) { return commit(call, r); });
+      return with<drm_mode_atomic>(caller, argument, [&](auto& r) { return commit(caller, r); });
     default:
       return -ENOTTY;
   }
@@ -457,12 +461,12 @@ int64_t DrmFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argum
 // Fills an array of the caller when there is room for all of it and says how long it is, as the
 // kernel does: callers ask twice.
 template <typename Element>
-static int fill(const TrappedCall& call, uint64_t address, uint32_t* count,
+static int fill(const Caller& caller, uint64_t address, uint32_t* count,
                 const std::vector<Element>& elements) {
   const bool fits = *count >= elements.size();
   *count = static_cast<uint32_t>(elements.size());
   const bool written = !fits || elements.empty() ||
-                       call.write(address, elements.data(), elements.size() * sizeof(Element));
+                       caller.write(address, elements.data(), elements.size() * sizeof(Element));
   return written ? 0 : EFAULT;
 }
 
@@ -474,18 +478,18 @@ static std::vector<uint32_t> ids(uint32_t first, size_t count) {
   return all;
 }
 
-int DrmFile::resources(const TrappedCall& call, drm_mode_card_res* record) {
+int DrmFile::resources(const Caller& caller, drm_mode_card_res* record) {
   const size_t connectors = card_->card_.connectors.size();
   record->count_fbs = 0;
   record->max_width = kLargest;
   record->max_height = kLargest;
-  int error = fill(call, record->crtc_id_ptr, &record->count_crtcs,
+  int error = fill(caller, record->crtc_id_ptr, &record->count_crtcs,
                    ids(kCrtcs, static_cast<size_t>(card_->card_.crtcs)));
   error = error != 0 ? error
-                     : fill(call, record->connector_id_ptr, &record->count_connectors,
+                     : fill(caller, record->connector_id_ptr, &record->count_connectors,
                             ids(kConnectors, connectors));
   return error != 0 ? error
-                    : fill(call, record->encoder_id_ptr, &record->count_encoders,
+                    : fill(caller, record->encoder_id_ptr, &record->count_encoders,
                            ids(kEncoders, connectors));
 }
 
@@ -506,7 +510,7 @@ static drm_mode_modeinfo mode_info(const DrmDevice::Mode& mode) {
   return info;
 }
 
-int DrmFile::connector(const TrappedCall& call, drm_mode_get_connector* record) {
+int DrmFile::connector(const Caller& caller, drm_mode_get_connector* record) {
   const uint32_t index = record->connector_id - kConnectors;
   if (index >= card_->card_.connectors.size()) {
     return ENOENT;
@@ -530,12 +534,12 @@ int DrmFile::connector(const TrappedCall& call, drm_mode_get_connector* record) 
   record->mm_height = 147;
   record->subpixel = 1;
   uint32_t value_count = record->count_props;
-  int error = fill(call, record->modes_ptr, &record->count_modes, modes);
-  error = error != 0 ? error : fill(call, record->prop_values_ptr, &value_count, values);
-  error = error != 0 ? error : fill(call, record->props_ptr, &record->count_props, properties);
-  return error != 0
-             ? error
-             : fill(call, record->encoders_ptr, &record->count_encoders, ids(kEncoders + index, 1));
+  int error = fill(caller, record->modes_ptr, &record->count_modes, modes);
+  error = error != 0 ? error : fill(caller, record->prop_values_ptr, &value_count, values);
+  error = error != 0 ? error : fill(caller, record->props_ptr, &record->count_props, properties);
+  return error != 0 ? error
+                    : fill(caller, record->encoders_ptr, &record->count_encoders,
+                           ids(kEncoders + index, 1));
 }
 
 int DrmFile::encoder(drm_mode_get_encoder* record) {
@@ -571,7 +575,7 @@ std::vector<std::pair<uint32_t, uint64_t>> DrmFile::visible(uint32_t object) con
   return found;
 }
 
-int DrmFile::object_properties(const TrappedCall& call, drm_mode_obj_get_properties* record) {
+int DrmFile::object_properties(const Caller& caller, drm_mode_obj_get_properties* record) {
   if (card_->values_.count(record->obj_id) == 0) {
     return ENOENT;
   }
@@ -582,8 +586,8 @@ int DrmFile::object_properties(const TrappedCall& call, drm_mode_obj_get_propert
     values.push_back(value);
   }
   uint32_t value_count = record->count_props;
-  const int error = fill(call, record->prop_values_ptr, &value_count, values);
-  return error != 0 ? error : fill(call, record->props_ptr, &record->count_props, properties);
+  const int error = fill(caller, record->prop_values_ptr, &value_count, values);
+  return error != 0 ? error : fill(caller, record->props_ptr, &record->count_props, properties);
 }
 
 int DrmFile::property(drm_mode_get_property* record) {
@@ -599,7 +603,7 @@ int DrmFile::property(drm_mode_get_property* record) {
   return 0;
 }
 
-int DrmFile::blob(const TrappedCall& call, drm_mode_get_blob* record) {
+int DrmFile::blob(const Caller& caller, drm_mode_get_blob* record) {
   const auto blob = card_->blobs_.find(record->blob_id);
   if (blob == card_->blobs_.end()) {
     return ENOENT;
@@ -607,15 +611,15 @@ int DrmFile::blob(const TrappedCall& call, drm_mode_get_blob* record) {
   const std::string& text = blob->second;
   const bool wanted = record->length == text.size();
   record->length = static_cast<uint32_t>(text.size());
-  return wanted && !call.write(record->data, text.data(), text.size()) ? EFAULT : 0;
+  return wanted && !caller.write(record->data, text.data(), text.size()) ? EFAULT : 0;
 }
 
-int DrmFile::create_blob(const TrappedCall& call, drm_mode_create_blob* record) {
+int DrmFile::create_blob(const Caller& caller, drm_mode_create_blob* record) {
   if (record->length == 0 || record->length > 4096) {
     return EINVAL;
   }
   std::string content(record->length, '\0');
-  if (!call.read(record->data, content.data(), content.size())) {
+  if (!caller.read(record->data, content.data(), content.size())) {
     return EFAULT;
   }
   record->blob_id = card_->next_id_++;
@@ -685,7 +689,7 @@ int DrmFile::remove_framebuffer(uint32_t id) {
   return 0;
 }
 
-int DrmFile::commit(const TrappedCall& call, const drm_mode_atomic& record) {
+int DrmFile::commit(const Caller& caller, const drm_mode_atomic& record) {
   if (card_->master_ != this) {
     return EACCES;
   }
@@ -694,7 +698,7 @@ int DrmFile::commit(const TrappedCall& call, const drm_mode_atomic& record) {
   }
   const auto read_array = [&](uint64_t address, auto* elements, size_t count) {
     elements->resize(count);
-    return count == 0 || call.read(address, elements->data(), count * sizeof((*elements)[0]));
+    return count == 0 || caller.read(address, elements->data(), count * sizeof((*elements)[0]));
   };
   std::vector<uint32_t> objects;
   std::vector<uint32_t> counts;
@@ -745,3 +749,5 @@ int DrmFile::commit(const TrappedCall& call, const drm_mode_atomic& record) {
   }
   return 0;
 }
+
+}  // namespace handset

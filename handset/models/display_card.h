@@ -11,6 +11,8 @@
 
 #include "handset/links/device.h"
 
+namespace handset {
+
 // Pixels as 0xRRGGBB, row by row.
 struct Picture {
   int width = 0;
@@ -74,7 +76,7 @@ class DrmDevice : public Device {
   // Makes one ioctl fail with an errno: the next one of this request, or the one after skip more.
   void fail(uint32_t request, int error, int skip = 0);
 
-  OpenedDevice open(const TrappedCall& call, int flags) override;
+  OpenedDevice open(const Caller& caller, int flags) override;
 
  private:
   friend class DrmFile;
@@ -119,3 +121,5 @@ class DrmDevice : public Device {
   std::vector<uint32_t> first_pixels_;                // one for each commit
   std::map<uint32_t, std::pair<int, int>> failures_;  // request to errno and calls to skip
 };
+
+}  // namespace handset

@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <utility>
 
+namespace handset {
+
 // One open: a seqpacket socket, so that each read gives one event at most.
 class InputFile : public DeviceFile {
  public:
@@ -24,7 +26,7 @@ class InputFile : public DeviceFile {
     close(callers_);
   }
 
-  int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) override {
+  int64_t ioctl(const Caller& caller, uint32_t request, uint64_t argument) override {
     if (_IOC_TYPE(request) != 'E' || _IOC_NR(request) != _IOC_NR(EVIOCGBIT(0, 0))) {
       return -ENOTTY;
     }
@@ -32,7 +34,7 @@ class InputFile : public DeviceFile {
       return -device_->types_error_;
     }
     const size_t size = std::min<size_t>(_IOC_SIZE(request), sizeof(device_->types_));
-    return call.write(argument, &device_->types_, size) ? static_cast<int64_t>(size) : -EFAULT;
+    return caller.write(argument, &device_->types_, size) ? static_cast<int64_t>(size) : -EFAULT;
   }
 
  private:
@@ -45,15 +47,15 @@ class InputFile : public DeviceFile {
 class UnpollableInputFile : public MemoryFile {
  public:
   explicit UnpollableInputFile(uint64_t types) : MemoryFile("input"), types_(types) {}
-  int64_t ioctl(const TrappedCall& call, uint32_t, uint64_t argument) override {
-    return call.write(argument, &types_, sizeof(types_)) ? 8 : -EFAULT;
+  int64_t ioctl(const Caller& caller, uint32_t, uint64_t argument) override {
+    return caller.write(argument, &types_, sizeof(types_)) ? 8 : -EFAULT;
   }
 
  private:
   const uint64_t types_;
 };
 
-OpenedDevice InputDevice::open(const TrappedCall&, int) {
+OpenedDevice InputDevice::open(const Caller&, int) {
   if (refuse_epoll_) {
     auto file = std::make_unique<UnpollableInputFile>(types_);
     const int fd = file->caller_descriptor();
@@ -104,3 +106,5 @@ void InputDevice::send_raw(const std::string& bytes) {
   const std::lock_guard lock(mutex_);
   deliver({bytes});
 }
+
+}  // namespace handset

@@ -11,6 +11,8 @@
 
 #include "handset/links/device.h"
 
+namespace handset {
+
 class InputDevice : public Device {
  public:
   static constexpr uint64_t kSyn = 1U << 0;
@@ -38,7 +40,7 @@ class InputDevice : public Device {
     types_error_ = error;
   }
 
-  OpenedDevice open(const TrappedCall& call, int flags) override;
+  OpenedDevice open(const Caller& caller, int flags) override;
 
  private:
   friend class InputFile;
@@ -52,3 +54,5 @@ class InputDevice : public Device {
   std::set<int> open_;                // the handset's ends
   std::vector<std::string> waiting_;  // for the next open
 };
+
+}  // namespace handset

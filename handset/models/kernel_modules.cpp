@@ -7,6 +7,8 @@
 #include <fstream>
 #include <iterator>
 
+namespace handset {
+
 void KernelModules::set_loaded(const std::string& name, bool loaded) {
   const std::lock_guard lock(mutex_);
   if (loaded) {
@@ -82,3 +84,5 @@ Answer KernelModules::delete_module(const TrappedCall& call) {
   loaded_.erase(name);
   return Answer::result(0);
 }
+
+}  // namespace handset

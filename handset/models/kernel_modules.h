@@ -11,6 +11,8 @@
 
 #include "handset/links/supervisor.h"
 
+namespace handset {
+
 class KernelModules {
  public:
   struct Call {
@@ -42,3 +44,5 @@ class KernelModules {
   std::map<std::string, int> busy_;
   std::vector<Call> calls_;
 };
+
+}  // namespace handset

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <fstream>
 
+namespace handset {
+
 namespace fs = std::filesystem;
 
 static constexpr uint64_t kPartitionSize = 8U << 20;
@@ -67,3 +69,5 @@ void put_download_marks(const fs::path& image, const std::string& start, const s
   write_partition(image, kStartMarkOffset, field(start, 14));
   write_partition(image, kEndMarkOffset, field(end, 13));
 }
+
+}  // namespace handset

@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <string>
 
+namespace handset {
+
 // Makes an empty image, as large as the records need.
 void make_partition(const std::filesystem::path& image);
 
@@ -24,3 +26,5 @@ void put_pcba_record(const std::filesystem::path& image, const std::string& numb
 // The marks of the software download, at most 14 and 13 characters; empty for none.
 void put_download_marks(const std::filesystem::path& image, const std::string& start,
                         const std::string& end);
+
+}  // namespace handset

@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <time.h>
 
+namespace handset {
+
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
@@ -228,3 +230,5 @@ std::string PowerInterfaces::show_alarm() {
   }
   return alarm_.has_value() ? alarm_text_ : "";
 }
+
+}  // namespace handset

@@ -16,6 +16,8 @@
 #include "handset/links/nodes.h"
 #include "handset/models/clock.h"
 
+namespace handset {
+
 class PowerInterfaces {
  public:
   // Answers for the nodes from now on. The clock's factor is that of the alarm and of the suspend
@@ -79,3 +81,5 @@ class PowerInterfaces {
   std::string alarm_text_;     // when the phone's clock does
   Time alarm_handled_;         // until then the fired alarm's event is in progress
 };
+
+}  // namespace handset

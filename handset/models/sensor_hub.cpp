@@ -17,6 +17,8 @@
 #include <sstream>
 #include <stdexcept>
 
+namespace handset {
+
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
@@ -554,3 +556,5 @@ void SensorHub::enable(int id, const Sensor& sensor, float rate) {
         {now() + delay_ + period, {.client = id, .sensor = sensor.name, .period = period}});
   }
 }
+
+}  // namespace handset

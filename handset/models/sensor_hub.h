@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+namespace handset {
+
 class SensorHub {
  public:
   struct Sensor {
@@ -129,3 +131,5 @@ class SensorHub {
   bool ending_ = false;
   std::thread thread_;
 };
+
+}  // namespace handset

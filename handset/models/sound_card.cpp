@@ -18,6 +18,8 @@
 #include <stdexcept>
 #include <utility>
 
+namespace handset {
+
 // The protocol version that the kernel tells.
 static constexpr int kProtocol = (2 << 16) | (0 << 8) | 8;
 
@@ -180,11 +182,11 @@ class SoundCardFile : public DeviceFile {
     close(held_);
   }
 
-  int64_t ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) override;
+  int64_t ioctl(const Caller& caller, uint32_t request, uint64_t argument) override;
 
  private:
   int card_info(snd_ctl_card_info* record) const;
-  int list(const TrappedCall& call, snd_ctl_elem_list* record) const;
+  int list(const Caller& caller, snd_ctl_elem_list* record) const;
   SoundCard::Control* select(snd_ctl_elem_id* id) const;
   int info(snd_ctl_elem_info* record) const;
   int read(snd_ctl_elem_value* record) const;
@@ -194,7 +196,7 @@ class SoundCardFile : public DeviceFile {
   const int held_;
 };
 
-OpenedDevice SoundCard::open(const TrappedCall&, int) {
+OpenedDevice SoundCard::open(const Caller&, int) {
   const std::string name = "sound control " + std::to_string(++opened_);
   const int fd = memfd_create(name.c_str(), MFD_CLOEXEC);
   if (fd < 0) {
@@ -205,33 +207,33 @@ OpenedDevice SoundCard::open(const TrappedCall&, int) {
 
 // Runs an answer on the caller's record: its result, or a negative errno.
 template <typename Record, typename Do>
-static int64_t with(const TrappedCall& call, uint64_t address, Do answer) {
+static int64_t with(const Caller& caller, uint64_t address, Do answer) {
   Record record = {};
-  if (!call.read(address, &record, sizeof(record))) {
+  if (!caller.read(address, &record, sizeof(record))) {
     return -EFAULT;
   }
   const int result = answer(record);
-  return result >= 0 && !call.write(address, &record, sizeof(record)) ? -EFAULT : result;
+  return result >= 0 && !caller.write(address, &record, sizeof(record)) ? -EFAULT : result;
 }
 
-int64_t SoundCardFile::ioctl(const TrappedCall& call, uint32_t request, uint64_t argument) {
+int64_t SoundCardFile::ioctl(const Caller& caller, uint32_t request, uint64_t argument) {
   std::function<void()> written;
   std::unique_lock lock(card_->mutex_);
   int64_t result = -ENOTTY;  // event subscriptions among others
   switch (request) {
     case SNDRV_CTL_IOCTL_PVERSION:
-      return call.write(argument, &kProtocol, sizeof(kProtocol)) ? 0 : -EFAULT;
+      return caller.write(argument, &kProtocol, sizeof(kProtocol)) ? 0 : -EFAULT;
     case SNDRV_CTL_IOCTL_CARD_INFO:
-      return with<snd_ctl_card_info>(call, argument, [&](auto& r) { return card_info(&r); });
+      return with<snd_ctl_card_info>(caller, argument, [&](auto& r) { return card_info(&r); });
     case SNDRV_CTL_IOCTL_ELEM_LIST:
-      return with<snd_ctl_elem_list>(call, argument, [&](auto& r) { return list(call, &r); });
+      return with<snd_ctl_elem_list>(caller, argument, [&](auto& r) { return list(caller, &r); });
     case SNDRV_CTL_IOCTL_ELEM_INFO:
-      return with<snd_ctl_elem_info>(call, argument, [&](auto& r) { return info(&r); });
+      return with<snd_ctl_elem_info>(caller, argument, [&](auto& r) { return info(&r); });
     case SNDRV_CTL_IOCTL_ELEM_READ:
-      return with<snd_ctl_elem_value>(call, argument, [&](auto& r) { return read(&r); });
+      return with<snd_ctl_elem_value>(caller, argument, [&](auto& r) { return read(&r); });
     case SNDRV_CTL_IOCTL_ELEM_WRITE:
       result =
-          with<snd_ctl_elem_value>(call, argument, [&](auto& r) { return write(&r, &written); });
+          with<snd_ctl_elem_value>(caller, argument, [&](auto& r) { return write(&r, &written); });
       break;
     default:
       break;
@@ -265,7 +267,7 @@ static void fill_id(snd_ctl_elem_id* id, size_t index, const std::string& name) 
   copy_text(id->name, name);
 }
 
-int SoundCardFile::list(const TrappedCall& call, snd_ctl_elem_list* record) const {
+int SoundCardFile::list(const Caller& caller, snd_ctl_elem_list* record) const {
   const size_t all = card_->controls_.size();
   std::vector<snd_ctl_elem_id> ids;
   for (size_t i = record->offset; i < all && ids.size() < record->space; ++i) {
@@ -273,8 +275,8 @@ int SoundCardFile::list(const TrappedCall& call, snd_ctl_elem_list* record) cons
   }
   record->count = static_cast<unsigned>(all);
   record->used = static_cast<unsigned>(ids.size());
-  return ids.empty() || call.write(reinterpret_cast<uint64_t>(record->pids), ids.data(),
-                                   ids.size() * sizeof(ids[0]))
+  return ids.empty() || caller.write(reinterpret_cast<uint64_t>(record->pids), ids.data(),
+                                     ids.size() * sizeof(ids[0]))
              ? 0
              : -EFAULT;
 }
@@ -383,3 +385,5 @@ int SoundCardFile::write(snd_ctl_elem_value* record, std::function<void()>* writ
   *written = control->written;
   return changed ? 1 : 0;
 }
+
+}  // namespace handset

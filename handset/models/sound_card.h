@@ -25,6 +25,8 @@
 
 #include "handset/links/device.h"
 
+namespace handset {
+
 class SoundCard : public Device {
  public:
   // Takes the controls of a description instead of those it has. Throws std::runtime_error on a
@@ -52,7 +54,7 @@ class SoundCard : public Device {
     return handles_;
   }
 
-  OpenedDevice open(const TrappedCall& call, int flags) override;
+  OpenedDevice open(const Caller& caller, int flags) override;
 
  private:
   friend class SoundCardFile;
@@ -79,3 +81,5 @@ class SoundCard : public Device {
   std::atomic<size_t> handles_ = 0;
   int opened_ = 0;
 };
+
+}  // namespace handset

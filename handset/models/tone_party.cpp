@@ -13,6 +13,8 @@
 #include <iterator>
 #include <stdexcept>
 
+namespace handset {
+
 namespace fs = std::filesystem;
 
 static const char kSession[] = "vendor.norva.mm.ftm_spk";
@@ -66,3 +68,5 @@ void SessionParty::look() const {
     fs::rename(folder_ / ".party", folder_ / kSession);
   }
 }
+
+}  // namespace handset

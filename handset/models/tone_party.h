@@ -9,6 +9,8 @@
 #include <string>
 #include <thread>
 
+namespace handset {
+
 class SessionParty {
  public:
   ~SessionParty();
@@ -30,3 +32,5 @@ class SessionParty {
   int stop_[2] = {-1, -1};
   std::thread thread_;
 };
+
+}  // namespace handset

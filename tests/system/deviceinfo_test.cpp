@@ -10,6 +10,8 @@
 #include "handset/models/partitions.h"
 #include "tests/system/station.h"
 
+using namespace handset;
+
 using Replies = std::vector<std::string>;
 
 static const char kNorva[] = "/dev/block/bootdevice/by-name/norvareserve1";

@@ -11,6 +11,8 @@
 #include "handset/models/partitions.h"
 #include "tests/system/station.h"
 
+using namespace handset;
+
 namespace fs = std::filesystem;
 using Replies = std::vector<std::string>;
 

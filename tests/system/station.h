@@ -11,6 +11,8 @@
 
 #include "handset/handset.h"
 
+using namespace handset;
+
 // Waits for what another thread or process brings about. False when it has not come in 20 seconds.
 template <typename Condition>
 bool eventually(const Condition& condition) {
