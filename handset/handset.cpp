@@ -76,6 +76,8 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
                 path("/dev/socket/qmi_sns_client"));
   clock.on_skip = [this](std::chrono::nanoseconds time) { return sensors.skip(time); };
 
+  supervisor_.observe(
+      [this](const TrappedCall& call, const Answer& answer) { recorder_.record(call, answer); });
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
   supervisor_.handle(SYS_statfs, [this](const TrappedCall& call) { return on_statfs(call); });
@@ -309,6 +311,7 @@ void Handset::receive_stage(int socket) {
         nodes.serve(fd);
         break;
       case StageMessage::kTraps:
+        recorder_.begin(pid_, base_ / "root");
         supervisor_.serve(fd, [this] { serial.note_running(false); });
         return;
       case StageMessage::kUntrapped:
@@ -485,6 +488,7 @@ Answer Handset::on_read(const TrappedCall& call) {
       const std::lock_guard lock(devices_mutex_);
       injecting_.clear();
     }
+    journal.set_worker(call.thread);
     serial.note_read();
   }
   return Answer::fault(fault(file, SYS_read));

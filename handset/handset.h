@@ -20,6 +20,8 @@
 #include <string_view>
 #include <vector>
 
+#include "handset/journal.h"
+#include "handset/links/call_recorder.h"
 #include "handset/links/device.h"
 #include "handset/links/nodes.h"
 #include "handset/links/serial_line.h"
@@ -127,6 +129,8 @@ class Handset {
   void add_device(const std::string& phone_path, Device* device);
   void remove_device(const std::string& phone_path);
 
+  // Everything that the daemon does to this phone, in order.
+  Journal journal;
   Nodes nodes;
   KernelModules modules;
   Clock clock;
@@ -166,6 +170,7 @@ class Handset {
   std::string injecting_;  // the name of the one that the daemon is being given
   pid_t pid_ = 0;
   std::optional<int> status_;
+  CallRecorder recorder_{&journal};
   Supervisor supervisor_;
 };
 

@@ -18,9 +18,9 @@
 #include <sstream>
 #include <thread>
 
-#include "handset/console/visible.h"
 #include "handset/handset.h"
 #include "handset/models/partitions.h"
+#include "handset/visible.h"
 
 using namespace handset;
 
@@ -79,6 +79,16 @@ static void refuse_node(const Words& words) {
 static void show_writes(const Words&) {
   for (const Nodes::Write& write : phone->nodes.take_writes()) {
     std::cout << write.path << "  " << visible(write.bytes) << "\n";
+  }
+}
+
+static void show_journal(const Words& words) {
+  std::vector<Journal::Entry> entries = phone->journal.take();
+  if (words.size() == 1) {
+    entries = count_repeats(fold(entries, ""));
+  }
+  for (const Journal::Entry& entry : entries) {
+    std::cout << shown(entry) << "\n";
   }
 }
 
@@ -290,6 +300,7 @@ static const DotCommand kDotCommands[] = {
     {".remove", "PATH", "take a node away", 2, remove_node},
     {".refuse", "PATH [open|read|write|nothing]", "make a node fail with EIO", 2, refuse_node},
     {".writes", "", "node writes since the last look, in order", 1, show_writes},
+    {".journal", "[raw]", "the journal since the last look", 1, show_journal},
     {".waits", "", "the daemon's waits since the last look", 1, show_waits},
     {".modules", "[NAME TIMES]", "kernel module calls; or keep a module busy for TIMES unloads", 1,
      show_modules},

@@ -163,6 +163,14 @@ static void trap_calls(StageTraps traps) {
     program.push_back(when(static_cast<uint32_t>(call), 1));
     program.push_back(answer(SECCOMP_RET_USER_NOTIF));
   }
+  for (const int call : kJournalCalls) {
+    program.push_back(when(static_cast<uint32_t>(call), 1));
+    program.push_back(answer(SECCOMP_RET_USER_NOTIF));
+  }
+  if (traps == StageTraps::kCalls) {
+    program.push_back(when(SYS_clone3, 1));
+    program.push_back(answer(SECCOMP_RET_USER_NOTIF));
+  }
   if (traps == StageTraps::kCallsAndFaults) {
     for (const int call : kFaultCalls) {
       program.push_back(when(static_cast<uint32_t>(call), 1));

@@ -23,6 +23,15 @@ constexpr char kRealProc[] = "/.proc";      // the host's procfs in the root
 constexpr int kTrappedCalls[] = {SYS_statfs,          SYS_openat,       SYS_ioctl,
                                  SYS_clock_nanosleep, SYS_sync,         SYS_write,
                                  SYS_init_module,     SYS_finit_module, SYS_delete_module};
+
+// Calls that the kernel answers and that are trapped for the journal alone.
+constexpr int kJournalCalls[] = {
+    SYS_writev,   SYS_pwrite64, SYS_lseek,    SYS_fsync,    SYS_fdatasync, SYS_ftruncate,
+    SYS_unlinkat, SYS_fchmod,   SYS_fchmodat, SYS_fchownat, SYS_execve,
+#ifdef SYS_unlink  // what newer architectures have only with a folder's descriptor
+    SYS_unlink,   SYS_rmdir,    SYS_mkdir,    SYS_rename,   SYS_chmod,     SYS_chown,
+#endif
+};
 constexpr unsigned kSerialReadSize = 576;
 
 // Calls on descriptors, and the making of threads and processes, that only a handset with faults

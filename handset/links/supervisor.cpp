@@ -140,6 +140,9 @@ bool Supervisor::answer_next(int listener) {
   std::copy(std::begin(notification.data.args), std::end(notification.data.args), call.arguments);
   const auto handler = handlers_.find(notification.data.nr);
   const Answer answer = handler == handlers_.end() ? Answer::kernel() : handler->second(call);
+  if (observer_ != nullptr) {
+    observer_(call, answer);
+  }
 
   switch (answer.kind) {
     case Answer::Kind::kKernel: {

@@ -78,6 +78,11 @@ class Supervisor {
   // Registers the handler of a system call. Not while a phone runs.
   void handle(int call, Handler handler);
 
+  // Shows every call with its answer, before it is given. Not while a phone runs.
+  void observe(std::function<void(const TrappedCall&, const Answer&)> observer) {
+    observer_ = std::move(observer);
+  }
+
   // Answers the calls of the listener (taken over) until every trapped process has ended; then, and
   // only then, calls ended.
   void serve(int listener, std::function<void()> ended);
@@ -95,6 +100,7 @@ class Supervisor {
   int next_timeout() const;
 
   std::map<int, Handler> handlers_;
+  std::function<void(const TrappedCall&, const Answer&)> observer_;
   std::multimap<std::chrono::steady_clock::time_point, Pending> later_;
   std::thread thread_;
 };

@@ -1,0 +1,85 @@
+// One ordered record of what the phone's processes do to their phone: a line of text for each
+// reply, log line, node write, wait, mixer write, program run and so on, in the order of the
+// daemon's own calls. Filled while the calls are answered; read from any thread.
+//
+//   < OK\r\n                            a reply: one write call on the serial line
+//   D [FTM-WIFI]at_wifi_init start\n    a log line: priority, tag in "E/tag" where it has one, text
+//   write /sys/class/leds/red/brightness 255\n
+//   wait 100 ms
+//
+// Bytes stand as visible() shows them.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace handset {
+
+class Journal {
+ public:
+  struct Entry {
+    // Whose call it was: empty for the command worker, "main", "$" for the programs that the daemon
+    // has started, "1", "2", ... for its other threads in the order in which they first appear.
+    std::string stream;
+    std::string text;
+    bool operator==(const Entry&) const = default;
+  };
+
+  // A daemon of this process id starts; its other threads are numbered anew.
+  void begin(pid_t daemon);
+  // This thread reads commands from the line.
+  void set_worker(pid_t thread);
+
+  // Adds an entry of a thread, or of whichever process is none of the daemon's.
+  void add(pid_t thread, const std::string& text);
+  void add_program(const std::string& text);
+
+  // The entries since the last take, in order.
+  std::vector<Entry> take();
+  // The entries from an index on; how many there are in all.
+  std::vector<Entry> since(size_t index) const;
+  size_t size() const;
+  // Waits until there are more than that many. False when the limit passes first.
+  bool wait_more(size_t size, std::chrono::milliseconds limit) const;
+
+ private:
+  struct Record {
+    pid_t thread;  // 0 for a program
+    std::string text;
+  };
+  Entry entry(const Record& record) const;
+
+  mutable std::mutex mutex_;
+  mutable std::condition_variable added_;
+  std::vector<Record> records_;
+  size_t taken_ = 0;
+  pid_t daemon_ = 0;
+  pid_t worker_ = 0;
+  // Names are given when entries are read: only then it is known which thread is the worker.
+  mutable std::map<pid_t, std::string> names_;
+};
+
+// A log line as the desk's log writes it ("TAG P DATE TIME PID TID TEXT\n") as an entry; empty when
+// the bytes are none. program is the tag of lines without one.
+std::string log_entry(const std::string& bytes, const std::string& program);
+
+// What is always the same around a command folds into its reply: the three log lines of a reply
+// that was written whole, and the worker's two around the line that it was given. Anything else
+// stays as it is. line is what was sent, empty when these entries belong to no line.
+std::vector<Journal::Entry> fold(const std::vector<Journal::Entry>& entries,
+                                 const std::string& line);
+
+// "text x3" for three entries of one stream in a row that are the same.
+std::vector<Journal::Entry> count_repeats(const std::vector<Journal::Entry>& entries);
+
+// "< OK\r\n", "main: D ...", "1: wait 10 ms", "$ tinymix ...".
+std::string shown(const Journal::Entry& entry);
+
+}  // namespace handset
