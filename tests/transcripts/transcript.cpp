@@ -1,0 +1,197 @@
+// Reading transcripts and comparing them with a journal; see transcript.h.
+
+#include "tests/transcripts/transcript.h"
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <stdexcept>
+#include <utility>
+
+using handset::Journal;
+
+std::vector<ExpectedEntry> parse_entry(const std::string& line) {
+  ExpectedEntry entry;
+  std::string text = line;
+  if (text.compare(0, 2, "* ") == 0) {
+    entry.any_number = true;
+    text.erase(0, 2);
+  }
+  static const std::regex kStream("(main|\\d+): ");
+  std::smatch found;
+  if (text.compare(0, 2, "$ ") == 0) {
+    entry.stream = "$";
+    text.erase(0, 2);
+  } else if (std::regex_search(text, found, kStream, std::regex_constants::match_continuous)) {
+    entry.stream = found[1];
+    text.erase(0, static_cast<size_t>(found.length()));
+  }
+  int count = 1;
+  static const std::regex kCount(" x(\\d+)$");
+  if (std::regex_search(text, found, kCount)) {
+    count = std::stoi(found[1]);
+    text.erase(static_cast<size_t>(found.position()));
+  }
+  entry.text = text;
+  return std::vector<ExpectedEntry>(static_cast<size_t>(count), entry);
+}
+
+std::vector<Scenario> read_transcript(const std::string& file) {
+  std::ifstream stream(file);
+  if (!stream) {
+    throw std::runtime_error("cannot read " + file);
+  }
+  std::vector<Scenario> scenarios;
+  bool after_break = false;
+  int number = 0;
+  for (std::string line; std::getline(stream, line);) {
+    ++number;
+    if (line.compare(0, 3, "== ") == 0) {
+      scenarios.push_back({.title = line.substr(3), .head = {}, .steps = {}, .line = number});
+      continue;
+    }
+    if (line.empty() || line[0] == '#') {
+      if (!scenarios.empty() && scenarios.back().steps.empty() && !line.empty()) {
+        scenarios.back().head.push_back(line);
+      }
+      continue;
+    }
+    if (scenarios.empty()) {
+      throw std::runtime_error(file + ":" + std::to_string(number) + ": no scenario begins here");
+    }
+    std::vector<Step>& steps = scenarios.back().steps;
+    if (line[0] == '>' || line[0] == '.') {
+      steps.push_back({.action = line, .line = number});
+      after_break = false;
+    } else if (steps.empty()) {
+      throw std::runtime_error(file + ":" + std::to_string(number) + ": nothing is done before");
+    } else if (line == "--") {
+      after_break = true;
+    } else if (line.compare(0, 2, "| ") == 0) {
+      steps.back().prints.push_back(line.substr(2));
+    } else {
+      for (ExpectedEntry entry : parse_entry(line)) {
+        entry.after_break = std::exchange(after_break, false);
+        steps.back().entries.push_back(entry);
+      }
+    }
+  }
+  return scenarios;
+}
+
+// {*} takes any text.
+static bool fits(const std::string& pattern, const std::string& text) {
+  size_t at = 0;
+  size_t start = 0;
+  for (bool first = true;; first = false) {
+    const size_t wild = pattern.find("{*}", start);
+    const std::string part = pattern.substr(start, wild - start);
+    if (wild == std::string::npos) {
+      return first ? part == text : text.size() - at >= part.size() && text.ends_with(part);
+    }
+    const size_t found =
+        first ? (text.starts_with(part) ? 0 : std::string::npos) : text.find(part, at);
+    if (found == std::string::npos) {
+      return false;
+    }
+    at = found + part.size();
+    start = wild + 3;
+  }
+}
+
+namespace {
+
+// One stream's entries, with their places in the whole lists.
+struct Stream {
+  std::vector<size_t> expected;
+  std::vector<size_t> actual;
+};
+
+}  // namespace
+
+// Walks one stream; places gets, for each expected entry that came, where it came.
+static Match match_stream(const std::vector<ExpectedEntry>& expected,
+                          const std::vector<Journal::Entry>& actual, const Stream& stream,
+                          std::vector<size_t>* places) {
+  const auto is_any = [&](size_t i) { return expected[stream.expected[i]].any_number; };
+  size_t next = 0;  // the first expected entry that has not come; those of any number before it too
+  for (const size_t place : stream.actual) {
+    size_t fixed = next;
+    while (fixed < stream.expected.size() && is_any(fixed)) {
+      ++fixed;
+    }
+    const auto is_here = [&](size_t i) {
+      return fits(expected[stream.expected[i]].text, actual[place].text);
+    };
+    if (fixed < stream.expected.size() && is_here(fixed)) {
+      (*places)[stream.expected[fixed]] = place;
+      next = fixed + 1;
+      continue;
+    }
+    bool repeated = false;
+    for (size_t i = next; i < fixed && !repeated; ++i) {
+      repeated = is_here(i);
+    }
+    if (!repeated) {
+      return Match::kDifferent;
+    }
+  }
+  for (; next < stream.expected.size(); ++next) {
+    if (!is_any(next)) {
+      return Match::kMoreToCome;
+    }
+  }
+  return Match::kComplete;
+}
+
+// Whether all that stands above a break came before what stands below.
+static bool keeps_breaks(const std::vector<ExpectedEntry>& expected,
+                         const std::vector<size_t>& places) {
+  size_t latest = 0;  // of what stands above the last break
+  size_t latest_so_far = 0;
+  for (size_t i = 0; i < expected.size(); ++i) {
+    if (expected[i].after_break) {
+      latest = latest_so_far;
+    }
+    if (places[i] != SIZE_MAX) {
+      if (latest != 0 && places[i] + 1 <= latest) {
+        return false;
+      }
+      latest_so_far = std::max(latest_so_far, places[i] + 1);
+    }
+  }
+  return true;
+}
+
+Match match(const std::vector<ExpectedEntry>& expected, const std::vector<Journal::Entry>& actual) {
+  std::map<std::string, Stream> streams;
+  for (size_t i = 0; i < expected.size(); ++i) {
+    streams[expected[i].stream].expected.push_back(i);
+  }
+  for (size_t i = 0; i < actual.size(); ++i) {
+    streams[actual[i].stream].actual.push_back(i);
+  }
+  std::vector<size_t> places(expected.size(), SIZE_MAX);
+  Match all = Match::kComplete;
+  for (const auto& [name, stream] : streams) {
+    const Match one = match_stream(expected, actual, stream, &places);
+    if (one == Match::kDifferent) {
+      return one;
+    }
+    all = one == Match::kMoreToCome ? one : all;
+  }
+  return all == Match::kComplete && !keeps_breaks(expected, places) ? Match::kDifferent : all;
+}
+
+std::string transcript_head(const std::string& file) {
+  std::ifstream stream(file);
+  std::string head;
+  for (std::string line; std::getline(stream, line) && line.compare(0, 3, "== ") != 0;) {
+    head += line + "\n";
+  }
+  while (head.ends_with("\n\n")) {
+    head.pop_back();
+  }
+  return head;
+}

@@ -1,0 +1,60 @@
+// Transcripts: scenarios of a station and a phone with everything that each line brings about. A
+// file holds several; a person reads them as the phone's documentation, the runner replays each on
+// a phone of its own.
+//
+//   == The vibrator runs and stops                 a scenario and its title
+//   # Any other words about it.
+//   .node /sys/class/leds/vibrator/activate 0      before the first sent line: prepares the phone
+//   > AT+EDFT=6,1                                  sends a line, with \n behind it
+//   write /sys/class/leds/vibrator/duration 5000\n the journal of it, reply, writes, waits, log ...
+//   wait 100 ms x2                                 ... the same entry twice
+//   < OK\r\n
+//   | text                                         what a dot command prints
+//   1: wait 10 ms                                  an entry of another thread
+//   * 1: wait 10 ms                                any number of these, none included
+//   --                                             what stands above came before what stands below
+//
+// {*} in an entry stands for any text.
+
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "handset/journal.h"
+
+struct ExpectedEntry {
+  std::string stream;
+  std::string text;
+  bool any_number = false;
+  bool after_break = false;  // a line "--" stands before it
+};
+
+struct Step {
+  std::string action;  // "> ..." or ". ..."; empty for what comes before the first
+  std::vector<std::string> prints = {};
+  std::vector<ExpectedEntry> entries = {};
+  int line = 0;
+};
+
+struct Scenario {
+  std::string title;
+  std::vector<std::string> head;  // the file's lines up to its first step
+  std::vector<Step> steps;
+  int line = 0;
+};
+
+// Throws std::runtime_error with file and line of what cannot be read.
+std::vector<Scenario> read_transcript(const std::string& file);
+
+// What stands in the file before its first scenario.
+std::string transcript_head(const std::string& file);
+
+// The entry that a line of a transcript stands for, one for each of its "x3".
+std::vector<ExpectedEntry> parse_entry(const std::string& line);
+
+enum class Match { kComplete, kMoreToCome, kDifferent };
+
+// Compares stream by stream; between streams only breaks are looked at.
+Match match(const std::vector<ExpectedEntry>& expected,
+            const std::vector<handset::Journal::Entry>& actual);
