@@ -343,15 +343,19 @@ void Handset::stop() {
 
 std::optional<int> Handset::wait_exit(std::chrono::seconds limit) {
   const auto end = std::chrono::steady_clock::now() + limit;
-  while (pid_ != 0 && !status_.has_value() && std::chrono::steady_clock::now() < end) {
+  for (;;) {
     int status = 0;
+    if (pid_ == 0 || status_.has_value()) {
+      return status_;
+    }
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
       status_ = status;
+    } else if (std::chrono::steady_clock::now() >= end) {
+      return std::nullopt;
     } else {
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
   }
-  return status_;
 }
 
 size_t Handset::open_descriptors() const {

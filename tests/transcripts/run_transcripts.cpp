@@ -16,13 +16,12 @@
 #include <thread>
 #include <vector>
 
-#include "handset/console/script.h"
+#include "handset/console/dot_commands.h"
 #include "handset/handset.h"
 #include "tests/transcripts/transcript.h"
 
 using handset::Handset;
 using handset::Journal;
-using handset::Script;
 
 namespace {
 
@@ -46,15 +45,36 @@ std::vector<std::string> lines_of(const std::string& text) {
   return lines;
 }
 
+// Sends a line and waits until it has been handled, or until the daemon has ended. The phone starts
+// with the first one, and what it does then belongs to no line.
+void send(Handset* phone, const std::string& bytes, size_t* seen) {
+  if (phone->pid() == 0) {
+    Handset::StartOptions options;
+    options.faults = true;
+    phone->start(options);
+    *seen = phone->journal.size();
+  }
+  const int reads = phone->serial.reads();
+  phone->serial.send(bytes);
+  phone->serial.wait_reads(reads + 1, std::chrono::seconds(60));
+}
+
 // Does one step and gathers what it brings about, until that is what is expected or clearly is not.
-Played play(const Step& step, Script* script, Journal* journal, size_t* seen) {
+Played play(const Step& step, Handset* phone, size_t* seen) {
   std::ostringstream out;
-  script->run(step.action, out);
+  std::string sent;
+  if (step.action[0] == '>') {
+    sent = handset::sent_bytes(step.action);
+    send(phone, sent, seen);
+  } else {
+    run_dot_command(phone, step.action, out);
+  }
+  const Journal* journal = &phone->journal;
   Played played;
   played.prints = lines_of(out.str());
   for (;;) {
     const size_t size = journal->size();
-    played.entries = fold(journal->since(*seen), script->sent());
+    played.entries = fold(journal->since(*seen), sent);
     const Match found = match(step.entries, played.entries);
     if (found == Match::kComplete) {
       *seen = size;
@@ -152,10 +172,9 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
   };
   try {
     Handset phone;
-    Script script(&phone);
     size_t seen = 0;
     for (const Step& step : scenario.steps) {
-      const Played played = play(step, &script, &phone.journal, &seen);
+      const Played played = play(step, &phone, &seen);
       const std::vector<std::string> kept = played.matched ? shown(step) : shown(played);
       recorded << step.action << "\n";
       for (const std::string& line : kept) {

@@ -1,0 +1,608 @@
+// The table of dot commands and what each does; see dot_commands.h.
+
+#include "handset/console/dot_commands.h"
+
+#include <errno.h>
+#include <linux/input-event-codes.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "handset/models/partitions.h"
+#include "handset/visible.h"
+
+namespace handset {
+
+namespace fs = std::filesystem;
+
+using Words = std::vector<std::string>;
+
+namespace {
+
+// A line as its command sees it.
+struct Line {
+  Words words;       // the command's name first
+  std::string text;  // the whole line
+
+  const std::string& operator[](size_t i) const {
+    return words[i];
+  }
+  size_t size() const {
+    return words.size();
+  }
+  // What stands behind the first count words, blanks within it as they are.
+  std::string rest(size_t count) const;
+};
+
+std::string Line::rest(size_t count) const {
+  size_t at = 0;
+  for (size_t i = 0; i < count; ++i) {
+    at = text.find(words[i], at) + words[i].size();
+  }
+  return at < text.size() ? text.substr(at + 1) : "";
+}
+
+[[noreturn]] void refuse(const std::string& why) {
+  throw std::invalid_argument(why);
+}
+
+template <typename Number>
+Number number(const std::string& text) {
+  Number value{};
+  const bool hex = text.starts_with("0x");
+  const char* const end = text.data() + text.size();
+  std::from_chars_result result{};
+  if constexpr (std::is_floating_point_v<Number>) {
+    result = std::from_chars(text.data(), end, value);
+  } else {
+    result = std::from_chars(text.data() + (hex ? 2 : 0), end, value, hex ? 16 : 10);
+  }
+  if (result.ec != std::errc() || result.ptr != end) {
+    refuse("no number: " + text);
+  }
+  return value;
+}
+
+// "EIO", or a number; "works" is none.
+int error_number(const std::string& text) {
+  if (text == "works") {
+    return 0;
+  }
+  for (int error = 1; error < 134; ++error) {
+    const char* const name = strerrorname_np(error);
+    if (name != nullptr && text == name) {
+      return error;
+    }
+  }
+  refuse("no error's name: " + text);
+}
+
+template <typename Value>
+Value choice(const std::map<std::string, Value>& choices, const std::string& text) {
+  const auto found = choices.find(text);
+  if (found != choices.end()) {
+    return found->second;
+  }
+  std::string names;
+  for (const auto& [name, value] : choices) {
+    names += " " + name;
+  }
+  refuse("\"" + text + "\" is none of:" + names);
+}
+
+const std::string& absolute(const std::string& path) {
+  if (path.empty() || path[0] != '/') {
+    refuse("a path begins with '/': " + path);
+  }
+  return path;
+}
+
+bool is_node(const std::string& path) {
+  return path.starts_with("/sys/") || path.starts_with("/proc/");
+}
+
+// ---- nodes and files
+
+void node(Handset& phone, const Line& line, std::ostream& out) {
+  const std::string& path = absolute(line[1]);
+  if (!is_node(path)) {
+    refuse("a node lies below /sys or /proc: " + path);
+  }
+  if (line.size() > 2) {
+    phone.nodes.set(path, unescaped(line.rest(2)) + "\n");
+    return;
+  }
+  if (const auto value = phone.nodes.value(path); value.has_value()) {
+    out << visible(*value) << "\n";
+    return;
+  }
+  out << "no such node; the nodes below it:\n";
+  for (const std::string& node : phone.nodes.paths()) {
+    if (node.starts_with(path)) {
+      out << "  " << node << "\n";
+    }
+  }
+}
+
+void node_bytes(Handset& phone, const Line& line, std::ostream&) {
+  phone.nodes.set(absolute(line[1]), unescaped(line.rest(2)));
+}
+
+void remove(Handset& phone, const Line& line, std::ostream&) {
+  const std::string& path = absolute(line[1]);
+  if (is_node(path)) {
+    if (!phone.nodes.value(path).has_value()) {
+      refuse("no such node: " + path);
+    }
+    phone.nodes.remove(path);
+  } else if (fs::remove_all(phone.path(path)) == 0) {
+    refuse("no such file: " + path);
+  }
+}
+
+void file(Handset& phone, const Line& line, std::ostream& out) {
+  const std::string& path = absolute(line[1]);
+  if (line.size() > 2) {
+    phone.write_file(path, unescaped(line.rest(2)));
+  } else if (fs::is_directory(phone.path(path))) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(phone.path(path))) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    for (const std::string& name : names) {
+      out << name << "\n";
+    }
+  } else if (const auto content = phone.read_file(path); content.has_value()) {
+    out << visible(*content) << "\n";
+  } else {
+    refuse("no such file: " + path);
+  }
+}
+
+void folder(Handset& phone, const Line& line, std::ostream&) {
+  fs::create_directories(phone.path(absolute(line[1])));
+}
+
+void link(Handset& phone, const Line& line, std::ostream&) {
+  fs::create_symlink(line[2], phone.path(absolute(line[1])));
+}
+
+// Bytes of a partition's image, or of any file.
+void bytes(Handset& phone, const Line& line, std::ostream& out) {
+  const fs::path image = phone.path(absolute(line[1]));
+  if (!fs::exists(image)) {
+    refuse("no such file: " + line[1]);
+  }
+  const auto offset = number<uint64_t>(line[2]);
+  if (line[3] == "=") {
+    write_partition(image, offset, unescaped(line.rest(4)));
+  } else {
+    out << visible(read_partition(image, offset, number<uint32_t>(line[3]))) << "\n";
+  }
+}
+
+void record(Handset& phone, const Line& line, std::ostream&) {
+  const fs::path image = phone.path("/dev/block/by-name/norvareserve1");
+  const std::string value = line.size() > 2 ? line[2] : "";
+  if (line[1] == "pcba") {
+    put_pcba_record(image, value);
+  } else if (line[1] == "download") {
+    put_download_marks(image, value.empty() ? "" : "download start",
+                       value == "over" ? "download over" : "");
+  } else {
+    refuse("pcba and download are the records that can be put");
+  }
+}
+
+void property(Handset& phone, const Line& line, std::ostream& out) {
+  if (line.size() > 2) {
+    phone.set_property(line[1], line.rest(2));
+  } else {
+    out << phone.property(line[1]).value_or("(not set)") << "\n";
+  }
+}
+
+// ---- what fails
+
+const std::map<std::string, int> kFailingCalls = {
+    {"open", SYS_openat},   {"read", SYS_read},          {"write", SYS_write},
+    {"seek", SYS_lseek},    {"sync", SYS_fsync},         {"datasync", SYS_fdatasync},
+    {"pread", SYS_pread64}, {"truncate", SYS_ftruncate},
+};
+
+void fail(Handset& phone, const Line& line, std::ostream&) {
+  if (line[1] == "thread" || line[1] == "process") {
+    phone.fail(line[1], SYS_clone3, error_number(line[2]));
+    return;
+  }
+  if (line.size() < 4) {
+    refuse("which error? EIO, ENOSPC, ... or works");
+  }
+  const std::string& path = absolute(line[1]);
+  const int error = error_number(line[3]);
+  if (is_node(path)) {
+    const std::map<std::string, Nodes::Operation> operations = {
+        {"open", Nodes::Operation::kOpen},
+        {"read", Nodes::Operation::kRead},
+        {"write", Nodes::Operation::kWrite}};
+    if (!phone.nodes.value(path).has_value()) {
+      refuse("no such node: " + path);
+    }
+    phone.nodes.refuse(path, choice(operations, line[2]), error);
+  } else {
+    phone.fail(path, choice(kFailingCalls, line[2]), error);
+  }
+}
+
+// ---- devices
+
+void keys(Handset& phone, const Line& line, std::ostream&) {
+  for (size_t i = 1; i < line.size(); ++i) {
+    if (!phone.press_key(line[i])) {
+      refuse("power, volup and voldown are the keys: " + line[i]);
+    }
+  }
+}
+
+void mixer(Handset& phone, const Line& line, std::ostream& out) {
+  const std::string control = phone.sound.show(line.rest(1));
+  if (control.empty()) {
+    refuse("no such control: " + line.rest(1));
+  }
+  out << control << "\n";
+}
+
+void set_mixer(Handset& phone, const Line& line, std::ostream&) {
+  if (phone.sound.show(line.rest(2)).empty()) {
+    refuse("no such control: " + line.rest(2));
+  }
+  phone.sound.set(line.rest(2), line[1]);
+}
+
+void fail_mixer(Handset& phone, const Line& line, std::ostream&) {
+  if (phone.sound.show(line.rest(2)).empty()) {
+    refuse("no such control: " + line.rest(2));
+  }
+  phone.sound.refuse(line.rest(2), error_number(line[1]));
+}
+
+void fail_camera(Handset& phone, const Line& line, std::ostream&) {
+  const std::map<std::string, uint32_t> requests = {{"up", CameraSensor::kPowerUp},
+                                                    {"down", CameraSensor::kPowerDown},
+                                                    {"control", CameraSensor::kControl}};
+  const auto camera = number<int>(line[1]);
+  if (camera < 0 || camera > 5) {
+    refuse("the cameras are 0 to 5");
+  }
+  phone.cameras.sensor(camera).refuse(choice(requests, line[2]), error_number(line[3]));
+}
+
+void remove_device(Handset& phone, const Line& line, std::ostream&) {
+  if (!fs::exists(phone.path(absolute(line[1])))) {
+    refuse("no such device: " + line[1]);
+  }
+  phone.remove_device(line[1]);
+}
+
+void panel(Handset& phone, const Line& line, std::ostream& out) {
+  const Picture picture = phone.display.picture();
+  if (!picture.write_png(line[1])) {
+    refuse("cannot write " + line[1]);
+  }
+  out << picture.width << " x " << picture.height << " pixels in " << line[1] << "\n";
+}
+
+void card(Handset& phone, const Line& line, std::ostream&) {
+  if (line[1] == "none") {
+    phone.insert_card(std::nullopt);
+  } else if (line.size() == 4) {
+    phone.insert_card(Handset::MemoryCard{.block_size = number<uint64_t>(line[1]),
+                                          .blocks = number<uint64_t>(line[2]),
+                                          .free_blocks = number<uint64_t>(line[3])});
+  } else {
+    refuse("none, or a block's size, the blocks and the free ones");
+  }
+}
+
+void module(Handset& phone, const Line& line, std::ostream&) {
+  if (line[2] == "loaded") {
+    phone.modules.set_loaded(line[1], true);
+  } else if (line[2] == "unloaded") {
+    phone.modules.set_loaded(line[1], false);
+  } else {
+    phone.modules.keep_busy(line[1], number<int>(line[2]));
+  }
+}
+
+void party(Handset& phone, const Line& line, std::ostream&) {
+  phone.session_party.set_answering(
+      choice(std::map<std::string, bool>{{"on", true}, {"off", false}}, line[1]));
+}
+
+// ---- sensors
+
+void sensor(Handset& phone, const Line& line, std::ostream& out) {
+  if (line.size() == 1) {
+    for (const SensorHub::Sensor& sensor : phone.sensors.sensors()) {
+      out << sensor.name << " (" << sensor.data_type << ")";
+      for (const float value : sensor.values) {
+        out << " " << value;
+      }
+      out << "\n";
+    }
+    return;
+  }
+  if (line.size() == 3 && line[2] == "removed") {
+    phone.sensors.remove_sensor(line[1]);
+    return;
+  }
+  std::vector<float> values;
+  for (size_t i = 2; i < line.size(); ++i) {
+    values.push_back(number<float>(line[i]));
+  }
+  if (!phone.sensors.set_values(line[1], values)) {
+    refuse("no such sensor: " + line[1]);
+  }
+}
+
+void hub(Handset& phone, const Line& line, std::ostream&) {
+  using State = SensorHub::State;
+  if (std::isdigit(static_cast<unsigned char>(line[1][0])) != 0) {
+    phone.sensors.set_delay(std::chrono::milliseconds(number<int>(line[1])));
+    return;
+  }
+  phone.sensors.set_state(choice(std::map<std::string, State>{{"healthy", State::kHealthy},
+                                                              {"silent", State::kSilent},
+                                                              {"garbage", State::kGarbage},
+                                                              {"refusing", State::kRefusing},
+                                                              {"absent", State::kAbsent}},
+                                 line[1]));
+}
+
+// ---- power
+
+void power(Handset& phone, const Line&, std::ostream& out) {
+  const PowerInterfaces& power = phone.power;
+  out << (power.asleep() ? "asleep" : "awake") << ", suspended " << power.suspends()
+      << " times, alarm " << (power.alarm_pending() ? "pending" : "not pending") << ", wake locks:";
+  for (const std::string& name : power.wake_locks()) {
+    out << " " << name;
+  }
+  out << "\n";
+}
+
+void wait_asleep(Handset& phone, const Line&, std::ostream&) {
+  if (!phone.power.wait_asleep()) {
+    refuse("the phone does not sleep");
+  }
+}
+
+void alarm(Handset& phone, const Line&, std::ostream&) {
+  // A command just answered gets a moment to arm the alarm and to let the phone sleep.
+  constexpr std::chrono::seconds kMoment(1);
+  phone.power.wait_asleep(kMoment);
+  if (!phone.power.fire_alarm(kMoment)) {
+    refuse("no alarm is pending");
+  }
+}
+
+void wake(Handset& phone, const Line&, std::ostream&) {
+  phone.power.wakeup_event();
+}
+
+// ---- looks, and the run
+
+void journal(Handset& phone, const Line& line, std::ostream& out) {
+  const std::string kind = line.size() > 1 && line[1] != "raw" ? line[1] + " " : "";
+  std::vector<Journal::Entry> entries = phone.journal.take();
+  if (kind.empty() && line.size() == 1) {
+    entries = count_repeats(fold(entries, ""));
+  }
+  for (const Journal::Entry& entry : entries) {
+    if (entry.text.starts_with(kind)) {
+      out << shown(entry) << "\n";
+    }
+  }
+}
+
+void log(Handset& phone, const Line& line, std::ostream& out) {
+  std::istringstream stream(phone.log());
+  std::vector<std::string> lines;
+  for (std::string text; std::getline(stream, text);) {
+    if (!text.empty()) {  // most lines bring a line feed of their own
+      lines.push_back(text);
+    }
+  }
+  const size_t wanted = line.size() > 1 ? number<size_t>(line[1]) : 20;
+  for (size_t i = lines.size() - std::min(wanted, lines.size()); i < lines.size(); ++i) {
+    out << lines[i] << "\n";
+  }
+}
+
+void wait(Handset& phone, const Line& line, std::ostream& out) {
+  phone.serial.wait_replies(1, std::chrono::seconds(number<int>(line[1])));
+  for (const std::string& reply : phone.serial.take_replies()) {
+    out << "< " << visible(reply) << "\n";
+  }
+}
+
+void pause(Handset&, const Line& line, std::ostream&) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(number<int>(line[1])));
+}
+
+void where(Handset& phone, const Line&, std::ostream& out) {
+  out << "serial line: " << phone.serial.desk_tty() << "\n"
+      << "the phone's files: " << phone.path("/").string() << "\n";
+}
+
+void start(Handset& phone, const Line& line, std::ostream&) {
+  Handset::StartOptions options;
+  options.faults = true;
+  for (size_t i = 1; i < line.size(); ++i) {
+    const int what = choice(std::map<std::string, int>{{"no-threads", 0}, {"no-line", 1}}, line[i]);
+    options.threads = options.threads && what != 0;
+    options.wait_ready = false;
+    if (what == 1) {
+      options.serial = "";
+    }
+  }
+  phone.start(options);
+}
+
+void end(Handset& phone, const Line&, std::ostream& out) {
+  const auto status = phone.wait_exit();
+  if (!status.has_value()) {
+    refuse("the daemon runs on");
+  }
+  if (WIFSIGNALED(*status)) {
+    out << "ended by SIG" << sigabbrev_np(WTERMSIG(*status)) << "\n";
+  } else {
+    out << "ended with status " << WEXITSTATUS(*status) << "\n";
+  }
+}
+
+void help(Handset&, const Line&, std::ostream& out) {
+  print_dot_commands(out);
+}
+
+struct DotCommand {
+  const char* name;
+  const char* arguments;
+  const char* meaning;
+  size_t least_words;
+  void (*run)(Handset&, const Line&, std::ostream&);
+};
+
+// Values take the escapes \n, \r, \t, \\ and \xHH.
+const DotCommand kDotCommands[] = {
+    {".help", "", "this list", 1, help},
+    {".node", "PATH [VALUE]", "show a kernel node, or set it (a line feed is added)", 2, node},
+    {".nodebytes", "PATH BYTES", "set a kernel node to exactly these bytes", 2, node_bytes},
+    {".remove", "PATH", "take a node, a file or a folder away", 2, remove},
+    {".fail", "PATH CALL ERROR|works",
+     "make open, read, write, seek, sync, datasync, pread or truncate fail", 3, fail},
+    {".fail", "thread|process ERROR|works", "make no new one", 3, fail},
+    {".file", "PATH [TEXT]", "show a file or folder of the phone, or make the file", 2, file},
+    {".folder", "PATH", "make a folder", 2, folder},
+    {".link", "PATH TARGET", "make a symbolic link", 3, link},
+    {".bytes", "PATH OFFSET SIZE | PATH OFFSET = BYTES", "show or set bytes of a partition", 4,
+     bytes},
+    {".record", "pcba [NUMBER] | download [start|over]", "put a record on the reserve partition", 2,
+     record},
+    {".prop", "NAME [VALUE]", "show or set a system property", 2, property},
+    {".key", "power|volup|voldown ...", "press keys, now or as soon as AT+KEY listens", 2, keys},
+    {".mixer", "CONTROL", "a mixer control's values", 2, mixer},
+    {".mixerset", "VALUE CONTROL", "set a control's first value: a number or an item", 3,
+     set_mixer},
+    {".mixerfail", "ERROR|works CONTROL", "make writes of a control fail", 3, fail_mixer},
+    {".camerafail", "NUMBER up|down|control ERROR|works", "make a camera's request fail", 4,
+     fail_camera},
+    {".unplug", "PATH", "take a device away", 2, remove_device},
+    {".card", "none | BLOCKSIZE BLOCKS FREE", "take the memory card out, or put one in", 2, card},
+    {".module", "NAME loaded|unloaded|TIMES",
+     "a kernel module's state, or how many unloads it is busy for", 3, module},
+    {".party", "on|off", "whether \"cmd_off\" of the test tone is answered with \"cmd_finish\"", 2,
+     party},
+    {".sensor", "[NAME VALUE...|removed]", "the sensors, or what one of them measures", 1, sensor},
+    {".hub", "healthy|silent|garbage|refusing|absent|MS",
+     "how the sensor hub is, or how long each of its answers takes", 2, hub},
+    {".panel", "FILE.png", "what the panel shows, as a picture", 2, panel},
+    {".power", "", "asleep or awake, the alarm, the wake locks", 1, power},
+    {".asleep", "", "wait until the phone sleeps", 1, wait_asleep},
+    {".alarm", "", "let the RTC's alarm wake the phone now", 1, alarm},
+    {".wake", "", "wake the phone by an event from outside", 1, wake},
+    {".journal", "[KIND|raw|on|off]",
+     "what the daemon has done since the last look, or with each command (console)", 1, journal},
+    {".log", "[LINES]", "the end of the daemon's log", 1, log},
+    {".wait", "SECONDS", "wait for a reply that comes after its command, that long at most", 2,
+     wait},
+    {".pause", "MS", "wait, as a script between commands", 2, pause},
+    {".line", "", "where another serial program attaches", 1, where},
+    {".start", "[no-threads] [no-line]", "start the daemon, anew if it runs", 1, start},
+    {".end", "", "wait for the daemon's end", 1, end},
+};
+
+}  // namespace
+
+bool run_dot_command(Handset* phone, const std::string& text, std::ostream& out) {
+  std::istringstream stream(text);
+  const Line line{{std::istream_iterator<std::string>(stream), {}}, text};
+  const auto* command = std::find_if(std::begin(kDotCommands), std::end(kDotCommands),
+                                     [&](const DotCommand& c) { return line[0] == c.name; });
+  if (command == std::end(kDotCommands)) {
+    out << "no such command: " << line[0] << "; .help lists them\n";
+    return false;
+  }
+  if (line.size() < command->least_words) {
+    out << "usage: " << command->name << " " << command->arguments << "\n";
+    return false;
+  }
+  try {
+    command->run(*phone, line, out);
+  } catch (const std::exception& error) {
+    out << error.what() << "\n";
+    return false;
+  }
+  return true;
+}
+
+std::vector<std::string> dot_command_names() {
+  std::vector<std::string> names;
+  for (const DotCommand& command : kDotCommands) {
+    names.emplace_back(command.name);
+  }
+  return names;
+}
+
+void print_dot_commands(std::ostream& out) {
+  out << "A line is sent to the phone as it is, with \\n behind it: AT+EDFT=6,1\n";
+  for (const DotCommand& command : kDotCommands) {
+    std::string usage = std::string(command.name) + " " + command.arguments;
+    usage.resize(std::max<size_t>(usage.size(), 40), ' ');
+    out << "  " << usage << " " << command.meaning << "\n";
+  }
+}
+
+std::string unescaped(std::string_view text) {
+  std::string bytes;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\') {
+      bytes += text[i];
+      continue;
+    }
+    const std::string_view after = text.substr(i + 1);
+    static const std::map<char, char> kLetters = {
+        {'n', '\n'}, {'r', '\r'}, {'t', '\t'}, {'\\', '\\'}};
+    unsigned value = 0;
+    if (after.size() >= 3 && after[0] == 'x' &&
+        std::from_chars(&after[1], &after[1] + 2, value, 16).ptr == &after[1] + 2) {
+      bytes += static_cast<char>(value);
+      i += 3;
+    } else if (!after.empty() && kLetters.count(after[0]) != 0) {
+      bytes += kLetters.at(after[0]);
+      ++i;
+    } else {
+      throw std::invalid_argument("no escape: " + std::string(text.substr(i, 4)));
+    }
+  }
+  return bytes;
+}
+
+std::string sent_bytes(const std::string& line) {
+  if (line.starts_with(">> ")) {
+    return unescaped(std::string_view(line).substr(3));
+  }
+  return (line.starts_with("> ") ? line.substr(2) : line) + "\n";
+}
+
+}  // namespace handset
