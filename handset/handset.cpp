@@ -89,6 +89,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   supervisor_.handle(SYS_clone3, [this](const TrappedCall& call) { return on_clone3(call); });
   supervisor_.handle(SYS_read, [this](const TrappedCall& call) { return on_read(call); });
   supervisor_.handle(SYS_write, [this](const TrappedCall& call) { return on_write(call); });
+  supervisor_.handle(SYS_sendto, [this](const TrappedCall& call) { return on_sendto(call); });
   supervisor_.handle(SYS_clock_nanosleep,
                      [this](const TrappedCall& call) { return clock.clock_nanosleep(call); });
   supervisor_.handle(SYS_sync, [this](const TrappedCall& call) { return power.sync(call); });
@@ -512,6 +513,17 @@ Answer Handset::on_write(const TrappedCall& call) {
     return Answer::kernel();
   }
   return Answer::result(static_cast<int64_t>(taken));
+}
+
+// The only socket that the daemon sends on is the sensor hub's.
+Answer Handset::on_sendto(const TrappedCall& call) {
+  std::string packet(std::min<uint64_t>(call.arguments[2], 4096), '\0');
+  if (call.read(call.arguments[1], packet.data(), packet.size())) {
+    if (const std::string request = sensors.describe(packet); !request.empty()) {
+      call.note("hub " + request);
+    }
+  }
+  return Answer::kernel();
 }
 
 }  // namespace handset

@@ -157,6 +157,7 @@ class Handset {
   Answer on_ioctl(const TrappedCall& call);
   Answer on_read(const TrappedCall& call);
   Answer on_write(const TrappedCall& call);
+  Answer on_sendto(const TrappedCall& call);
 
   std::filesystem::path daemon_;
   std::filesystem::path base_;  // holds the root and the logs; removed at the end
@@ -171,7 +172,7 @@ class Handset {
   pid_t pid_ = 0;
   std::optional<int> status_;
   CallRecorder recorder_{&journal};
-  Supervisor supervisor_;
+  Supervisor supervisor_{&journal};
 };
 
 }  // namespace handset

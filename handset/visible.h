@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <string.h>
+
 #include <string>
 #include <string_view>
 
@@ -27,6 +29,12 @@ inline std::string visible(std::string_view text) {
     }
   }
   return shown;
+}
+
+// "EIO" for an errno.
+inline std::string error_name(int error) {
+  const char* const name = strerrorname_np(error);
+  return name != nullptr ? name : std::to_string(error);
 }
 
 }  // namespace handset

@@ -19,6 +19,9 @@ class Caller {
 
   // A terminated text of the caller, at most 4096 bytes of it.
   virtual std::string text(uint64_t address) const = 0;
+
+  // Adds an entry to the phone's journal: what this call has done to the model.
+  virtual void note(const std::string& entry) const = 0;
 };
 
 }  // namespace handset

@@ -49,6 +49,10 @@ std::string TrappedCall::text(uint64_t address) const {
   return found;
 }
 
+void TrappedCall::note(const std::string& entry) const {
+  journal->add(thread, entry);
+}
+
 std::string TrappedCall::link(int descriptor) const {
   const std::string path = "/proc/" + std::to_string(thread) + "/fd/" + std::to_string(descriptor);
   char target[4096];
@@ -137,6 +141,7 @@ bool Supervisor::answer_next(int listener) {
   call.id = notification.id;
   call.thread = static_cast<pid_t>(notification.pid);
   call.number = notification.data.nr;
+  call.journal = journal_;
   std::copy(std::begin(notification.data.args), std::end(notification.data.args), call.arguments);
   const auto handler = handlers_.find(notification.data.nr);
   const Answer answer = handler == handlers_.end() ? Answer::kernel() : handler->second(call);

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "handset/journal.h"
 #include "handset/links/call.h"
 
 namespace handset {
@@ -25,6 +26,7 @@ class TrappedCall : public Caller {
   pid_t thread = 0;
   int number = 0;  // SYS_...
   uint64_t arguments[6] = {};
+  Journal* journal = nullptr;
 
   int descriptor(int index = 0) const {
     return static_cast<int>(arguments[index]);
@@ -32,6 +34,7 @@ class TrappedCall : public Caller {
   bool read(uint64_t address, void* data, size_t size) const override;
   bool write(uint64_t address, const void* data, size_t size) const override;
   std::string text(uint64_t address) const override;
+  void note(const std::string& entry) const override;
   // What the caller's descriptor stands for: a path, "socket:[N]", "/memfd:NAME (deleted)"; empty
   // when it is not open.
   std::string link(int descriptor) const;
@@ -73,6 +76,7 @@ class Supervisor {
  public:
   using Handler = std::function<Answer(const TrappedCall&)>;
 
+  explicit Supervisor(Journal* journal) : journal_(journal) {}
   ~Supervisor();
 
   // Registers the handler of a system call. Not while a phone runs.
@@ -99,6 +103,7 @@ class Supervisor {
   void answer_due(int listener);
   int next_timeout() const;
 
+  Journal* const journal_;
   std::map<int, Handler> handlers_;
   std::function<void(const TrappedCall&, const Answer&)> observer_;
   std::multimap<std::chrono::steady_clock::time_point, Pending> later_;

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 
+#include "handset/visible.h"
+
 namespace handset {
 
 static constexpr uint32_t kSensorSubDevice = 0x10001;
@@ -32,6 +34,10 @@ class CameraSensorFile : public MemoryFile {
     const bool power = request == CameraSensor::kPowerUp || request == CameraSensor::kPowerDown;
     if (power) {
       sensor_->requests_.push_back(request);
+      const bool refused = sensor_->refused_.count(request) != 0;
+      caller.note("camera " + std::to_string(sensor_->id_) +
+                  (request == CameraSensor::kPowerUp ? " power up" : " power down") +
+                  (refused ? " = " + error_name(sensor_->refused_.at(request)) : ""));
     }
     if (const auto refused = sensor_->refused_.find(request); refused != sensor_->refused_.end()) {
       return -refused->second;

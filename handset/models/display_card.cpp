@@ -259,6 +259,21 @@ uint32_t DrmDevice::first_pixel() const {
   return static_cast<uint32_t>(pixel[0] << 16 | pixel[1] << 8 | pixel[2]);
 }
 
+// What is lit: "1080x2340 0xffffff" with the first pixel's colour, or "off".
+std::string DrmDevice::lit() const {
+  for (uint32_t crtc = kCrtcs; crtc < kCrtcs + static_cast<uint32_t>(card_.crtcs); ++crtc) {
+    const auto blob = blobs_.find(static_cast<uint32_t>(value(values_, crtc, "MODE_ID")));
+    if (value(values_, crtc, "ACTIVE") != 0 && blob != blobs_.end()) {
+      drm_mode_modeinfo mode;
+      memcpy(&mode, blob->second.data(), sizeof(mode));
+      char text[64];
+      snprintf(text, sizeof(text), "%dx%d 0x%06x", mode.hdisplay, mode.vdisplay, first_pixel());
+      return text;
+    }
+  }
+  return "off";
+}
+
 // Its maker no longer needs it.
 void DrmDevice::dismiss_blob(uint32_t id) {
   --made_blobs_;
@@ -746,6 +761,7 @@ int DrmFile::commit(const Caller& caller, const drm_mode_atomic& record) {
   if ((record.flags & DRM_MODE_ATOMIC_TEST_ONLY) == 0) {
     card_->values_ = next;
     card_->first_pixels_.push_back(card_->first_pixel());
+    caller.note("panel " + card_->lit());
   }
   return 0;
 }

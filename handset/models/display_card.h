@@ -107,6 +107,7 @@ class DrmDevice : public Device {
   void reset(uint32_t object, const char* property);
   void turn_off(uint32_t crtc);
   uint32_t first_pixel() const;
+  std::string lit() const;
 
   mutable std::mutex mutex_;
   const Card card_;

@@ -509,6 +509,38 @@ void SensorHub::answer(int id, uint16_t txn, uint16_t msg_id, const std::string&
   requests_.push_back(request);
 }
 
+std::string SensorHub::describe(const std::string& packet) const {
+  constexpr size_t kBody = 7 + 5;  // behind the packet's head, the field's head and its length
+  sns_client_request_msg message;
+  if (packet.empty() || packet[0] != kRequest) {
+    return "";
+  }
+  if (packet.size() < kBody || !message.ParseFromString(packet.substr(kBody))) {
+    return "nonsense";
+  }
+  const std::string& payload = message.request().payload();
+  if (message.suid().low() == kLookupSuid && message.suid().high() == kLookupSuid) {
+    sns_suid_req lookup;
+    lookup.ParseFromString(payload);
+    return "lookup " + lookup.data_type() + (lookup.default_only() ? " default" : " all");
+  }
+  const std::lock_guard lock(mutex_);
+  std::string name = "unknown";
+  for (const Sensor& sensor : sensors_) {
+    if (message.suid().high() == kSuidHigh && message.suid().low() == suid_low(sensor)) {
+      name = sensor.name;
+    }
+  }
+  if (message.msg_id() == 1) {
+    return "attributes " + name;
+  }
+  std::ostringstream text;
+  sns_sample_rate_config config;
+  config.ParseFromString(payload);
+  text << "message " << message.msg_id() << " " << name << " " << config.sample_rate() << " Hz";
+  return text.str();
+}
+
 void SensorHub::answer_lookup(int id, const std::string& payload, Request* request) {
   sns_suid_req lookup;
   request->same_encoded &= lookup.ParseFromString(payload) && lookup.SerializeAsString() == payload;

@@ -73,6 +73,10 @@ class SensorHub {
 
   std::vector<Request> take_requests();
 
+  // What a packet that a client sends asks for: "lookup accel default", "enable accel 10 Hz". Empty
+  // for one that asks for nothing.
+  std::string describe(const std::string& packet) const;
+
   // The hub's time goes ahead by this much: what falls due meanwhile is sent and handled by the
   // clients before the returned function (to be asked again and again) says true.
   std::function<bool()> skip(std::chrono::nanoseconds time);

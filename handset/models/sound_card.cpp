@@ -18,6 +18,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "handset/visible.h"
+
 namespace handset {
 
 // The protocol version that the kernel tells.
@@ -191,6 +193,7 @@ class SoundCardFile : public DeviceFile {
   int info(snd_ctl_elem_info* record) const;
   int read(snd_ctl_elem_value* record) const;
   int write(snd_ctl_elem_value* record, std::function<void()>* written);
+  const SoundCard::Control* written_control(const Caller& caller, uint64_t argument) const;
 
   SoundCard* const card_;
   const int held_;
@@ -234,6 +237,11 @@ int64_t SoundCardFile::ioctl(const Caller& caller, uint32_t request, uint64_t ar
     case SNDRV_CTL_IOCTL_ELEM_WRITE:
       result =
           with<snd_ctl_elem_value>(caller, argument, [&](auto& r) { return write(&r, &written); });
+      if (const SoundCard::Control* control = written_control(caller, argument);
+          control != nullptr) {
+        caller.note("mixer " + SoundCard::show(*control) +
+                    (result < 0 ? " = " + error_name(static_cast<int>(-result)) : ""));
+      }
       break;
     default:
       break;
@@ -243,6 +251,13 @@ int64_t SoundCardFile::ioctl(const Caller& caller, uint32_t request, uint64_t ar
     written();  // which may ask the card
   }
   return result;
+}
+
+// The control that the caller's record names; null when there is none.
+const SoundCard::Control* SoundCardFile::written_control(const Caller& caller,
+                                                         uint64_t argument) const {
+  snd_ctl_elem_value record = {};
+  return caller.read(argument, &record, sizeof(record)) ? select(&record.id) : nullptr;
 }
 
 template <size_t kSize>
