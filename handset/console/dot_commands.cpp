@@ -448,13 +448,12 @@ void where(Handset& phone, const Line&, std::ostream& out) {
 void start(Handset& phone, const Line& line, std::ostream&) {
   Handset::StartOptions options;
   options.faults = true;
+  const std::map<std::string, bool> words = {{"no-line", true}, {"no-wait", false}};
   for (size_t i = 1; i < line.size(); ++i) {
-    const int what = choice(std::map<std::string, int>{{"no-threads", 0}, {"no-line", 1}}, line[i]);
-    options.threads = options.threads && what != 0;
-    options.wait_ready = false;
-    if (what == 1) {
+    if (choice(words, line[i])) {
       options.serial = "";
     }
+    options.wait_ready = false;
   }
   phone.start(options);
 }
@@ -528,7 +527,8 @@ const DotCommand kDotCommands[] = {
      wait},
     {".pause", "MS", "wait, as a script between commands", 2, pause},
     {".line", "", "where another serial program attaches", 1, where},
-    {".start", "[no-threads] [no-line]", "start the daemon, anew if it runs", 1, start},
+    {".start", "[no-line] [no-wait]",
+     "start the daemon, anew if it runs; without a serial line, without waiting for it", 1, start},
     {".end", "", "wait for the daemon's end", 1, end},
 };
 

@@ -6,6 +6,9 @@
 
 #include <fstream>
 #include <iterator>
+#include <sstream>
+
+#include "handset/visible.h"
 
 namespace handset {
 
@@ -44,14 +47,22 @@ static std::string module_name(const std::string& image) {
   return image.substr(begin, end == std::string::npos ? end : end - begin);
 }
 
-Answer KernelModules::load(const std::string& image, const std::string& parameters) {
+static Answer noted(const TrappedCall& call, const std::string& entry, int error) {
+  call.note(entry + (error == 0 ? "" : " = " + error_name(error)));
+  return Answer::result(-error);
+}
+
+Answer KernelModules::load(const TrappedCall& call, const std::string& image,
+                           const std::string& parameters) {
   const std::string name = module_name(image);
   const std::lock_guard lock(mutex_);
   calls_.push_back({.what = "load", .name = name, .parameters = parameters});
+  const std::string entry =
+      "load " + (name.empty() ? "nonsense" : name) + " \"" + parameters + "\"";
   if (name.empty()) {
-    return Answer::result(-ENOEXEC);
+    return noted(call, entry, ENOEXEC);
   }
-  return Answer::result(loaded_.insert(name).second ? 0 : -EEXIST);
+  return noted(call, entry, loaded_.insert(name).second ? 0 : EEXIST);
 }
 
 Answer KernelModules::init_module(const TrappedCall& call) {
@@ -60,29 +71,31 @@ Answer KernelModules::init_module(const TrappedCall& call) {
   if (!call.read(call.arguments[0], image.data(), image.size())) {
     return Answer::result(-EFAULT);
   }
-  return load(image, call.text(call.arguments[2]));
+  return load(call, image, call.text(call.arguments[2]));
 }
 
 Answer KernelModules::finit_module(const TrappedCall& call) {
   std::ifstream file("/proc/" + std::to_string(call.thread) + "/fd/" +
                      std::to_string(call.descriptor()));
   const std::string image{std::istreambuf_iterator<char>(file), {}};
-  return load(image, call.text(call.arguments[1]));
+  return load(call, image, call.text(call.arguments[1]));
 }
 
 Answer KernelModules::delete_module(const TrappedCall& call) {
   const std::string name = call.text(call.arguments[0]);
   const std::lock_guard lock(mutex_);
   calls_.push_back({.what = "unload", .name = name, .flags = call.arguments[1]});
+  std::ostringstream entry;
+  entry << "unload " << name << " flags 0x" << std::hex << call.arguments[1];
   if (loaded_.count(name) == 0) {
-    return Answer::result(-ENOENT);
+    return noted(call, entry.str(), ENOENT);
   }
   if (busy_[name] > 0) {
     --busy_[name];
-    return Answer::result(-EAGAIN);
+    return noted(call, entry.str(), EAGAIN);
   }
   loaded_.erase(name);
-  return Answer::result(0);
+  return noted(call, entry.str(), 0);
 }
 
 }  // namespace handset

@@ -37,7 +37,7 @@ class KernelModules {
   Answer delete_module(const TrappedCall& call);
 
  private:
-  Answer load(const std::string& image, const std::string& parameters);
+  Answer load(const TrappedCall& call, const std::string& image, const std::string& parameters);
 
   mutable std::mutex mutex_;
   std::set<std::string> loaded_;

@@ -61,7 +61,7 @@ void send(Handset* phone, const std::string& bytes, size_t* seen) {
 }
 
 // Does one step and gathers what it brings about, until that is what is expected or clearly is not.
-Played play(const Step& step, Handset* phone, size_t* seen) {
+Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
   std::ostringstream out;
   std::string sent;
   if (step.action[0] == '>') {
@@ -71,6 +71,9 @@ Played play(const Step& step, Handset* phone, size_t* seen) {
     run_dot_command(phone, step.action, out);
   }
   const Journal* journal = &phone->journal;
+  while (record && step.entries.empty() && journal->wait_more(journal->size(), kSilence)) {
+    // nothing is stated yet: all that it brings about is wanted
+  }
   Played played;
   played.prints = lines_of(out.str());
   for (;;) {
@@ -181,7 +184,7 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
     Handset phone;
     size_t seen = 0;
     for (const Step& step : scenario.steps) {
-      const Played played = play(step, &phone, &seen);
+      const Played played = play(step, &phone, record, &seen);
       const std::vector<std::string> kept = played.matched ? shown(step) : shown(played);
       recorded << step.action << "\n";
       for (const std::string& line : kept) {
