@@ -177,6 +177,10 @@ void link(Handset& phone, const Line& line, std::ostream&) {
   fs::create_symlink(line[2], phone.path(absolute(line[1])));
 }
 
+void cut(Handset& phone, const Line& line, std::ostream&) {
+  fs::resize_file(phone.path(absolute(line[1])), number<uint64_t>(line[2]));
+}
+
 // Bytes of a partition's image, or of any file.
 void bytes(Handset& phone, const Line& line, std::ostream& out) {
   const fs::path image = phone.path(absolute(line[1]));
@@ -494,6 +498,7 @@ const DotCommand kDotCommands[] = {
     {".file", "PATH [TEXT]", "show a file or folder of the phone, or make the file", 2, file},
     {".folder", "PATH", "make a folder", 2, folder},
     {".link", "PATH TARGET", "make a symbolic link", 3, link},
+    {".cut", "PATH SIZE", "make a file or partition that long", 3, cut},
     {".bytes", "PATH OFFSET SIZE | PATH OFFSET = BYTES", "show or set bytes of a partition", 4,
      bytes},
     {".record", "pcba [NUMBER] | download [start|over]", "put a record on the reserve partition", 2,

@@ -121,6 +121,12 @@ std::string CallRecorder::opened(const TrappedCall& call) const {
   return "open " + path + (reads ? " read-only" : writes_only ? " write-only" : " read-write");
 }
 
+std::string CallRecorder::read_from(const TrappedCall& call) const {
+  const std::string file = call.link(call.descriptor());
+  return begins(file, "/dev/block/") ? "read " + file + " " + number(call.arguments[2], "%llu")
+                                     : "";
+}
+
 std::string CallRecorder::sought(const TrappedCall& call) const {
   const std::string file = call.link(call.descriptor());
   // The place in a file of text is the C library's business.
@@ -206,17 +212,28 @@ std::string CallRecorder::all_synced(const TrappedCall&) const {
 }
 
 const CallRecorder::Call CallRecorder::kCalls[] = {
-    {SYS_write, &CallRecorder::written},          {SYS_writev, &CallRecorder::written_parts},
-    {SYS_pwrite64, &CallRecorder::written},       {SYS_openat, &CallRecorder::opened},
-    {SYS_lseek, &CallRecorder::sought},           {SYS_fsync, &CallRecorder::synced},
-    {SYS_fdatasync, &CallRecorder::synced},       {SYS_ftruncate, &CallRecorder::cut},
-    {SYS_unlinkat, &CallRecorder::removed_at},    {SYS_fchmod, &CallRecorder::open_mode_changed},
-    {SYS_fchmodat, &CallRecorder::mode_changed},  {SYS_fchownat, &CallRecorder::owner_changed},
-    {SYS_clock_nanosleep, &CallRecorder::waited}, {SYS_sync, &CallRecorder::all_synced},
+    {SYS_write, &CallRecorder::written},
+    {SYS_writev, &CallRecorder::written_parts},
+    {SYS_pwrite64, &CallRecorder::written},
+    {SYS_openat, &CallRecorder::opened},
+    {SYS_read, &CallRecorder::read_from},
+    {SYS_lseek, &CallRecorder::sought},
+    {SYS_fsync, &CallRecorder::synced},
+    {SYS_fdatasync, &CallRecorder::synced},
+    {SYS_ftruncate, &CallRecorder::cut},
+    {SYS_unlinkat, &CallRecorder::removed_at},
+    {SYS_fchmod, &CallRecorder::open_mode_changed},
+    {SYS_fchmodat, &CallRecorder::mode_changed},
+    {SYS_fchownat, &CallRecorder::owner_changed},
+    {SYS_clock_nanosleep, &CallRecorder::waited},
+    {SYS_sync, &CallRecorder::all_synced},
 #ifdef SYS_unlink  // what newer architectures have only with a folder's descriptor
-    {SYS_unlink, &CallRecorder::removed},         {SYS_rmdir, &CallRecorder::folder_removed},
-    {SYS_mkdir, &CallRecorder::folder_made},      {SYS_rename, &CallRecorder::renamed},
-    {SYS_chmod, &CallRecorder::mode_changed},     {SYS_chown, &CallRecorder::owner_changed},
+    {SYS_unlink, &CallRecorder::removed},
+    {SYS_rmdir, &CallRecorder::folder_removed},
+    {SYS_mkdir, &CallRecorder::folder_made},
+    {SYS_rename, &CallRecorder::renamed},
+    {SYS_chmod, &CallRecorder::mode_changed},
+    {SYS_chown, &CallRecorder::owner_changed},
 #endif
 };
 
@@ -295,6 +312,8 @@ void CallRecorder::record_program(const TrappedCall& call) {
     const bool shell = words.size() > 2 && words[1] == "-c";
     journal_->add(starting_, "run " + visible(shell ? words.back() : file));
     starting_ = 0;
+  } else if (!fs::exists(root_ / file.substr(1))) {
+    // A shell tries every folder of its path.
   } else if (begins(file, "/vendor/bin/") || begins(file, "/system/bin/") ||
              begins(file, "/odm/bin/")) {
     std::string line = fs::path(file).filename().string();

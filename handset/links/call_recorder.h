@@ -39,6 +39,7 @@ class CallRecorder {
   std::string written(const TrappedCall& call) const;
   std::string written_parts(const TrappedCall& call) const;
   std::string opened(const TrappedCall& call) const;
+  std::string read_from(const TrappedCall& call) const;
   std::string sought(const TrappedCall& call) const;
   std::string synced(const TrappedCall& call) const;
   std::string cut(const TrappedCall& call) const;
