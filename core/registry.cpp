@@ -5,7 +5,7 @@
 #include <stdlib.h>
 
 #include "core/log.h"
-#include "core/serial.h"
+#include "core/reply.h"
 
 #define TAG "[FTM-AT]"
 
@@ -98,7 +98,7 @@ void ftm_at_init() {
 
 void ftm_at_deinit() {
   FTM_LOGD(TAG "%s start\n", __func__);
-  at_forget_port();
+  reply_set_port(-1);
   make_empty_once(at_init_list, &init_lists_made);
   make_empty_once(at_exit_list, &exit_lists_made);
   run_all(at_exit_list);

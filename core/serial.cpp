@@ -1,4 +1,4 @@
-// Serial line, command loop, command matching and replies; see serial.h and at.h.
+// Serial line, command loop and command matching; see serial.h.
 
 #include "core/serial.h"
 
@@ -6,20 +6,15 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <mutex>
-
-#include "core/at.h"
-#include "core/bounded.h"
+#include "core/log.h"
+#include "core/registry.h"
+#include "core/reply.h"
 
 #define TAG "[FTM-AT]"
 
 static const char kSerialPort[] = "/dev/ttyMSM0";
 static const char kArgumentLine[] = "AT^WITH_ARGS";
 static constexpr size_t kMaxCommand = 576;
-static constexpr size_t kReplyBuffer = 8192;
-
-static std::atomic<int> serial_port_fd{-1};
 
 int at_open_port() {
   FTM_LOGD(TAG "%s\n", __func__);
@@ -30,13 +25,9 @@ int at_open_port() {
     return -1;
   }
   fcntl(fd, F_SETFL, 0);
-  serial_port_fd = fd;
+  reply_set_port(fd);
   FTM_LOGD(TAG "%s, serial_port_fd : %d\n", __func__, fd);
   return fd;
-}
-
-void at_forget_port() {
-  serial_port_fd = -1;
 }
 
 int ftm_at_create_thread(pthread_t* thread) {
@@ -51,7 +42,7 @@ void at_command_thread() {
     memset(line, 0, sizeof(line));
     // No pause and no log line on a failed read, on purpose: a line that comes back is served at
     // once, and one that never opened must not fill the log.
-    if (read(serial_port_fd, line, kMaxCommand) < 1) {
+    if (read(reply_port(), line, kMaxCommand) < 1) {
       continue;
     }
     line[kMaxCommand] = '\0';
@@ -80,37 +71,4 @@ int at_parse(const char* line) {
   }
   at_send_result("UNDEFINED COMMAND\n");
   return 0;
-}
-
-int at_send_result(const char* text) {
-  // Module threads reply too (the key test's listener): one reply at a time.
-  static std::mutex mutex;
-  static char reply[kReplyBuffer];
-  const std::lock_guard<std::mutex> lock(mutex);
-
-  memset(reply, 0, sizeof(reply));
-  if (text == nullptr) {
-    return 0;
-  }
-  FTM_LOGD(TAG "%s : result is : %s\n", __func__, text);
-  const auto length = static_cast<size_t>(bounded_format(reply, sizeof(reply), "%s", text));
-  const int fd = serial_port_fd;
-  FTM_LOGD(TAG "%s : serial_port_fd is : %d\n", __func__, fd);
-  if (fd < 0) {
-    return 0;
-  }
-  if (write(fd, reply, length) != static_cast<ssize_t>(length)) {
-    return 0;
-  }
-  FTM_LOGD(TAG "%s : send_result successful\n", __func__);
-  return 1;
-}
-
-char* strupr(char* text) {
-  for (char* c = text; *c != '\0'; ++c) {
-    if (*c >= 'a' && *c <= 'z') {
-      *c = static_cast<char>(*c - 0x20);
-    }
-  }
-  return text;
 }

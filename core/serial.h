@@ -1,4 +1,4 @@
-// The factory serial line and the command loop. Called by main; modules reply through core/at.h.
+// The factory serial line and the command loop. Called by main; modules reply through core/reply.h.
 
 #pragma once
 
@@ -8,9 +8,6 @@
 // the tty already has. Returns the descriptor, which the command loop and the replies then use, or
 // -1 (logged; the daemon goes on without a line).
 int at_open_port();
-
-// Sets the stored descriptor to -1, so that later replies are dropped. The line stays open.
-void at_forget_port();
 
 // Starts the command worker as a joinable thread. Returns pthread_create's result, 0 for started.
 int ftm_at_create_thread(pthread_t* thread);

@@ -212,9 +212,7 @@ static AtCommand rows[] = {
 };
 
 static void at_sensor_adsp_init() {
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
 }
 
 static void at_sensor_adsp_exit() {}

@@ -41,17 +41,4 @@ static AtCommand rows[] = {
     {.short_name = "hp_pa", .command = "AT+CODEC_HP", .handler = get_hp_pa},
 };
 
-static void at_pa_init() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-static void at_pa_exit() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-FTM_MODULE(pa, 4, TAG)
+FTM_PLAIN_MODULE(pa, 4, TAG, rows)

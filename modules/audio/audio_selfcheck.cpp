@@ -167,9 +167,7 @@ static AtCommand rows[] = {
 };
 
 static void at_audio_selfcheck_init() {
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
 }
 
 static void at_audio_selfcheck_exit() {}

@@ -248,9 +248,7 @@ static void at_wcd_mic_die_test_init() {
     at_send_result("ERROR\n");
   }
   route_ready = audio_mixer_route_init();
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
   FTM_LOGD(TAG "%s:: exit \n", __func__);
 }
 

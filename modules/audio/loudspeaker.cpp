@@ -78,9 +78,7 @@ static void at_loudspeaker_init() {
   }
   mixer_ready = audio_loudspeaker_mixer_init();
   route_ready = audio_loudspeaker_route_init();
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
   FTM_LOGD(TAG "%s: end\n", __func__);
 }
 

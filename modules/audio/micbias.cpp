@@ -54,17 +54,4 @@ static AtCommand rows[] = {
     {.short_name = "micbias2_off", .command = "AT+HPMICVOLT_CLOSE", .handler = at_micbias_off},
 };
 
-static void at_micbias_init() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-static void at_micbias_exit() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-FTM_MODULE(micbias, 4, TAG)
+FTM_PLAIN_MODULE(micbias, 4, TAG, rows)

@@ -139,9 +139,7 @@ static AtCommand rows[] = {
 
 static void at_adc_read_init() {
   FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
   battery = static_cast<BatteryRecord*>(calloc(1, sizeof(BatteryRecord)));
   FTM_LOGD(TAG "%s end\n", __func__);
 }

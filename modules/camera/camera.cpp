@@ -88,9 +88,7 @@ static void at_camera_init() {
   FTM_LOGD(TAG "%s start\n", __func__);
   flash_init();
   find_cameras();
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
   FTM_LOGD(TAG "%s end\n", __func__);
 }
 

@@ -46,17 +46,4 @@ static AtCommand rows[] = {
      .handler = at_trigger_ram_dump},
 };
 
-static void at_debug_init() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-static void at_debug_exit() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-FTM_MODULE(debug, 4, TAG)
+FTM_PLAIN_MODULE(debug, 4, TAG, rows)

@@ -30,17 +30,4 @@ static AtCommand rows[] = {
      .handler = at_iris_recovery_mode_check},
 };
 
-static void at_deviceinfo_init() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-static void at_deviceinfo_exit() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-FTM_MODULE(deviceinfo, 4, TAG)
+FTM_PLAIN_MODULE(deviceinfo, 4, TAG, rows)

@@ -60,17 +60,4 @@ static AtCommand rows[] = {
      .handler = at_remove_test_cfg},
 };
 
-static void at_engineer_init() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-static void at_engineer_exit() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-FTM_MODULE(engineer, 4, TAG)
+FTM_PLAIN_MODULE(engineer, 4, TAG, rows)

@@ -21,12 +21,13 @@ static int at_test_fp(const char*) {
   return 0;
 }
 
-static AtCommand row = {
-    .short_name = "fp_test", .command = "AT^FINGER_QR_CODE_GET", .handler = at_test_fp};
+static AtCommand rows[] = {
+    {.short_name = "fp_test", .command = "AT^FINGER_QR_CODE_GET", .handler = at_test_fp},
+};
 
 static void at_fp_test_init() {
   FTM_LOGD(TAG "%s start\n", __func__);
-  at_register(&row);
+  at_register_rows(rows);
   FTM_LOGD(TAG "%s end\n", __func__);
 }
 

@@ -20,17 +20,4 @@ static AtCommand rows[] = {
     {.short_name = "gps_test_off", .command = "AT^CLOSE_GPS", .handler = at_close_gps},
 };
 
-static void at_gps_init() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-static void at_gps_exit() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-FTM_MODULE(gps, 4, TAG)
+FTM_PLAIN_MODULE(gps, 4, TAG, rows)

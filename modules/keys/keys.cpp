@@ -195,19 +195,10 @@ static int at_volume_power_key_test(const char*) {
   return 0;
 }
 
-static AtCommand row = {.short_name = "volume_power_key_test",
-                        .command = "AT+KEY",
-                        .handler = at_volume_power_key_test};
+static AtCommand rows[] = {
+    {.short_name = "volume_power_key_test",
+     .command = "AT+KEY",
+     .handler = at_volume_power_key_test},
+};
 
-static void at_volume_power_key_init() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  at_register(&row);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-static void at_volume_power_key_exit() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-FTM_MODULE(volume_power_key, 4, TAG)
+FTM_PLAIN_MODULE(volume_power_key, 4, TAG, rows)

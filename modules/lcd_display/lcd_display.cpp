@@ -13,18 +13,8 @@ static int at_lcd_display(const char*) {
   return 0;
 }
 
-static AtCommand row = {
-    .short_name = "lcd_display", .command = "AT+ELCM=0,0", .handler = at_lcd_display};
+static AtCommand rows[] = {
+    {.short_name = "lcd_display", .command = "AT+ELCM=0,0", .handler = at_lcd_display},
+};
 
-static void at_lcd_display_init() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  at_register(&row);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-static void at_lcd_display_exit() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-FTM_MODULE(lcd_display, 4, TAG)
+FTM_PLAIN_MODULE(lcd_display, 4, TAG, rows)

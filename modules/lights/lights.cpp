@@ -171,9 +171,7 @@ static void read_key_backlight_state() {
 
 static void at_breathing_init() {
   FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
   open_panel();
   file_write_int(kEsdStatus, 0);
   usleep(kSettleUs);

@@ -52,11 +52,12 @@ static int at_test_rf_cable(const char*) {
   return 0;
 }
 
-static AtCommand row = {
-    .short_name = "rf_cable_test", .command = "AT_RF_CABLE", .handler = at_test_rf_cable};
+static AtCommand rows[] = {
+    {.short_name = "rf_cable_test", .command = "AT_RF_CABLE", .handler = at_test_rf_cable},
+};
 
 static void at_rf_cable_test_init() {
-  at_register(&row);
+  at_register_rows(rows);
 }
 
 // The init function is the exit function too, on purpose.

@@ -113,12 +113,13 @@ static int at_test_sec(const char*) {
   return 0;
 }
 
-static AtCommand row = {
-    .short_name = "sec_test", .command = "AT^SECUREBOOT_STATUS_CHECK", .handler = at_test_sec};
+static AtCommand rows[] = {
+    {.short_name = "sec_test", .command = "AT^SECUREBOOT_STATUS_CHECK", .handler = at_test_sec},
+};
 
 static void at_sec_test_init() {
   FTM_LOGD(TAG "%s start\n", __func__);
-  at_register(&row);
+  at_register_rows(rows);
   FTM_LOGD(TAG "%s end\n", __func__);
 }
 

@@ -86,9 +86,7 @@ static AtCommand rows[] = {
 
 static void at_sleep_enable_init() {
   FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
   power_set_cannot_sleep();
   FTM_LOGD(TAG "%s end\n", __func__);
 }

@@ -21,11 +21,13 @@ static int at_test_tp(const char*) {
   return 0;
 }
 
-static AtCommand row = {.short_name = "tp_test", .command = "AT+TP", .handler = at_test_tp};
+static AtCommand rows[] = {
+    {.short_name = "tp_test", .command = "AT+TP", .handler = at_test_tp},
+};
 
 static void at_tp_test_init() {
   FTM_LOGD(TAG "%s start\n", __func__);
-  at_register(&row);
+  at_register_rows(rows);
   chmod(kSuspendNode, S_IRUSR | S_IWUSR);
   file_write_int(kSuspendNode, 1);
   FTM_LOGD(TAG "%s end\n", __func__);

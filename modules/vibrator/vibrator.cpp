@@ -127,9 +127,7 @@ static AtCommand rows[] = {
 
 static void at_vibrator_init() {
   FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
   pthread_mutex_init(&motor_mutex, nullptr);
   vibrator_status_init();
   FTM_LOGD(TAG "%s end\n", __func__);

@@ -142,17 +142,4 @@ static AtCommand rows[] = {
     {.short_name = "check_wifi", .command = "AT^CHECK_WIFI", .handler = at_check_wifi},
 };
 
-static void at_wifi_init() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-static void at_wifi_exit() {
-  FTM_LOGD(TAG "%s start\n", __func__);
-  FTM_LOGD(TAG "%s end\n", __func__);
-}
-
-FTM_MODULE(wifi, 5, TAG)
+FTM_PLAIN_MODULE(wifi, 5, TAG, rows)

@@ -77,9 +77,7 @@ static AtCommand rows[] = {
 };
 
 static void at_lcd_display_init() {
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
 }
 
 static void at_lcd_display_exit() {}

@@ -73,9 +73,7 @@ static AtCommand rows[] = {
 };
 
 static void at_gps_init() {
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
 }
 
 static void at_gps_exit() {}

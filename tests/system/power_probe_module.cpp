@@ -60,9 +60,7 @@ static AtCommand rows[] = {
 };
 
 static void at_sleep_enable_init() {
-  for (AtCommand& row : rows) {
-    at_register(&row);
-  }
+  at_register_rows(rows);
 }
 
 // Runs where no thread can be made.
