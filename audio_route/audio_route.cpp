@@ -198,7 +198,7 @@ static void write_control(const mixer_state& state) {
       mixer_ctl_set_array(state.ctl, state.new_value, state.num_values);
       break;
     case MIXER_CTL_TYPE_ENUM:
-      // Only the first value, on purpose: path files for this engine count on the others staying.
+      // Only the first value: kept as it stands.
       mixer_ctl_set_value(state.ctl, 0, static_cast<int>(*static_cast<uint32_t*>(state.new_value)));
       break;
     default:

@@ -44,12 +44,6 @@ struct CtlAttributes {
   const char* value;
 };
 
-struct FreeMemory {
-  void operator()(void* memory) const {
-    free(memory);
-  }
-};
-
 struct FreeParser {
   void operator()(XML_Parser parser) const {
     XML_ParserFree(parser);
@@ -297,7 +291,7 @@ static void set_in_path(xml_parse_state* state, KnownControl* control,
     if (setting == nullptr) {
       return;
     }
-    // Also when another element is named, on purpose: path files rely on the first one following.
+    // Also when another element is named: kept as it stands.
     store(setting->value, type, 0, value);
   }
   store_wanted(setting->value, type, setting->num_values, id, value);
@@ -314,7 +308,7 @@ static void start_ctl(xml_parse_state* state, const CtlAttributes& attributes) {
     return;
   }
   const int64_t value = parse_value(ctl, attributes.value);
-  const int id = attributes.id == nullptr ? kAllElements : text_to_int(attributes.id);
+  const int id = attributes.id == nullptr ? kAllElements : parse_int(attributes.id);
   if (state->depth == 1) {
     set_default(state->route->mixer_state[control->index], attributes, id, value);
   } else {
@@ -376,7 +370,7 @@ bool read_mixer_paths(audio_route* route, const char* file) {
       return false;
     }
     if (XML_ParseBuffer(parser.get(), static_cast<int>(count), count == 0) != XML_STATUS_OK) {
-      // The default file is named whichever was read, on purpose: the station looks for this line.
+      // The default file is named whichever was read: the text is kept as it stands.
       ROUTE_LOGE("Error in mixer xml (%s)", "/system/etc/mixer_paths.xml");
       return false;
     }

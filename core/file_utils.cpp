@@ -54,7 +54,7 @@ int file_write_string(const char* path, const char* text) {
     return kFileCannotOpen;
   }
   const ssize_t written = write(fd.get(), text, strlen(text));
-  // Every node logs as a backlight: log readers on the line look for this wording.
+  // Every node logs as a backlight: the text is kept as it stands.
   FTM_LOGE(TAG " file_write_string backlight value is %s\n", text);
   return write_result(path, written);
 }
@@ -74,6 +74,12 @@ int file_read_string(const char* path, char* buffer, int count) {
   return result;
 }
 
-int text_to_int(const char* text) {
+int parse_int(const char* text) {
   return static_cast<int>(std::clamp<long>(strtol(text, nullptr, 10), INT_MIN, INT_MAX));
+}
+
+int node_number(const char* path, int count) {
+  char text[128 + 1] = {};
+  file_read_string(path, text, std::min<int>(count, sizeof(text) - 1));
+  return parse_int(text);
 }

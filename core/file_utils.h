@@ -25,6 +25,10 @@ int file_write_string(const char* path, const char* text);
 // nothing to read, kFileCannotOpen (without a log line) or kFileNoPath.
 int file_read_string(const char* path, char* buffer, int count);
 
-// The decimal number that a node's text begins with; 0 when there is none, the nearest int when it
-// is beyond the range of int.
-int text_to_int(const char* text);
+// The decimal number that a text begins with; 0 when there is none, the nearest int when it is
+// beyond the range of int.
+int parse_int(const char* text);
+
+// The number that the first count bytes of a node begin with (128 at most); 0 when nothing can be
+// read.
+int node_number(const char* path, int count = 128);

@@ -40,8 +40,8 @@ void at_command_thread() {
   FTM_LOGD(TAG "%s\n", __func__);
   for (;;) {
     memset(line, 0, sizeof(line));
-    // No pause and no log line on a failed read, on purpose: a line that comes back is served at
-    // once, and one that never opened must not fill the log.
+    // No pause and no log line on a failed read, on purpose: a line that never opened makes this
+    // loop spin.
     if (read(reply_port(), line, kMaxCommand) < 1) {
       continue;
     }

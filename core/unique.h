@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <memory>
@@ -56,6 +57,12 @@ struct ClosePipe {
 struct CloseDir {
   void operator()(DIR* dir) const {
     closedir(dir);
+  }
+};
+
+struct FreeMemory {
+  void operator()(void* memory) const {
+    free(memory);
   }
 };
 

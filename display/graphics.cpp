@@ -132,7 +132,7 @@ void gr_clear() {
            static_cast<size_t>(gr_draw->height) * static_cast<size_t>(gr_draw->row_bytes));
     return;
   }
-  // Height stands before width, on purpose: log readers know the line so.
+  // Height stands before width: the text is kept as it stands.
   FTM_LOGE("qlmgr_clear size=%dx%d\n", gr_draw->height, gr_draw->width);
   // Copies: the compiler cannot know that no pixel is one of these.
   const GRSurface surface = *gr_draw;

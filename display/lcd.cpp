@@ -4,8 +4,6 @@
 
 #include "display/graphics.h"
 
-unsigned char display_on = 0;
-
 int ftm_open_lcd() {
   const int result = gr_init();
   if (result < 0) {

@@ -27,24 +27,24 @@ static int autosuspend_init() {
 }
 
 // Detached: nobody waits for the watcher, and it ends by itself.
-static void start_watcher() {
+static void start_watcher(void* (*body)(void*)) {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_t watcher;
-  pthread_create(&watcher, &attributes, ftm_sleep_fail_info_save_func, nullptr);
+  pthread_create(&watcher, &attributes, body, nullptr);
   pthread_attr_destroy(&attributes);
 }
 
-int autosuspend_enable() {
+int autosuspend_enable(void (*before_sleep)(), void* (*watcher)(void*)) {
   if (const int result = autosuspend_init(); result != 0) {
     return result;
   }
   if (autosuspend_enabled) {
     return 0;
   }
-  ftm_before_sleep_info_save();
-  start_watcher();
+  before_sleep();
+  start_watcher(watcher);
   const int result = autosuspend_ops.load()->enable();
   if (result == 0) {
     autosuspend_enabled = true;

@@ -94,8 +94,7 @@ static bool try_suspend() {
     return false;
   }
 
-  // Flushed before every attempt and logged as errors, on purpose: release logs show how long the
-  // storage held a sleep up.
+  // Flushed before every attempt, and logged as errors, on purpose.
   LOG(ERROR) << "sync";
   sync();
   LOG(ERROR) << "sync end";

@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "core/log.h"
+#include "core/unique.h"
 
 #define SENSOR_LOG(...) __android_log_print(ANDROID_LOG_INFO, "[AT_SENSOR]", __VA_ARGS__)
 
@@ -112,11 +113,6 @@ static bool is_second_sensor(int32_t type_id) {
 
 // ---- requests
 
-struct FreeMemory {
-  void operator()(void* memory) const {
-    free(memory);
-  }
-};
 template <typename Type>
 using Allocated = std::unique_ptr<Type, FreeMemory>;
 

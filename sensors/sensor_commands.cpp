@@ -70,16 +70,10 @@ static int light_sensor_type() {
     als_type_buffer[0] = '\0';
   }
   FTM_LOGD(TAG "als_type_buffer =%s\n", als_type_buffer);
-  const int als_type = text_to_int(als_type_buffer);
+  const int als_type = parse_int(als_type_buffer);
   FTM_LOGD(TAG "als_type =%d\n", als_type);
   return als_type == 2 || als_type == 3 ? kSensorWiseLight : kSensorAmbientLight;
 }
-
-struct FreeMemory {
-  void operator()(void* memory) const {
-    free(memory);
-  }
-};
 
 static constexpr int kLightSensor = -1;  // whichever the unit has
 

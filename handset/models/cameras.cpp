@@ -16,7 +16,6 @@ static constexpr uint32_t kSensorSubDevice = 0x10001;
 static constexpr uint32_t kFlashSubDevice = 0x1000a;
 
 // ---- Sensors
-// -------------------------------------------------------------------------------------
 
 class CameraSensorFile : public MemoryFile {
  public:
@@ -101,7 +100,6 @@ OpenedDevice CameraSensor::open(const Caller&, int) {
 }
 
 // ---- Media devices
-// -------------------------------------------------------------------------------
 
 class MediaFile : public MemoryFile {
  public:

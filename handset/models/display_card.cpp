@@ -309,7 +309,6 @@ void DrmDevice::fail(uint32_t request, int error, int skip) {
 }
 
 // ---- One open of the card
-// ------------------------------------------------------------------------
 
 class DrmFile : public MemoryFile {
  public:

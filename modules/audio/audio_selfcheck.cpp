@@ -134,7 +134,7 @@ static int audio_pa_check_call(const char*) {
   AmplifierWords words = {};
   if (read(node.get(), &words, sizeof(words)) != static_cast<ssize_t>(sizeof(words))) {
     FTM_LOGD(TAG "%s read %s failed, %s\n", __func__, kSelfCheckNode, strerror(errno));
-    // The tone plays on, on purpose: the station ends it when it has heard it.
+    // The tone plays on: kept as it stands.
     at_send_result("ERROR\n");
     return 0;
   }

@@ -244,7 +244,7 @@ static void at_wcd_mic_die_test_init() {
   FTM_LOGD(TAG "%s:: entry \n", __func__);
   if (!mixer_paths_exist()) {
     FTM_LOGE(TAG "%s: '%s' not exist!\n", __func__, kMixerPaths);
-    // With no command pending, on purpose: the station takes it as the phone's image being wrong.
+    // With no command pending: kept as it stands.
     at_send_result("ERROR\n");
   }
   route_ready = audio_mixer_route_init();

@@ -73,7 +73,7 @@ static void at_loudspeaker_init() {
   FTM_LOGD(TAG "%s: start\n", __func__);
   if (!mixer_paths_exist()) {
     FTM_LOGD(TAG "%s: '%s' not exist!\n", __func__, kMixerPaths);
-    // With no command pending, on purpose: the station takes it as the phone's image being wrong.
+    // With no command pending: kept as it stands.
     at_send_result("ERROR\n");
   }
   mixer_ready = audio_loudspeaker_mixer_init();

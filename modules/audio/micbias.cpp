@@ -6,6 +6,7 @@
 
 #include "core/at.h"
 #include "core/log.h"
+#include "core/unique.h"
 
 #define TAG "[FTM-AUDIO]"
 
@@ -13,12 +14,10 @@ static constexpr useconds_t kSettleUs = 10 * 1000;
 static constexpr useconds_t kMeasureUs = 1000 * 1000;
 
 static void run_tool(const char* command, const char* caller) {
-  FILE* tool = popen(command, "w");
+  const UniquePipe tool(popen(command, "w"));
   if (tool == nullptr) {
     FTM_LOGD(TAG "%s popen failed\n", caller);
-    return;
   }
-  pclose(tool);
 }
 
 static int micbias_on(const char* command, const char* caller) {
@@ -40,7 +39,7 @@ static int at_micbias2_on(const char*) {
 static int at_micbias_off(const char*) {
   FTM_LOGD(TAG "%s\n", __func__);
   usleep(kMeasureUs);
-  // Before the bias goes, on purpose: the station ends its measurement on this reply.
+  // Before the bias goes, on purpose.
   at_send_result("OK\r\n");
   usleep(kMeasureUs);
   run_tool("/system/bin/tinymix 'Enable Micbias' DISABLE", __func__);

@@ -75,8 +75,7 @@ static UniquePipe start_player(const char* caller) {
 }
 
 static void follow_session(Tone* tone, const char* caller) {
-  // A busy poll without an end, on purpose: the second party expects its word to be taken at once,
-  // and the session has no other end than that.
+  // A busy poll without an end, on purpose.
   for (;;) {
     char session[PROP_VALUE_MAX];
     property_get(kSession, session, kUnset);

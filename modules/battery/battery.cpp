@@ -49,7 +49,7 @@ static bool read_node(const char* path, NodeText* node) {
 static void read_number(const char* path, int32_t divisor, int32_t* value) {
   NodeText node;
   if (read_node(path, &node)) {
-    *value = text_to_int(node.text) / divisor;
+    *value = parse_int(node.text) / divisor;
   }
 }
 
@@ -85,7 +85,7 @@ static const char* battery_status_info_get() {
   BatteryRecord* record = battery != nullptr ? battery : &stand_in;
   read_measurements(record);
 
-  // The third column is a fixed 0.00, on purpose: the station splits the line at its commas.
+  // The third column is a fixed 0.00: kept as it stands.
   const int length =
       bounded_format(record->report, sizeof(record->report), "+EADC: %.2f,%.2f,%s,%.3f,%.2f",
                      record->voltage / 1000.0, record->temperature / 10.0, "0.00",

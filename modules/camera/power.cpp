@@ -1,5 +1,5 @@
 // Sensor power, up and down. One body for each direction; how the cameras' handlers differ stands
-// in a table, and every difference is kept on purpose: the station's scripts rely on each.
+// in a table, and every difference is kept as it stands.
 
 #include <errno.h>
 #include <string.h>
@@ -14,20 +14,24 @@
 #define VIDIOC_CAM_FTM_POWNER_DOWN 1
 
 struct CameraDifferences {
-  bool start_with_line;       // the start line carries a source line number
-  bool up_checks_descriptor;  // before the request
-  bool up_failure_closes;     // the descriptor
-  bool up_logs_success;
-  bool down_failure_replies;  // and leaves out the end line; the others are silent
+  bool start_with_line = false;       // the start line carries a source line number
+  bool up_checks_descriptor = false;  // before the request
+  bool up_failure_closes = false;     // the descriptor
+  bool up_logs_success = false;
+  bool down_failure_replies = false;  // and leaves out the end line; the others are silent
 };
 
 static const CameraDifferences kDifferences[] = {
-    /* kMainCamera */ {true, true, false, true, true},
-    /* kBackAuxCamera */ {true, true, false, false, true},
-    /* kFrontCamera */ {false, false, true, false, false},
-    /* kThirdCamera */ {false, true, false, false, false},
-    /* kMono2Camera */ {false, true, false, false, false},
-    /* kFrontAuxCamera */ {false, true, false, false, false},
+    /* kMainCamera */ {.start_with_line = true,
+                       .up_checks_descriptor = true,
+                       .up_logs_success = true,
+                       .down_failure_replies = true},
+    /* kBackAuxCamera */
+    {.start_with_line = true, .up_checks_descriptor = true, .down_failure_replies = true},
+    /* kFrontCamera */ {.up_failure_closes = true},
+    /* kThirdCamera */ {.up_checks_descriptor = true},
+    /* kMono2Camera */ {.up_checks_descriptor = true},
+    /* kFrontAuxCamera */ {.up_checks_descriptor = true},
 };
 
 static void log_start(const char* handler, CameraRole role) {

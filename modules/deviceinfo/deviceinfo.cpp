@@ -3,7 +3,16 @@
 #include "modules/deviceinfo/deviceinfo.h"
 
 #include "core/at.h"
+#include "core/bounded.h"
 #include "core/log.h"
+
+void send_number(const char* label, long number) {
+  char value[32];
+  bounded_format(value, sizeof(value), "%ld", number);
+  at_send_result("OK\r\n");
+  at_send_result(label);
+  at_send_result(value);
+}
 
 static AtCommand rows[] = {
     {.short_name = "cpu_info", .command = "AT+GCPU=1", .handler = at_get_cpu_freq},

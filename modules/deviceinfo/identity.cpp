@@ -14,16 +14,12 @@
 #include "core/log.h"
 #include "core/properties.h"
 #include "core/unique.h"
-#include "display/lcd.h"
 #include "modules/deviceinfo/deviceinfo.h"
 
 static const char kPcbVersionNode[] = "/sys/devices/system/soc/soc0/hw_pcb_version";
 static const char kSerialNumberNode[] = "/sys/devices/soc0/serial_number_dummy";
-static const char kPanelNumberNode[] = "/sys/kernel/norva_display/panel_serial_number";
-static const char kIrisNode[] = "/sys/kernel/tarn_display/iris_rm_check";
 
 // ---- Software version
-// ----------------------------------------------------------------------------
 
 static char report[1024];
 
@@ -72,7 +68,6 @@ int at_software_version(const char*) {
 }
 
 // ---- Serial number
-// -------------------------------------------------------------------------------
 
 int at_serial_no(const char*) {
   static char reply[128];
@@ -94,60 +89,65 @@ int at_serial_no(const char*) {
     property_get("ro.serialno", value, "NULL");
     bounded_format(reply, sizeof(reply), "SN: %s\n", value);
   }
-  // The reverse order of the software version's, which the station counts on.
+  // The reverse order of the software version's: required as it stands.
   at_send_result("OK\r\n");
   at_send_result(reply);
   return 0;
 }
 
 // ---- Checksums of the system and vendor trees
-// ----------------------------------------------------
 
-#define MD5_FOLDER "/persist/ftm_admin/tmp"
-
+static const char kFolder[] = "/persist/ftm_admin/tmp";
 static const char kReferenceArchive[] = "/system/sysmd5.zip";
-static const char kCurrentFile[] = MD5_FOLDER "/md5_cur.txt";
-static const char kDifferenceFile[] = MD5_FOLDER "/md5_diff.txt";
+static const char kCurrentFile[] = "/persist/ftm_admin/tmp/md5_cur.txt";
+static const char kDifferenceFile[] = "/persist/ftm_admin/tmp/md5_diff.txt";
 static const char kBuildTime[] = "`cat system/build.prop  | $XKIT grep utc| $XKIT cut -b  19-`";
 
-// The checksum of the sorted checksums of every file of a tree. The double blanks are part of it.
-#define TREE_CHECKSUM(tree)                                                                       \
-  "`$XKIT find " tree                                                                             \
-  " -type f | sed 's/system_root//g'| $XKIT grep -Ev "                                            \
-  "'ck.fs|pl.fs|sysmd5.zip|sd_after|install-recovery.sh|install_recovery.sh|recovery-from-boot.p" \
-  "|recovery_rootcheck|vendor/nvdata|vendor/nvcfg|vendor/persist|vendor/protect' | $XKIT sort "   \
-  "| $XKIT xargs $XKIT md5sum | $XKIT md5sum | $XKIT cut -b  -32`"
+// The checksum of the sorted checksums of every file of a tree, whose name stands between the two
+// halves. The double blanks are part of it.
+static const char kTreeChecksum[] = "`$XKIT find ";
+static const char kTreeChecksumEnd[] =
+    " -type f | sed 's/system_root//g'| $XKIT grep -Ev "
+    "'ck.fs|pl.fs|sysmd5.zip|sd_after|install-recovery.sh|install_recovery.sh|recovery-from-boot.p"
+    "|recovery_rootcheck|vendor/nvdata|vendor/nvcfg|vendor/persist|vendor/protect' | $XKIT sort "
+    "| $XKIT xargs $XKIT md5sum | $XKIT md5sum | $XKIT cut -b  -32`";
 
 struct Tree {
-  const char* checksum;
+  const char* folder;
   const char* reference;
   const char* failure;  // reply, without a line end on purpose
 };
 
 static const Tree kTrees[] = {
-    {TREE_CHECKSUM("system/"), MD5_FOLDER "/deep_sys_md5.txt", "SYSTEM FAIL"},
-    {TREE_CHECKSUM("vendor/"), MD5_FOLDER "/deep_vendor_md5.txt", "VENDOR FAIL"},
+    {"system/", "/persist/ftm_admin/tmp/deep_sys_md5.txt", "SYSTEM FAIL"},
+    {"vendor/", "/persist/ftm_admin/tmp/deep_vendor_md5.txt", "VENDOR FAIL"},
 };
 
 // Runs a shell command built by a printf format. What it says does not matter, only what it leaves.
-#define RUN_SHELL(...)                                     \
-  do {                                                     \
-    char command[1000] = {};                               \
-    bounded_format(command, sizeof(command), __VA_ARGS__); \
-    [[maybe_unused]] const int status = system(command);   \
-  } while (false)
+__attribute__((format(printf, 1, 2))) static void run_shell(const char* format, ...) {
+  char command[1000] = {};
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = vsnprintf(command, sizeof(command), format, arguments);
+  va_end(arguments);
+  if (length < 0 || static_cast<size_t>(length) >= sizeof(command)) {
+    abort();  // the texts are all here: none is too long
+  }
+  [[maybe_unused]] const int status = system(command);
+}
 
 static bool matches_reference(const Tree& tree) {
-  RUN_SHELL("echo \"%s,%s\" > %s", kBuildTime, tree.checksum, kCurrentFile);
-  RUN_SHELL("diff -q %s %s > %s", kCurrentFile, tree.reference, kDifferenceFile);
+  run_shell("echo \"%s,%s%s%s\" > %s", kBuildTime, kTreeChecksum, tree.folder, kTreeChecksumEnd,
+            kCurrentFile);
+  run_shell("diff -q %s %s > %s", kCurrentFile, tree.reference, kDifferenceFile);
   const UniqueFd difference(open(kDifferenceFile, O_RDONLY));
   struct stat status = {};
   return difference.ok() && fstat(difference.get(), &status) == 0 && status.st_size == 0;
 }
 
 int at_sys_vendor_md5(const char*) {
-  RUN_SHELL("mkdir /persist/ftm_admin/tmp");
-  RUN_SHELL("$XKIT unzip -qo %s -d /persist/ftm_admin/tmp", kReferenceArchive);
+  run_shell("mkdir %s", kFolder);
+  run_shell("$XKIT unzip -qo %s -d %s", kReferenceArchive, kFolder);
   const char* result = "OK\r\n";
   for (const Tree& tree : kTrees) {
     if (!matches_reference(tree)) {
@@ -156,73 +156,6 @@ int at_sys_vendor_md5(const char*) {
     }
   }
   at_send_result(result);
-  RUN_SHELL("rm -rf /persist/ftm_admin/tmp");
-  return 0;
-}
-
-// ---- Panel and bridge
-// ----------------------------------------------------------------------------
-
-// Keeps the panel lit for as long as it lives, and closes it only where it has opened it itself.
-class LitPanel {
- public:
-  LitPanel() : opened_here_(display_on == 0) {
-    if (opened_here_) {
-      ftm_open_lcd();
-      display_on = 1;
-    }
-  }
-  ~LitPanel() {
-    if (opened_here_) {
-      ftm_close_lcd();
-      display_on = 0;
-    }
-  }
-  LitPanel(const LitPanel&) = delete;
-  LitPanel& operator=(const LitPanel&) = delete;
-
- private:
-  const bool opened_here_;
-};
-
-// The hexadecimal number behind the node's first colon, or 0.
-static uint64_t read_panel_number() {
-  const LitPanel panel;
-  char text[129] = {};
-  if (file_read_string(kPanelNumberNode, text, sizeof(text) - 1) < 1) {
-    return 0;
-  }
-  const char* colon = strchr(text, ':');
-  return colon == nullptr ? 0 : strtoull(colon + 1, nullptr, 16);
-}
-
-static unsigned long bits(uint64_t number, int first, int count) {
-  return static_cast<unsigned long>(number >> first & ((1U << count) - 1));
-}
-
-int at_get_lcd_sn_check(const char*) {
-  const uint64_t number = read_panel_number();
-  FTM_LOGD(TAG "%s, 0x%lx\n", __func__, static_cast<unsigned long>(number));
-  if (number == 0) {
-    at_send_result("ERROR\n");
-    FTM_LOGE(TAG "not find panel sn\n");
-    return 0;
-  }
-  constexpr unsigned long kFirstYear = 2011;
-  char time[32];
-  bounded_format(time, sizeof(time), "%04lu%02lu%02lu%02lu%02lu%02lu",
-                 bits(number, 56, 4) + kFirstYear, bits(number, 48, 4), bits(number, 40, 5),
-                 bits(number, 32, 5), bits(number, 24, 6), bits(number, 16, 6));
-  at_send_result("OK\r\n");
-  at_send_result(" LCD SN CHECK:");
-  at_send_result(time);
-  return 0;
-}
-
-int at_iris_recovery_mode_check(const char*) {
-  const LitPanel panel;  // closed after the reply, where it was opened here
-  char text[4 + 1] = {};
-  file_read_string(kIrisNode, text, sizeof(text) - 1);
-  at_send_result(text_to_int(text) != 0 ? "ERROR\n" : "OK\r\n");
+  run_shell("rm -rf %s", kFolder);
   return 0;
 }

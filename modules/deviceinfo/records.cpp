@@ -1,6 +1,5 @@
 // Records that the factory line leaves on the reserve partition: the main board's (PCBA) number and
-// the marks of the software download. Nothing is written here. And the fast-charge controller's
-// firmware check.
+// the marks of the software download. Nothing is written here.
 
 #include <fcntl.h>
 #include <stdint.h>
@@ -12,7 +11,6 @@
 
 #include "core/at.h"
 #include "core/bounded.h"
-#include "core/file_utils.h"
 #include "core/log.h"
 #include "core/properties.h"
 #include "core/unique.h"
@@ -22,7 +20,6 @@ static const char kNorvaReserve[] = "/dev/block/bootdevice/by-name/norvareserve1
 static const char kTarnReserve[] = "/dev/block/bootdevice/by-name/tarnreserve1";
 static const char kReserve4[] = "/dev/block/bootdevice/by-name/reserve4";
 static const char kPcbaItemFile[] = "/data/tarnnvitems/6855";
-static const char kZephFwCheck[] = "/proc/zeph_fw_check";
 
 // Where a record lies: from the start of the integrated reserve partition, or before the end of the
 // older layout's. Offsets in bytes, from the record format.
@@ -195,17 +192,5 @@ int at_download_status_get(const char*) {
   } else {
     at_send_result(" DOWNLOAD:NULL\n");
   }
-  return 0;
-}
-
-int at_get_zeph_fw_check(const char*) {
-  char text[129] = {};
-  file_read_string(kZephFwCheck, text, sizeof(text) - 1);
-  FTM_LOGD(TAG "%s\n", __func__);
-  char value[32];
-  bounded_format(value, sizeof(value), "%d", text_to_int(text));
-  at_send_result("OK\r\n");
-  at_send_result(" ZEPH FW CHECK:");
-  at_send_result(value);
   return 0;
 }

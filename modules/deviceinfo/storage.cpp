@@ -1,9 +1,8 @@
-// Storage, memory and CPU: sizes and states from /proc, one node and the memory card's file system.
+// Storage: sizes and states from /proc and the memory card's file system.
 
 #include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -13,66 +12,14 @@
 
 #include "core/at.h"
 #include "core/bounded.h"
-#include "core/file_utils.h"
 #include "core/log.h"
 #include "core/unique.h"
 #include "modules/deviceinfo/deviceinfo.h"
+#include "modules/deviceinfo/lines.h"
 
 static const char kPartitions[] = "/proc/partitions";
 static const char kUfsplusStatus[] = "/proc/devinfo/ufsplus_status";
-static const char kMeminfo[] = "/proc/meminfo";
-static const char kCpuMaxFrequency[] = "/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq";
 static const char kMemoryCard[] = "/mnt/sdcard";
-
-// A text file read line by line, each of any length.
-class Lines {
- public:
-  explicit Lines(FILE* file) : file_(file) {}
-  ~Lines() {
-    free(line_);
-  }
-  Lines(const Lines&) = delete;
-  Lines& operator=(const Lines&) = delete;
-
-  // The next line with its line end, or null.
-  const char* next() {
-    return getline(&line_, &size_, file_) < 0 ? nullptr : line_;
-  }
-
- private:
-  FILE* file_;
-  char* line_ = nullptr;
-  size_t size_ = 0;
-};
-
-// Compares over the shorter of the two, as the readers of these files always did.
-static bool begins_with(const char* line, const char* key) {
-  return strncmp(line, key, std::min(strlen(line), strlen(key))) == 0;
-}
-
-// The number behind the key, as far as the line holds both.
-static bool scan_number(const char* line, const char* key, long* number) {
-  if (strncmp(line, key, strlen(key)) != 0) {
-    return false;
-  }
-  char* end = nullptr;
-  const long value = strtol(line + strlen(key), &end, 10);
-  if (end == line + strlen(key)) {
-    return false;
-  }
-  *number = value;
-  return true;
-}
-
-// The value replies of this file: "OK\r\n", a label, a number without a line end.
-static void send_value(const char* label, const char* value) {
-  at_send_result("OK\r\n");
-  at_send_result(label);
-  at_send_result(value);
-}
-
-// ---- Storage
-// -------------------------------------------------------------------------------------
 
 // Whole storage units, not their partitions.
 static bool is_storage_unit(const char* name) {
@@ -108,9 +55,7 @@ static int64_t get_emmc_size() {
 int at_get_emmc_size(const char*) {
   const int64_t size = get_emmc_size();
   FTM_LOGD(TAG "%s\n", __func__);
-  char value[32];
-  bounded_format(value, sizeof(value), "%ld", static_cast<long>(size));
-  send_value(" EMMCSIZE:", value);
+  send_number(" EMMCSIZE:", size);
   return 0;
 }
 
@@ -205,44 +150,5 @@ int at_test_sdcard(const char*) {
                  static_cast<double>(total) * kGibPerMib, static_cast<double>(free) * kGibPerMib);
   at_send_result("OK\r\n");
   at_send_result(text);
-  return 0;
-}
-
-// ---- Memory and CPU
-// ------------------------------------------------------------------------------
-
-// kB. A missing file counts as 1, on purpose: 0 is for a file without the line.
-static int64_t get_mem_size() {
-  const UniqueFile file(fopen(kMeminfo, "r"));
-  if (file == nullptr) {
-    return 1;
-  }
-  long size = 0;
-  Lines lines(file.get());
-  while (const char* line = lines.next()) {
-    if (begins_with(line, "MemTotal:")) {
-      scan_number(line, "MemTotal:", &size);
-      break;
-    }
-  }
-  return size;
-}
-
-int at_get_mem_size(const char*) {
-  const int64_t size = get_mem_size();
-  FTM_LOGD(TAG "%s\n", __func__);
-  char value[32];
-  bounded_format(value, sizeof(value), "%ld", static_cast<long>(size));
-  send_value(" MEMSIZE:", value);
-  return 0;
-}
-
-int at_get_cpu_freq(const char*) {
-  char text[129] = {};
-  file_read_string(kCpuMaxFrequency, text, sizeof(text) - 1);
-  FTM_LOGD(TAG "%s\n", __func__);
-  char value[32];
-  bounded_format(value, sizeof(value), "%d", text_to_int(text));
-  send_value(" CPUINFO:", value);
   return 0;
 }

@@ -27,7 +27,7 @@ int at_enable_engineermode_adb(const char*) {
   }
   if (lseek(fd.get(), record_offset(kEngineerAdbRecord), SEEK_SET) < 0) {
     FTM_LOGE(TAG "lseek to reserve error  \n");
-    return 0;  // without a reply, on purpose: the station counts on the time-out
+    return 0;  // without a reply, on purpose
   }
   if (write(fd.get(), kAdbMark, strlen(kAdbMark)) < 1) {
     FTM_LOGE(TAG "fail to write file %s\n", partition);

@@ -114,7 +114,7 @@ int at_reset_product_info(const char*) {
   if (is_secrecy_locked()) {
     return 0;
   }
-  // The log texts are those of reading, on purpose: log readers know the reset by them.
+  // The log texts are those of reading: they are kept as they stand.
   if (write_product_info({}) < 1) {
     FTM_LOGE(TAG "read product info fail\n");
     at_send_result("ERROR\n");

@@ -33,7 +33,7 @@ int readInterface(const char* path, uint32_t offset, void* destination, size_t l
     return -1;
   }
   if (lseek(fd.get(), offset, SEEK_SET) < 0) {
-    // Called a failed read on purpose, unlike in writeInterface: log readers know it so.
+    // Called a failed read, unlike in writeInterface: the text is kept as it stands.
     FTM_LOGD("read failed! size:%d", -1);
     return -1;
   }

@@ -29,7 +29,7 @@ int read_secrecy_text(const char* caller, char* text) {
     return 0;
   }
   const int in_file = readInterface(secrecy_file(), 0, text, kSecrecyTextSize);
-  // It says "reserve" for the file, on purpose: log readers look for this wording.
+  // It says "reserve" for the file: the text is kept as it stands.
   FTM_LOGE("%s config from reserve", caller);
   return in_file;
 }

@@ -105,7 +105,7 @@ static void unlock_text(std::string_view text, UnlockedText* unlocked) {
 static void write_secrecy_file(const char* caller, const UnlockedText& text) {
   const char* path = secrecy_file();
   const UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC, 0664));
-  // Two blanks behind the name, on purpose: log readers look for them.
+  // Two blanks behind the name: the text is kept as it stands.
   if (!fd.ok()) {
     FTM_LOGE("%s  open %s failed! err:%s", caller, path, strerror(errno));
     return;

@@ -10,7 +10,7 @@
 #include "core/at.h"
 #include "core/file_utils.h"
 #include "core/log.h"
-#include "display/lcd.h"
+#include "display/panel.h"
 
 #define TAG "[FTM-LIGHTS]"
 
@@ -43,9 +43,7 @@ static void write_leds(uint32_t value) {
 }
 
 static int get_backlight_max_level() {
-  char text[6] = {};
-  file_read_string(kBacklightMaximum, text, sizeof(text) - 1);
-  const int maximum = text_to_int(text);
+  const int maximum = node_number(kBacklightMaximum, 5);
   if (maximum < 1 || maximum > kLargestMaximum) {
     FTM_LOGE(TAG "%s , Max backlight:[%d] is out of range, set to default:[%d]\n", __func__,
              maximum, kDefaultMaximum);
@@ -57,18 +55,6 @@ static int get_backlight_max_level() {
 static void lcd_set_backlight(int level, int maximum) {
   FTM_LOGE(TAG "%s ,FMT Backlight is %d bl_max_value is %d\n", __func__, level, maximum);
   file_write_int(kBacklight, static_cast<uint32_t>(level));
-}
-
-static void open_panel() {
-  ftm_open_lcd();
-  display_on = 1;
-}
-
-static void close_panel_if_open() {
-  if (display_on != 0) {
-    ftm_close_lcd();
-    display_on = 0;
-  }
 }
 
 static void write_key_backlight(uint32_t value) {
@@ -107,9 +93,7 @@ static int at_rgb_lights_ctrl(const char*) {
 
 static int at_lcd_backlight_on(const char*) {
   FTM_LOGD(TAG "%s\n", __func__);
-  if (display_on != 1) {
-    open_panel();
-  }
+  open_panel_if_closed();
   const int level = get_backlight_max_level() * 127 / 255;
   const int maximum = get_backlight_max_level();
   lcd_set_backlight(std::min(level, maximum), maximum);
@@ -120,9 +104,7 @@ static int at_lcd_backlight_on(const char*) {
 
 static int at_lcd_backlight_off(const char*) {
   FTM_LOGD(TAG "%s\n", __func__);
-  if (display_on != 1) {
-    open_panel();
-  }
+  open_panel_if_closed();
   lcd_set_backlight(0, get_backlight_max_level());
   close_panel_if_open();
   usleep(kOffSettleUs);
@@ -172,7 +154,7 @@ static void read_key_backlight_state() {
 static void at_breathing_init() {
   FTM_LOGD(TAG "%s start\n", __func__);
   at_register_rows(rows);
-  open_panel();
+  open_panel_if_closed();
   file_write_int(kEsdStatus, 0);
   usleep(kSettleUs);
   // Off twice, on purpose.

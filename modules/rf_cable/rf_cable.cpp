@@ -35,11 +35,9 @@ static void log_antennas(const char* handler, const char* value, int project) {
 static int at_test_rf_cable(const char*) {
   char property[PROP_VALUE_MAX] = {};
   property_get(kProjectProperty, property, "");
-  const int project = text_to_int(property);
+  const int project = parse_int(property);
 
-  char text[128 + 1] = {};
-  file_read_string(kCableNode, text, sizeof(text) - 1);
-  const int cable = text_to_int(text);  // a node that gives nothing leaves the text empty: 0
+  const int cable = node_number(kCableNode);
   FTM_LOGD(TAG "%s cable=%d\n", __func__, cable);
 
   char value[16];

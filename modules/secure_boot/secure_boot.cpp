@@ -61,7 +61,7 @@ static int read_stage(const char* caller, const char* path, size_t size, int* st
     FTM_LOGE(TAG "%s: failed to read %s\n", caller, path);
     return -1;
   }
-  *stage = text_to_int(text.get());
+  *stage = parse_int(text.get());
   return 0;
 }
 

@@ -10,7 +10,8 @@
 #include "core/file_utils.h"
 #include "core/log.h"
 #include "core/unique.h"
-#include "display/lcd.h"
+#include "display/panel.h"
+#include "modules/sleep/sleep_info.h"
 #include "power/autosuspend.h"
 
 #define TAG "[FTM-POWER]"
@@ -58,16 +59,13 @@ static void clear_register() {
 }
 
 static int at_sleep_enable(const char*) {
-  if (display_on != 0) {
-    ftm_close_lcd();
-    display_on = 0;
-  }
+  close_panel_if_open();
   usleep(kPanelSettleUs);
   clear_register();
   power_set_can_sleep();
   // Before anything else: the line goes quiet when the phone sleeps.
   at_send_result("OK\r\n");
-  autosuspend_enable();
+  autosuspend_enable(ftm_before_sleep_info_save, ftm_sleep_fail_info_save_func);
   return 0;
 }
 

@@ -2,6 +2,8 @@
 // and again when the phone is awake after its alarm. Called by the suspend engine's front; every
 // failure is logged and skipped.
 
+#include "modules/sleep/sleep_info.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -83,7 +85,7 @@ static void make_directory(const Snapshot& snapshot, const char* function) {
                         "Log Directory created successfully, path is %s \n", directory);
     [[maybe_unused]] const int owned = chown(directory, kRoot, kSystem);
     if (chmod(directory, kDirectoryMode) != 0 && snapshot.chmod_logged) {
-      FTM_LOGE(TAG "%s chomd_erro\n", function);  // spelled so for the log readers
+      FTM_LOGE(TAG "%s chomd_erro\n", function);  // spelled so: kept as it stands
     }
     return;
   }

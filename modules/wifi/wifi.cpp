@@ -121,7 +121,7 @@ static void rmmod(const char* name) {
 
 static int at_close_wifi(const char*) {
   FTM_LOGD(TAG "%s\n", __func__);
-  // Acknowledged before unloading, on purpose: that can take seconds, and STOP marks its end.
+  // Acknowledged before unloading, on purpose.
   at_send_result("OK\r\n");
   rmmod("wlan");
   rmmod("cfg80211");
@@ -131,7 +131,7 @@ static int at_close_wifi(const char*) {
 
 static int at_check_wifi(const char*) {
   FTM_LOGD(TAG "%s\n", __func__);
-  // The sense is inverted on purpose: the station takes a calibration file that is there as ERROR.
+  // The sense is inverted on purpose: a calibration file that is there is an ERROR.
   at_send_result(access(kCalibrationFile, F_OK) == 0 ? "ERROR\n" : "OK\r\n");
   return 0;
 }

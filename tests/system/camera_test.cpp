@@ -215,7 +215,6 @@ TEST(Flash, AnswersOkAndPausesAfterSwitchingOn) {
 }
 
 // ---- QR codes
-// ------------------------------------------------------------------------------------
 
 static std::string qr_file(const std::string& sensor) {
   return "/mnt/vendor/persist/camera/" + sensor + "_qrcode_start_OTP.txt";

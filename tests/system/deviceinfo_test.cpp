@@ -37,7 +37,6 @@ static void expect_node_cases(const std::string& node, const std::string& comman
 }
 
 // ---- Identity
-// ------------------------------------------------------------------------------------
 
 TEST(Identity, ReportsTheBuildLineByLine) {
   Handset phone;
@@ -173,7 +172,6 @@ TEST(Identity, TakesTheBridgesRecoveryModeForAnError) {
 }
 
 // ---- Storage, memory, CPU
-// ------------------------------------------------------------------------
 
 TEST(Storage, AddsUpWholeUnitsOnly) {
   const std::string header = "major minor  #blocks  name\n\n";
@@ -244,7 +242,6 @@ TEST(Storage, MeasuresTheMemoryCard) {
 }
 
 // ---- Records
-// -------------------------------------------------------------------------------------
 
 static Replies pcba(const std::string& number) {
   return {"OK\r\n", " PCBA:", number};

@@ -6,19 +6,12 @@
 #include <string>
 
 #include "core/at.h"
-#include "power/autosuspend.h"
 #include "power/autosuspend_ops.h"
 
 #define TAG "[FTM-PROBE]"
 
 static const AutosuspendOps* ops() {
   return autosuspend_wakeup_count_init();
-}
-
-// The front is linked with the engine, but not called here.
-void ftm_before_sleep_info_save() {}
-void* ftm_sleep_fail_info_save_func(void*) {
-  return nullptr;
 }
 
 static int reply(int result) {

@@ -7,8 +7,10 @@
 
 #define TAG "[FTM-LCD]"
 
+static constexpr useconds_t kAnswerDelayUs = 100 * 1000;
+
 static int at_lcd_display(const char*) {
-  usleep(100000);
+  usleep(kAnswerDelayUs);
   at_send_result("OK\r\n");
   return 0;
 }
