@@ -18,7 +18,6 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include <set>
 #include <stdexcept>
 #include <thread>
 
@@ -77,7 +76,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   clock.on_skip = [this](std::chrono::nanoseconds time) { return sensors.skip(time); };
 
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
-  supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
+  supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return devices_.ioctl(call); });
   supervisor_.handle(SYS_statfs, [this](const TrappedCall& call) { return on_statfs(call); });
   for (const int call : kFaultCalls) {
     supervisor_.handle(call, [this](const TrappedCall& call) {
@@ -183,7 +182,7 @@ std::vector<std::string> Handset::program_calls() const {
 }
 
 void Handset::add_device(const std::string& phone_path, Device* device) {
-  devices_[phone_path] = device;
+  devices_.add(phone_path, device);
   write_file(phone_path, "");  // for those who list the folder or look the file up
 }
 
@@ -202,7 +201,7 @@ bool Handset::press_key(const std::string& name) {
 }
 
 void Handset::remove_device(const std::string& phone_path) {
-  devices_.erase(phone_path);
+  devices_.remove(phone_path);
   fs::remove(path(phone_path));
 }
 
@@ -269,6 +268,7 @@ void Handset::start(const StartOptions& options) {
     throw system_error("cannot start the stage");
   }
   status_.reset();
+  devices_.set_daemon(pid_);
   serial.note_running(true);
   const int reads_before = serial.reads();
   try {
@@ -331,10 +331,7 @@ void Handset::stop() {
   supervisor_.wait_ended();
   nodes.wait_unmounted();
   serial.note_running(false);
-  {
-    const std::lock_guard lock(devices_mutex_);
-    opened_.clear();
-  }
+  devices_.close_all();
   pid_ = 0;
 }
 
@@ -349,6 +346,10 @@ std::optional<int> Handset::wait_exit(std::chrono::seconds limit) {
     }
   }
   return status_;
+}
+
+size_t Handset::open_devices(const std::string& kind) {
+  return devices_.count_open(kind);
 }
 
 size_t Handset::open_descriptors() const {
@@ -425,66 +426,13 @@ Answer Handset::on_openat(const TrappedCall& call) {
   if (const int error = fault(opened, SYS_openat); error != 0) {
     return Answer::fault(error);
   }
-  const auto device = devices_.find(opened);
-  if (device == devices_.end()) {
-    return Answer::kernel();
-  }
-  const std::lock_guard lock(devices_mutex_);
-  close_devices_unheld();
-  OpenedDevice answer = device->second->open(call, static_cast<int>(call.arguments[2]));
-  if (answer.fd < 0) {
-    return Answer::result(answer.fd);
-  }
-  const std::string link = "/proc/self/fd/" + std::to_string(answer.fd);
-  char name[4096] = {};
-  if (readlink(link.c_str(), name, sizeof(name) - 1) > 0 && answer.file != nullptr) {
-    opened_[name] = std::move(answer.file);
-    injecting_ = name;
-  }
-  return Answer::descriptor(answer.fd);
-}
-
-// A close is no trapped call: what the daemon no longer holds has been closed.
-void Handset::close_devices_unheld() {
-  std::set<std::string> held;
-  std::error_code ended;
-  for (fs::directory_iterator entry("/proc/" + std::to_string(pid_) + "/fd", ended), none;
-       !ended && entry != none; entry.increment(ended)) {
-    std::error_code closed;
-    held.insert(fs::read_symlink(entry->path(), closed).string());
-  }
-  // The latest may be on its way to the daemon still.
-  std::erase_if(opened_, [&](const auto& opened) {
-    return held.count(opened.first) == 0 && opened.first != injecting_;
-  });
-}
-
-size_t Handset::open_devices(const std::string& kind) {
-  const std::lock_guard lock(devices_mutex_);
-  close_devices_unheld();
-  return static_cast<size_t>(std::count_if(opened_.begin(), opened_.end(), [&](const auto& opened) {
-    return opened.first.find(kind) != std::string::npos;
-  }));
-}
-
-Answer Handset::on_ioctl(const TrappedCall& call) {
-  const std::lock_guard lock(devices_mutex_);
-  injecting_.clear();
-  const auto file = opened_.empty() ? opened_.end() : opened_.find(call.link(call.descriptor()));
-  if (file == opened_.end()) {
-    return Answer::kernel();
-  }
-  return Answer::result(
-      file->second->ioctl(call, static_cast<uint32_t>(call.arguments[1]), call.arguments[2]));
+  return devices_.open(call, opened);
 }
 
 Answer Handset::on_read(const TrappedCall& call) {
   const std::string file = call.link(call.descriptor());
   if (file == kSerialTty && call.arguments[2] == kSerialReadSize) {
-    {
-      const std::lock_guard lock(devices_mutex_);
-      injecting_.clear();
-    }
+    devices_.note_arrived();
     serial.note_read();
   }
   return Answer::fault(fault(file, SYS_read));

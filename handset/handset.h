@@ -14,13 +14,12 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "handset/links/device.h"
+#include "handset/links/device_table.h"
 #include "handset/links/nodes.h"
 #include "handset/links/serial_line.h"
 #include "handset/models/cameras.h"
@@ -145,25 +144,20 @@ class Handset {
  private:
   void lay_root();
   void receive_stage(int socket);
-  void close_devices_unheld();
   int fault(const std::string& file, int call) const;
   Answer on_statfs(const TrappedCall& call);
   Answer on_clone3(const TrappedCall& call);
   Answer on_openat(const TrappedCall& call);
-  Answer on_ioctl(const TrappedCall& call);
   Answer on_read(const TrappedCall& call);
   Answer on_write(const TrappedCall& call);
 
   std::filesystem::path daemon_;
   std::filesystem::path base_;  // holds the root and the logs; removed at the end
-  std::map<std::string, Device*> devices_;
+  DeviceTable devices_;
   mutable std::mutex card_mutex_;
   std::optional<MemoryCard> card_;
   mutable std::mutex faults_mutex_;
   std::map<std::pair<std::string, int>, int> faults_;  // path and call to errno
-  mutable std::mutex devices_mutex_;
-  std::map<std::string, std::unique_ptr<DeviceFile>> opened_;  // by what /proc/PID/fd/N names
-  std::string injecting_;  // the name of the one that the daemon is being given
   pid_t pid_ = 0;
   std::optional<int> status_;
   Supervisor supervisor_;
