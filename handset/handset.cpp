@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/input-event-codes.h>
-#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -79,11 +78,10 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return devices_.ioctl(call); });
   supervisor_.handle(SYS_statfs, [this](const TrappedCall& call) { return on_statfs(call); });
   for (const int call : kFaultCalls) {
-    supervisor_.handle(call, [this](const TrappedCall& call) {
-      return Answer::fault(fault(call.link(call.descriptor()), call.number));
-    });
+    supervisor_.handle(call,
+                       [this](const TrappedCall& call) { return faults_.descriptor_call(call); });
   }
-  supervisor_.handle(SYS_clone3, [this](const TrappedCall& call) { return on_clone3(call); });
+  supervisor_.handle(SYS_clone3, [this](const TrappedCall& call) { return faults_.clone3(call); });
   supervisor_.handle(SYS_read, [this](const TrappedCall& call) { return on_read(call); });
   supervisor_.handle(SYS_write, [this](const TrappedCall& call) { return on_write(call); });
   supervisor_.handle(SYS_clock_nanosleep,
@@ -369,18 +367,7 @@ std::vector<std::string> Handset::command(std::string_view line, std::chrono::se
 }
 
 void Handset::fail(const std::string& phone_path, int call, int error) {
-  const std::lock_guard lock(faults_mutex_);
-  if (error == 0) {
-    faults_.erase({phone_path, call});
-  } else {
-    faults_[{phone_path, call}] = error;
-  }
-}
-
-int Handset::fault(const std::string& file, int call) const {
-  const std::lock_guard lock(faults_mutex_);
-  const auto found = faults_.find({file, call});
-  return found == faults_.end() ? 0 : found->second;
+  faults_.fail(phone_path, call, error);
 }
 
 void Handset::insert_card(const std::optional<MemoryCard>& card) {
@@ -406,12 +393,6 @@ Answer Handset::on_statfs(const TrappedCall& call) {
   return Answer::result(call.write(call.arguments[1], &status, sizeof(status)) ? 0 : -EFAULT);
 }
 
-Answer Handset::on_clone3(const TrappedCall& call) {
-  uint64_t flags = 0;  // the first field of the caller's record
-  call.read(call.arguments[0], &flags, sizeof(flags));
-  return Answer::fault(fault((flags & CLONE_THREAD) != 0 ? "thread" : "process", SYS_clone3));
-}
-
 Answer Handset::on_openat(const TrappedCall& call) {
   std::string opened = call.text(call.arguments[1]);
   if (opened.empty()) {
@@ -423,8 +404,8 @@ Answer Handset::on_openat(const TrappedCall& call) {
     opened = folder + "/" + opened;
   }
   opened = fs::path(opened).lexically_normal().string();
-  if (const int error = fault(opened, SYS_openat); error != 0) {
-    return Answer::fault(error);
+  if (const int error = faults_.error(opened, SYS_openat); error != 0) {
+    return Answer::fail(error);
   }
   return devices_.open(call, opened);
 }
@@ -435,13 +416,13 @@ Answer Handset::on_read(const TrappedCall& call) {
     devices_.note_arrived();
     serial.note_read();
   }
-  return Answer::fault(fault(file, SYS_read));
+  return Answer::fail(faults_.error(file, SYS_read));
 }
 
 Answer Handset::on_write(const TrappedCall& call) {
   const std::string file = call.link(call.descriptor());
   if (file != kSerialTty) {
-    return Answer::fault(fault(file, SYS_write));
+    return Answer::fail(faults_.error(file, SYS_write));
   }
   std::string text(call.arguments[2], '\0');
   if (!call.read(call.arguments[1], text.data(), text.size())) {

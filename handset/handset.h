@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "handset/links/device_table.h"
+#include "handset/links/faults.h"
 #include "handset/links/nodes.h"
 #include "handset/links/serial_line.h"
 #include "handset/models/cameras.h"
@@ -144,9 +145,7 @@ class Handset {
  private:
   void lay_root();
   void receive_stage(int socket);
-  int fault(const std::string& file, int call) const;
   Answer on_statfs(const TrappedCall& call);
-  Answer on_clone3(const TrappedCall& call);
   Answer on_openat(const TrappedCall& call);
   Answer on_read(const TrappedCall& call);
   Answer on_write(const TrappedCall& call);
@@ -156,8 +155,7 @@ class Handset {
   DeviceTable devices_;
   mutable std::mutex card_mutex_;
   std::optional<MemoryCard> card_;
-  mutable std::mutex faults_mutex_;
-  std::map<std::pair<std::string, int>, int> faults_;  // path and call to errno
+  Faults faults_;
   pid_t pid_ = 0;
   std::optional<int> status_;
   Supervisor supervisor_;

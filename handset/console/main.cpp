@@ -62,16 +62,16 @@ static void remove_node(const Words& words) {
   phone->nodes.remove(words[1]);
 }
 
-static void refuse_node(const Words& words) {
+static void fail_node(const Words& words) {
   const std::string what = words.size() > 2 ? words[2] : "write";
   using Operation = Nodes::Operation;
   const std::vector<std::pair<std::string, Operation>> operations = {
       {"open", Operation::kOpen}, {"read", Operation::kRead}, {"write", Operation::kWrite}};
   for (const auto& [name, operation] : operations) {
     if (what == name) {
-      phone->nodes.refuse(words[1], operation, EIO);
+      phone->nodes.fail(words[1], operation, EIO);
     } else if (what == "nothing") {
-      phone->nodes.refuse(words[1], operation, 0);
+      phone->nodes.fail(words[1], operation, 0);
     }
   }
 }
@@ -90,7 +90,7 @@ static void show_waits(const Words&) {
 
 static void show_modules(const Words& words) {
   if (words.size() > 2) {
-    phone->modules.keep_busy(words[1], atoi(words[2].c_str()));
+    phone->modules.fail(words[1], EAGAIN, atoi(words[2].c_str()));
     return;
   }
   for (const KernelModules::Call& call : phone->modules.calls()) {
@@ -288,7 +288,7 @@ static const DotCommand kDotCommands[] = {
     {".help", "", "this list", 1, help},
     {".node", "PATH [VALUE]", "show a kernel node, or set it (a line feed is added)", 2, show_node},
     {".remove", "PATH", "take a node away", 2, remove_node},
-    {".refuse", "PATH [open|read|write|nothing]", "make a node fail with EIO", 2, refuse_node},
+    {".refuse", "PATH [open|read|write|nothing]", "make a node fail with EIO", 2, fail_node},
     {".writes", "", "node writes since the last look, in order", 1, show_writes},
     {".waits", "", "the daemon's waits since the last look", 1, show_waits},
     {".modules", "[NAME TIMES]", "kernel module calls; or keep a module busy for TIMES unloads", 1,

@@ -50,7 +50,7 @@ struct Answer {
     return {Kind::kResult, value, {}};
   }
   // The call fails with error, or is the kernel's when error is 0.
-  static Answer fault(int error) {
+  static Answer fail(int error) {
     return error == 0 ? kernel() : result(-error);
   }
   // The call returns after a delay.

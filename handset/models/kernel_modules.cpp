@@ -23,9 +23,9 @@ bool KernelModules::loaded(const std::string& name) const {
   return loaded_.count(name) != 0;
 }
 
-void KernelModules::keep_busy(const std::string& name, int times) {
+void KernelModules::fail(const std::string& name, int error, int times) {
   const std::lock_guard lock(mutex_);
-  busy_[name] = times;
+  failures_[name] = {.error = error, .times = times};
 }
 
 std::vector<KernelModules::Call> KernelModules::calls() const {
@@ -77,9 +77,10 @@ Answer KernelModules::delete_module(const TrappedCall& call) {
   if (loaded_.count(name) == 0) {
     return Answer::result(-ENOENT);
   }
-  if (busy_[name] > 0) {
-    --busy_[name];
-    return Answer::result(-EAGAIN);
+  if (const auto failure = failures_.find(name);
+      failure != failures_.end() && failure->second.times > 0) {
+    --failure->second.times;
+    return Answer::result(-failure->second.error);
   }
   loaded_.erase(name);
   return Answer::result(0);

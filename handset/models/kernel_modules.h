@@ -26,8 +26,8 @@ class KernelModules {
   void set_loaded(const std::string& name, bool loaded);
   bool loaded(const std::string& name) const;
 
-  // The next unloads of the module answer EAGAIN, this many times.
-  void keep_busy(const std::string& name, int times);
+  // The next unloads of the module fail with an errno, this many times.
+  void fail(const std::string& name, int error, int times);
 
   // The calls so far, in order.
   std::vector<Call> calls() const;
@@ -37,11 +37,16 @@ class KernelModules {
   Answer delete_module(const TrappedCall& call);
 
  private:
+  struct Failure {
+    int error;
+    int times;
+  };
+
   Answer load(const std::string& image, const std::string& parameters);
 
   mutable std::mutex mutex_;
   std::set<std::string> loaded_;
-  std::map<std::string, int> busy_;
+  std::map<std::string, Failure> failures_;
   std::vector<Call> calls_;
 };
 

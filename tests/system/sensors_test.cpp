@@ -142,7 +142,7 @@ TEST(Sensors, LightIsChosenByTheCalibrationNode) {
     phone.nodes.set(node, text);
     expect_exchange(phone, {"AT+LIGHT", replies, {}, {800}});
   }
-  phone.nodes.refuse(node, Nodes::Operation::kRead, EIO);
+  phone.nodes.fail(node, Nodes::Operation::kRead, EIO);
   expect_exchange(
       phone, {"AT+LIGHT", ambient, {}, {800}, {"als_type_buffer =\n", "[AT_SENSOR]als_type =0\n"}});
   phone.nodes.remove(node);
