@@ -10,7 +10,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,7 +21,7 @@
 
 #include "handset/links/stage.h"
 #include "handset/models/partitions.h"
-#include "handset/profile.h"
+#include "handset/root.h"
 
 namespace handset {
 
@@ -43,7 +42,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
     throw system_error("cannot make a folder for the phone");
   }
   base_ = base;
-  lay_root();
+  lay_root(base_ / "root");
   lay_profile(FTM_PROFILE, base_ / "root", &nodes);
   if (!options.profile.empty()) {
     lay_profile(options.profile, base_ / "root", &nodes);
@@ -53,7 +52,6 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   make_partition(path("/dev/block/by-name/norvareserve1"));
   put_pcba_record(path("/dev/block/by-name/norvareserve1"), "NV2401170042");
   put_download_marks(path("/dev/block/by-name/norvareserve1"), "download start", "download over");
-  insert_card(MemoryCard{.block_size = 32768, .blocks = 1941504, .free_blocks = 1931264});
   modules.set_loaded("cfg80211", true);
   add_device("/dev/dri/card0", &display);
   add_device("/dev/media0", &cameras.video);
@@ -99,35 +97,6 @@ Handset::~Handset() {
   stop();
   std::error_code ignored;
   fs::remove_all(base_, ignored);
-}
-
-// What every phone has, whatever its profile says.
-void Handset::lay_root() {
-  const fs::path root = base_ / "root";
-  for (const char* folder :
-       {"dev/block/bootdevice/by-name", ".nodes", ".proc", "sys", "proc", "usr",
-        "dev/__properties__", "dev/socket", "tmp", "odm/etc", "odm/bin", "persist/ftm_admin",
-        "vendor/bin", "system", "mnt/vendor/norvareserve/ftm_admin", "data", "cache", "persist",
-        "d"}) {
-    fs::create_directories(root / folder);
-  }
-  for (const char* folder : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
-    const fs::path on_host = fs::path("/") / folder;
-    if (fs::is_symlink(on_host)) {
-      fs::copy_symlink(on_host, root / folder);
-    } else if (fs::is_directory(on_host)) {
-      fs::create_directory(root / folder);
-    }
-  }
-  // The unit that shows the phone's storage to be UFS.
-  std::ofstream(root / "dev/block/sda").flush();
-  // Both names of the partitions' folder lead to the same images.
-  fs::create_symlink("bootdevice/by-name", root / "dev/block/by-name");
-  // Places for binds.
-  for (const char* file :
-       {"dev/null", "dev/zero", "dev/full", "dev/urandom", "dev/ttyMSM0", "odm/bin/ftmd"}) {
-    std::ofstream(root / file).flush();
-  }
 }
 
 fs::path Handset::path(const std::string& phone_path) const {
@@ -370,26 +339,14 @@ void Handset::fail(const std::string& phone_path, int call, int error) {
   faults_.fail(phone_path, call, error);
 }
 
-void Handset::insert_card(const std::optional<MemoryCard>& card) {
-  const std::lock_guard lock(card_mutex_);
-  card_ = card;
-}
-
 Answer Handset::on_statfs(const TrappedCall& call) {
   if (call.text(call.arguments[0]) != kMemoryCard) {
     return Answer::kernel();
   }
-  const std::lock_guard lock(card_mutex_);
-  if (!card_.has_value()) {
-    return Answer::result(-ENOENT);
+  struct statfs status;
+  if (const int error = card.status(&status); error != 0) {
+    return Answer::result(error);
   }
-  struct statfs status = {};
-  status.f_type = 0x4d44;  // FAT
-  status.f_bsize = static_cast<int64_t>(card_->block_size);
-  status.f_blocks = card_->blocks;
-  status.f_bfree = card_->free_blocks;
-  status.f_bavail = card_->free_blocks;
-  status.f_namelen = 255;
   return Answer::result(call.write(call.arguments[1], &status, sizeof(status)) ? 0 : -EFAULT);
 }
 

@@ -28,6 +28,7 @@
 #include "handset/models/display_card.h"
 #include "handset/models/input_device.h"
 #include "handset/models/kernel_modules.h"
+#include "handset/models/memory_card.h"
 #include "handset/models/power_interfaces.h"
 #include "handset/models/sensor_hub.h"
 #include "handset/models/sound_card.h"
@@ -110,14 +111,6 @@ class Handset {
   // The calls of the phone's stand-in programs, one line each: name and arguments.
   std::vector<std::string> program_calls() const;
 
-  // The memory card at /mnt/sdcard, or none.
-  struct MemoryCard {
-    uint64_t block_size;  // bytes
-    uint64_t blocks;
-    uint64_t free_blocks;  // those kept for the super-user included
-  };
-  void insert_card(const std::optional<MemoryCard>& card);
-
   // Presses one of the phone's keys, named "power", "volup" or "voldown"; false for other names. A
   // press that nobody listens to waits for the next who does.
   bool press_key(const std::string& name);
@@ -139,11 +132,11 @@ class Handset {
                       InputDevice::kAbsolute};  // /dev/input/event2
   DrmDevice display{DrmDevice::phone_card()};   // /dev/dri/card0
   SoundCard sound;                              // /dev/snd/controlC0
+  MemoryCard card;                              // at /mnt/sdcard
   SessionParty session_party;
   SensorHub sensors;  // behind /dev/socket/qmi_sns_client
 
  private:
-  void lay_root();
   void receive_stage(int socket);
   Answer on_statfs(const TrappedCall& call);
   Answer on_openat(const TrappedCall& call);
@@ -153,8 +146,6 @@ class Handset {
   std::filesystem::path daemon_;
   std::filesystem::path base_;  // holds the root and the logs; removed at the end
   DeviceTable devices_;
-  mutable std::mutex card_mutex_;
-  std::optional<MemoryCard> card_;
   Faults faults_;
   pid_t pid_ = 0;
   std::optional<int> status_;
