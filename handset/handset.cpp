@@ -11,6 +11,7 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,6 +44,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   }
   base_ = base;
   lay_root(base_ / "root");
+  serve_power_nodes();
   lay_profile(FTM_PROFILE, base_ / "root", &nodes);
   if (!options.profile.empty()) {
     lay_profile(options.profile, base_ / "root", &nodes);
@@ -64,7 +66,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   add_device("/dev/input/event2", &pointer);
   sound.describe(read_file(kSoundControls).value_or(""));
   add_device("/dev/snd/controlC0", &sound);
-  session_party.attend(path("/dev/__properties__"));
+  tone_party.attend(path("/dev/__properties__"));
   const fs::path own_sensors = options.profile / "sensors";
   sensors.start(!options.profile.empty() && fs::exists(own_sensors)
                     ? own_sensors
@@ -83,20 +85,47 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   supervisor_.handle(SYS_read, [this](const TrappedCall& call) { return on_read(call); });
   supervisor_.handle(SYS_write, [this](const TrappedCall& call) { return on_write(call); });
   supervisor_.handle(SYS_clock_nanosleep,
-                     [this](const TrappedCall& call) { return clock.clock_nanosleep(call); });
-  supervisor_.handle(SYS_sync, [this](const TrappedCall& call) { return power.sync(call); });
+                     [this](const TrappedCall& call) { return on_clock_nanosleep(call); });
+  supervisor_.handle(SYS_sync, [this](const TrappedCall& call) { return on_sync(call); });
   supervisor_.handle(SYS_init_module,
-                     [this](const TrappedCall& call) { return modules.init_module(call); });
+                     [this](const TrappedCall& call) { return on_init_module(call); });
   supervisor_.handle(SYS_finit_module,
-                     [this](const TrappedCall& call) { return modules.finit_module(call); });
+                     [this](const TrappedCall& call) { return on_finit_module(call); });
   supervisor_.handle(SYS_delete_module,
-                     [this](const TrappedCall& call) { return modules.delete_module(call); });
+                     [this](const TrappedCall& call) { return on_delete_module(call); });
 }
 
 Handset::~Handset() {
   stop();
   std::error_code ignored;
   fs::remove_all(base_, ignored);
+}
+
+void Handset::serve_power_nodes() {
+  struct PowerNode {
+    const char* path;
+    std::string (PowerInterfaces::*show)();  // null: a read gives the node's value
+    int (PowerInterfaces::*store)(const std::string& text);
+  };
+  static constexpr PowerNode kPowerNodes[] = {
+      {"/sys/power/state", nullptr, &PowerInterfaces::store_state},
+      {"/sys/power/wakeup_count", &PowerInterfaces::show_wakeup_count,
+       &PowerInterfaces::store_wakeup_count},
+      {"/sys/power/wake_lock", &PowerInterfaces::show_wake_locks,
+       &PowerInterfaces::store_wake_lock},
+      {"/sys/power/wake_unlock", nullptr, &PowerInterfaces::store_wake_unlock},
+      {"/sys/class/rtc/rtc0/wakealarm", &PowerInterfaces::show_alarm,
+       &PowerInterfaces::store_alarm},
+  };
+  nodes.set("/sys/power/state", "freeze mem\n");
+  for (const PowerNode& node : kPowerNodes) {
+    if (node.show != nullptr) {
+      nodes.on_read(node.path, [this, show = node.show] { return (power.*show)(); });
+    }
+    nodes.on_write(node.path, [this, store = node.store](const std::string& text) {
+      return (power.*store)(text);
+    });
+  }
 }
 
 fs::path Handset::path(const std::string& phone_path) const {
@@ -348,6 +377,49 @@ Answer Handset::on_statfs(const TrappedCall& call) {
     return Answer::result(error);
   }
   return Answer::result(call.write(call.arguments[1], &status, sizeof(status)) ? 0 : -EFAULT);
+}
+
+Answer Handset::on_init_module(const TrappedCall& call) {
+  constexpr uint64_t kLargest = 64U << 20;
+  std::string image(call.arguments[1] > kLargest ? 0 : call.arguments[1], '\0');
+  if (!call.read(call.arguments[0], image.data(), image.size())) {
+    return Answer::result(-EFAULT);
+  }
+  return Answer::result(modules.load(image, call.text(call.arguments[2])));
+}
+
+Answer Handset::on_finit_module(const TrappedCall& call) {
+  const fs::path descriptors = "/proc/" + std::to_string(call.thread) + "/fd";
+  const std::string image =
+      read_whole(descriptors / std::to_string(call.descriptor())).value_or("");
+  return Answer::result(modules.load(image, call.text(call.arguments[1])));
+}
+
+Answer Handset::on_delete_module(const TrappedCall& call) {
+  return Answer::result(modules.unload(call.text(call.arguments[0]), call.arguments[1]));
+}
+
+Answer Handset::on_clock_nanosleep(const TrappedCall& call) {
+  using std::chrono::nanoseconds;
+  using std::chrono::seconds;
+  timespec asked;
+  if (!call.read(call.arguments[2], &asked, sizeof(asked))) {
+    return Answer::result(-EFAULT);
+  }
+  nanoseconds time = seconds(asked.tv_sec) + nanoseconds(asked.tv_nsec);
+  if ((call.arguments[1] & TIMER_ABSTIME) != 0) {
+    timespec now;
+    clock_gettime(static_cast<clockid_t>(call.arguments[0]), &now);
+    time = std::max(nanoseconds(0), time - seconds(now.tv_sec) - nanoseconds(now.tv_nsec));
+  }
+  Clock::Wait wait = clock.wait(time);
+  return Answer::result_after(0, wait.time, std::move(wait.ready));
+}
+
+// Not passed on to the desk's kernel.
+Answer Handset::on_sync(const TrappedCall&) {
+  power.note_sync();
+  return Answer::result(0);
 }
 
 Answer Handset::on_openat(const TrappedCall& call) {

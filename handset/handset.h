@@ -123,7 +123,7 @@ class Handset {
   Nodes nodes;
   KernelModules modules;
   Clock clock;
-  PowerInterfaces power{&nodes, clock};
+  PowerInterfaces power{clock.factor(), Nodes::caller_interrupted};
   SerialLine serial;
   Cameras cameras;  // /dev/media0 and 1, /dev/v4l-subdev0 to 5
   InputDevice volume_keys{InputDevice::kSyn | InputDevice::kKey};  // /dev/input/event0
@@ -133,12 +133,18 @@ class Handset {
   DrmDevice display{DrmDevice::phone_card()};   // /dev/dri/card0
   SoundCard sound;                              // /dev/snd/controlC0
   MemoryCard card;                              // at /mnt/sdcard
-  SessionParty session_party;
+  ToneParty tone_party;
   SensorHub sensors;  // behind /dev/socket/qmi_sns_client
 
  private:
   void receive_stage(int socket);
   Answer on_statfs(const TrappedCall& call);
+  void serve_power_nodes();
+  Answer on_init_module(const TrappedCall& call);
+  Answer on_finit_module(const TrappedCall& call);
+  Answer on_delete_module(const TrappedCall& call);
+  Answer on_clock_nanosleep(const TrappedCall& call);
+  Answer on_sync(const TrappedCall& call);
   Answer on_openat(const TrappedCall& call);
   Answer on_read(const TrappedCall& call);
   Answer on_write(const TrappedCall& call);

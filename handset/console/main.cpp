@@ -136,7 +136,7 @@ static void set_mixer(const Words& words) {
 }
 
 static void switch_party(const Words& words) {
-  phone->session_party.set_answering(words[1] != "off");
+  phone->tone_party.set_answering(words[1] != "off");
 }
 
 static void wait_for_replies(const Words& words) {

@@ -156,7 +156,7 @@ struct NodeOperations {
     if (recorded != all.writes_.rend()) {
       all.writes_.erase(std::next(recorded).base());
     }
-    return -error;
+    return error;
   }
 
   static int truncate(const char*, off_t, fuse_file_info*) {

@@ -38,7 +38,7 @@ class Nodes {
   void fail(const std::string& path, Operation operation, int error);
 
   // Answers reads (writes) of the node from a function instead. on_write's function gets the stored
-  // bytes and returns 0 or an errno.
+  // bytes and returns 0 or a negative errno.
   void on_read(const std::string& path, std::function<std::string()> function);
   void on_write(const std::string& path, std::function<int(const std::string&)> function);
 

@@ -12,6 +12,7 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "handset/links/call.h"
@@ -53,9 +54,11 @@ struct Answer {
   static Answer fail(int error) {
     return error == 0 ? kernel() : result(-error);
   }
-  // The call returns after a delay.
-  static Answer result_after(int64_t value, std::chrono::nanoseconds delay) {
-    return {Kind::kResult, value, delay};
+  // The call returns after a delay, and when ready (asked again and again; null: at once) then says
+  // true.
+  static Answer result_after(int64_t value, std::chrono::nanoseconds delay,
+                             std::function<bool()> ready) {
+    return {Kind::kResult, value, delay, std::move(ready)};
   }
   // The call returns a copy of the handset's descriptor fd, which is closed here.
   static Answer descriptor(int fd) {
@@ -65,7 +68,6 @@ struct Answer {
   Kind kind;
   int64_t value;
   std::chrono::nanoseconds delay;
-  // After its delay a result also waits for this, asked again and again, to say true.
   std::function<bool()> ready = nullptr;
 };
 

@@ -4,9 +4,6 @@
 
 #include <errno.h>
 
-#include <fstream>
-#include <iterator>
-
 namespace handset {
 
 void KernelModules::set_loaded(const std::string& name, bool loaded) {
@@ -44,46 +41,29 @@ static std::string module_name(const std::string& image) {
   return image.substr(begin, end == std::string::npos ? end : end - begin);
 }
 
-Answer KernelModules::load(const std::string& image, const std::string& parameters) {
+int KernelModules::load(const std::string& image, const std::string& parameters) {
   const std::string name = module_name(image);
   const std::lock_guard lock(mutex_);
   calls_.push_back({.what = "load", .name = name, .parameters = parameters});
   if (name.empty()) {
-    return Answer::result(-ENOEXEC);
+    return -ENOEXEC;
   }
-  return Answer::result(loaded_.insert(name).second ? 0 : -EEXIST);
+  return loaded_.insert(name).second ? 0 : -EEXIST;
 }
 
-Answer KernelModules::init_module(const TrappedCall& call) {
-  constexpr uint64_t kLargest = 64U << 20;
-  std::string image(call.arguments[1] > kLargest ? 0 : call.arguments[1], '\0');
-  if (!call.read(call.arguments[0], image.data(), image.size())) {
-    return Answer::result(-EFAULT);
-  }
-  return load(image, call.text(call.arguments[2]));
-}
-
-Answer KernelModules::finit_module(const TrappedCall& call) {
-  std::ifstream file("/proc/" + std::to_string(call.thread) + "/fd/" +
-                     std::to_string(call.descriptor()));
-  const std::string image{std::istreambuf_iterator<char>(file), {}};
-  return load(image, call.text(call.arguments[1]));
-}
-
-Answer KernelModules::delete_module(const TrappedCall& call) {
-  const std::string name = call.text(call.arguments[0]);
+int KernelModules::unload(const std::string& name, uint64_t flags) {
   const std::lock_guard lock(mutex_);
-  calls_.push_back({.what = "unload", .name = name, .flags = call.arguments[1]});
+  calls_.push_back({.what = "unload", .name = name, .flags = flags});
   if (loaded_.count(name) == 0) {
-    return Answer::result(-ENOENT);
+    return -ENOENT;
   }
   if (const auto failure = failures_.find(name);
       failure != failures_.end() && failure->second.times > 0) {
     --failure->second.times;
-    return Answer::result(-failure->second.error);
+    return -failure->second.error;
   }
   loaded_.erase(name);
-  return Answer::result(0);
+  return 0;
 }
 
 }  // namespace handset

@@ -3,13 +3,12 @@
 
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
 #include <vector>
-
-#include "handset/links/supervisor.h"
 
 namespace handset {
 
@@ -32,17 +31,16 @@ class KernelModules {
   // The calls so far, in order.
   std::vector<Call> calls() const;
 
-  Answer init_module(const TrappedCall& call);
-  Answer finit_module(const TrappedCall& call);
-  Answer delete_module(const TrappedCall& call);
+  // Answer a load of a module's image and an unload: 0 or a negative errno. The parameters and
+  // flags (O_NONBLOCK, O_TRUNC) are only recorded.
+  int load(const std::string& image, const std::string& parameters);
+  int unload(const std::string& name, uint64_t flags);
 
  private:
   struct Failure {
     int error;
     int times;
   };
-
-  Answer load(const std::string& image, const std::string& parameters);
 
   mutable std::mutex mutex_;
   std::set<std::string> loaded_;
