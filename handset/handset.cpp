@@ -68,11 +68,12 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   add_device("/dev/snd/controlC0", &sound);
   tone_party.attend(path("/dev/__properties__"));
   const fs::path own_sensors = options.profile / "sensors";
-  sensors.start(!options.profile.empty() && fs::exists(own_sensors)
-                    ? own_sensors
-                    : fs::path(FTM_PROFILE) / "sensors",
-                path("/dev/socket/qmi_sns_client"));
-  clock.on_skip = [this](std::chrono::nanoseconds time) { return sensors.skip(time); };
+  sensors.read_sensors(!options.profile.empty() && fs::exists(own_sensors)
+                           ? own_sensors
+                           : fs::path(FTM_PROFILE) / "sensors");
+  hub_service.start(path("/dev/socket/qmi_sns_client"),
+                    [this](const std::string& payload) { return on_hub_request(payload); });
+  clock.on_skip = [this](std::chrono::nanoseconds time) { return hub_service.skip(time); };
 
   supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return devices_.ioctl(call); });
@@ -126,6 +127,20 @@ void Handset::serve_power_nodes() {
       return (power.*store)(text);
     });
   }
+}
+
+std::optional<HubService::Reply> Handset::on_hub_request(const std::string& payload) {
+  const std::optional<SensorHub::Reply> reply = sensors.answer(payload);
+  if (!reply.has_value()) {
+    return std::nullopt;
+  }
+  HubService::Reply sent = {.reports = reply->events};
+  if (reply->stream.has_value()) {
+    sent.stream = {.period = reply->stream->period, .next = [this, sensor = reply->stream->sensor] {
+                     return sensors.sample(sensor);
+                   }};
+  }
+  return sent;
 }
 
 fs::path Handset::path(const std::string& phone_path) const {

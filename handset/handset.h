@@ -21,6 +21,7 @@
 
 #include "handset/links/device_table.h"
 #include "handset/links/faults.h"
+#include "handset/links/hub_service.h"
 #include "handset/links/nodes.h"
 #include "handset/links/serial_line.h"
 #include "handset/models/cameras.h"
@@ -134,12 +135,14 @@ class Handset {
   SoundCard sound;                              // /dev/snd/controlC0
   MemoryCard card;                              // at /mnt/sdcard
   ToneParty tone_party;
-  SensorHub sensors;  // behind /dev/socket/qmi_sns_client
+  SensorHub sensors;
+  HubService hub_service;  // the sensors' hub, at /dev/socket/qmi_sns_client
 
  private:
   void receive_stage(int socket);
   Answer on_statfs(const TrappedCall& call);
   void serve_power_nodes();
+  std::optional<HubService::Reply> on_hub_request(const std::string& payload);
   Answer on_init_module(const TrappedCall& call);
   Answer on_finit_module(const TrappedCall& call);
   Answer on_delete_module(const TrappedCall& call);

@@ -195,17 +195,26 @@ static void show_sensors(const Words& words) {
 }
 
 static void set_hub(const Words& words) {
-  using State = SensorHub::State;
-  static const std::map<std::string, State> kStates = {{"healthy", State::kHealthy},
-                                                       {"silent", State::kSilent},
-                                                       {"garbage", State::kGarbage},
-                                                       {"refusing", State::kRefusing},
-                                                       {"absent", State::kAbsent}};
-  if (const auto state = kStates.find(words[1]); state != kStates.end()) {
-    phone->sensors.set_state(state->second);
-  } else {
-    phone->sensors.set_delay(std::chrono::milliseconds(atoi(words[1].c_str())));
+  struct HubState {
+    const char* name;
+    SensorHub::State hub;
+    HubService::State service;
+  };
+  using Hub = SensorHub::State;
+  using Service = HubService::State;
+  static constexpr HubState kStates[] = {{"healthy", Hub::kHealthy, Service::kOpen},
+                                         {"silent", Hub::kSilent, Service::kOpen},
+                                         {"garbage", Hub::kGarbage, Service::kOpen},
+                                         {"refusing", Hub::kHealthy, Service::kRefusing},
+                                         {"absent", Hub::kHealthy, Service::kAbsent}};
+  for (const HubState& state : kStates) {
+    if (words[1] == state.name) {
+      phone->sensors.set_state(state.hub);
+      phone->hub_service.set_state(state.service);
+      return;
+    }
   }
+  phone->hub_service.set_delay(std::chrono::milliseconds(atoi(words[1].c_str())));
 }
 
 static void show_log(const Words& words) {
