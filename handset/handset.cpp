@@ -1,4 +1,5 @@
-// The handset: root, daemon process and the routing of trapped calls; see handset.h.
+// The handset: its parts and the daemon's process; see handset.h. The trapped calls are answered in
+// handset_calls.cpp.
 
 #include "handset/handset.h"
 
@@ -11,7 +12,6 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,8 +28,6 @@ namespace handset {
 
 namespace fs = std::filesystem;
 
-static const char kSerialTty[] = "/dev/ttyMSM0";
-static const char kMemoryCard[] = "/mnt/sdcard";
 static const char kSoundControls[] = "/dev/snd/controls";
 static const char kProgramCalls[] = "/data/program_calls";
 
@@ -43,19 +41,47 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
     throw system_error("cannot make a folder for the phone");
   }
   base_ = base;
-  lay_root(base_ / "root");
   serve_power_nodes();
+  lay_phone(options.profile);
+  plug_devices();
+  tone_party.attend(path("/dev/__properties__"));
+  hub_service.start(path("/dev/socket/qmi_sns_client"),
+                    [this](const std::string& payload) { return on_hub_request(payload); });
+  clock.on_skip = [this](std::chrono::nanoseconds time) { return hub_service.skip(time); };
+  route_calls();
+}
+
+Handset::~Handset() {
+  stop();
+  std::error_code ignored;
+  fs::remove_all(base_, ignored);
+}
+
+// The root, the healthy phone's profile, what is laid over it, and what no profile describes.
+void Handset::lay_phone(const fs::path& profile) {
+  lay_root(base_ / "root");
+  fs::path sensors_file = fs::path(FTM_PROFILE) / "sensors";
   lay_profile(FTM_PROFILE, base_ / "root", &nodes);
-  if (!options.profile.empty()) {
-    lay_profile(options.profile, base_ / "root", &nodes);
+  if (!profile.empty()) {
+    lay_profile(profile, base_ / "root", &nodes);
+    if (fs::exists(profile / "sensors")) {
+      sensors_file = profile / "sensors";
+    }
   }
+  sensors.read_sensors(sensors_file);
+  sound.describe(read_file(kSoundControls).value_or(""));
   // The reference checksums of the profile's own trees, made when the handset was built.
   fs::copy_file(FTM_SYSMD5, base_ / "root/system/sysmd5.zip", fs::copy_options::skip_existing);
-  make_partition(path("/dev/block/by-name/norvareserve1"));
-  put_pcba_record(path("/dev/block/by-name/norvareserve1"), "NV2401170042");
-  put_download_marks(path("/dev/block/by-name/norvareserve1"), "download start", "download over");
+  const fs::path reserve = path("/dev/block/by-name/norvareserve1");
+  make_partition(reserve);
+  put_pcba_record(reserve, "NV2401170042");
+  put_download_marks(reserve, "download start", "download over");
   modules.set_loaded("cfg80211", true);
+}
+
+void Handset::plug_devices() {
   add_device("/dev/dri/card0", &display);
+  add_device("/dev/snd/controlC0", &sound);
   add_device("/dev/media0", &cameras.video);
   add_device("/dev/media1", &cameras.request_manager);
   for (int i = 0; i < 6; ++i) {
@@ -64,42 +90,6 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   add_device("/dev/input/event0", &volume_keys);
   add_device("/dev/input/event1", &power_key);
   add_device("/dev/input/event2", &pointer);
-  sound.describe(read_file(kSoundControls).value_or(""));
-  add_device("/dev/snd/controlC0", &sound);
-  tone_party.attend(path("/dev/__properties__"));
-  const fs::path own_sensors = options.profile / "sensors";
-  sensors.read_sensors(!options.profile.empty() && fs::exists(own_sensors)
-                           ? own_sensors
-                           : fs::path(FTM_PROFILE) / "sensors");
-  hub_service.start(path("/dev/socket/qmi_sns_client"),
-                    [this](const std::string& payload) { return on_hub_request(payload); });
-  clock.on_skip = [this](std::chrono::nanoseconds time) { return hub_service.skip(time); };
-
-  supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
-  supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return devices_.ioctl(call); });
-  supervisor_.handle(SYS_statfs, [this](const TrappedCall& call) { return on_statfs(call); });
-  for (const int call : kFaultCalls) {
-    supervisor_.handle(call,
-                       [this](const TrappedCall& call) { return faults_.descriptor_call(call); });
-  }
-  supervisor_.handle(SYS_clone3, [this](const TrappedCall& call) { return faults_.clone3(call); });
-  supervisor_.handle(SYS_read, [this](const TrappedCall& call) { return on_read(call); });
-  supervisor_.handle(SYS_write, [this](const TrappedCall& call) { return on_write(call); });
-  supervisor_.handle(SYS_clock_nanosleep,
-                     [this](const TrappedCall& call) { return on_clock_nanosleep(call); });
-  supervisor_.handle(SYS_sync, [this](const TrappedCall& call) { return on_sync(call); });
-  supervisor_.handle(SYS_init_module,
-                     [this](const TrappedCall& call) { return on_init_module(call); });
-  supervisor_.handle(SYS_finit_module,
-                     [this](const TrappedCall& call) { return on_finit_module(call); });
-  supervisor_.handle(SYS_delete_module,
-                     [this](const TrappedCall& call) { return on_delete_module(call); });
-}
-
-Handset::~Handset() {
-  stop();
-  std::error_code ignored;
-  fs::remove_all(base_, ignored);
 }
 
 void Handset::serve_power_nodes() {
@@ -240,40 +230,25 @@ static std::vector<char*> pointers(std::vector<std::string>* texts) {
   return all;
 }
 
+static StageTraps stage_traps(const Handset::StartOptions& options) {
+  if (!options.traps) {
+    return StageTraps::kNone;
+  }
+  if (!options.threads) {
+    return StageTraps::kCallsAndThreads;
+  }
+  return options.faults ? StageTraps::kCallsAndFaults : StageTraps::kCalls;
+}
+
 void Handset::start(const StartOptions& options) {
   stop();
   int sockets[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) != 0) {
     throw system_error("cannot make a socket");
   }
-  const std::string tty = options.serial.value_or(serial.phone_tty());
-  if (tty.empty()) {
-    fs::remove(path(kSerialTty));
-  } else {
-    write_file(kSerialTty, "");  // the place of the bind
-  }
-  const StageTraps traps = !options.traps     ? StageTraps::kNone
-                           : !options.threads ? StageTraps::kCallsAndThreads
-                           : options.faults   ? StageTraps::kCallsAndFaults
-                                              : StageTraps::kCalls;
-  std::vector<std::string> arguments = {FTM_STAGE, (base_ / "root").string(), tty, daemon_.string(),
-                                        std::to_string(static_cast<int>(traps))};
-  std::vector<std::string> variables = environment();
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, (base_ / "output").c_str(),
-                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, options.log ? (base_ / "log").c_str() : "/dev/null",
-                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&actions, sockets[1], kStageSocket);
-  const int error = posix_spawn(&pid_, FTM_STAGE, &actions, nullptr, pointers(&arguments).data(),
-                                pointers(&variables).data());
-  posix_spawn_file_actions_destroy(&actions);
+  const int error = spawn_stage(options, sockets[1]);
   close(sockets[1]);
   if (error != 0) {
-    pid_ = 0;
     close(sockets[0]);
     errno = error;
     throw system_error("cannot start the stage");
@@ -294,6 +269,35 @@ void Handset::start(const StartOptions& options) {
       !serial.wait_reads(reads_before + 1, std::chrono::seconds(60))) {
     throw std::runtime_error("the daemon did not come up; its log ends:\n" + log());
   }
+}
+
+// Starts the stage program with its end of the socket. 0, or an errno when there is no process.
+int Handset::spawn_stage(const StartOptions& options, int socket) {
+  const std::string tty = options.serial.value_or(serial.phone_tty());
+  if (tty.empty()) {
+    fs::remove(path(kSerialTty));
+  } else {
+    write_file(kSerialTty, "");  // the place of the bind
+  }
+  std::vector<std::string> arguments = {FTM_STAGE, (base_ / "root").string(), tty, daemon_.string(),
+                                        std::to_string(static_cast<int>(stage_traps(options)))};
+  std::vector<std::string> variables = environment();
+  const std::string log = options.log ? (base_ / "log").string() : "/dev/null";
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, (base_ / "output").c_str(),
+                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_adddup2(&actions, socket, kStageSocket);
+  const int error = posix_spawn(&pid_, FTM_STAGE, &actions, nullptr, pointers(&arguments).data(),
+                                pointers(&variables).data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) {
+    pid_ = 0;
+  }
+  return error;
 }
 
 // Takes the descriptors that the stage sends while it builds the root.
@@ -381,102 +385,6 @@ std::vector<std::string> Handset::command(std::string_view line, std::chrono::se
 
 void Handset::fail(const std::string& phone_path, int call, int error) {
   faults_.fail(phone_path, call, error);
-}
-
-Answer Handset::on_statfs(const TrappedCall& call) {
-  if (call.text(call.arguments[0]) != kMemoryCard) {
-    return Answer::kernel();
-  }
-  struct statfs status;
-  if (const int error = card.status(&status); error != 0) {
-    return Answer::result(error);
-  }
-  return Answer::result(call.write(call.arguments[1], &status, sizeof(status)) ? 0 : -EFAULT);
-}
-
-Answer Handset::on_init_module(const TrappedCall& call) {
-  constexpr uint64_t kLargest = 64U << 20;
-  std::string image(call.arguments[1] > kLargest ? 0 : call.arguments[1], '\0');
-  if (!call.read(call.arguments[0], image.data(), image.size())) {
-    return Answer::result(-EFAULT);
-  }
-  return Answer::result(modules.load(image, call.text(call.arguments[2])));
-}
-
-Answer Handset::on_finit_module(const TrappedCall& call) {
-  const fs::path descriptors = "/proc/" + std::to_string(call.thread) + "/fd";
-  const std::string image =
-      read_whole(descriptors / std::to_string(call.descriptor())).value_or("");
-  return Answer::result(modules.load(image, call.text(call.arguments[1])));
-}
-
-Answer Handset::on_delete_module(const TrappedCall& call) {
-  return Answer::result(modules.unload(call.text(call.arguments[0]), call.arguments[1]));
-}
-
-Answer Handset::on_clock_nanosleep(const TrappedCall& call) {
-  using std::chrono::nanoseconds;
-  using std::chrono::seconds;
-  timespec asked;
-  if (!call.read(call.arguments[2], &asked, sizeof(asked))) {
-    return Answer::result(-EFAULT);
-  }
-  nanoseconds time = seconds(asked.tv_sec) + nanoseconds(asked.tv_nsec);
-  if ((call.arguments[1] & TIMER_ABSTIME) != 0) {
-    timespec now;
-    clock_gettime(static_cast<clockid_t>(call.arguments[0]), &now);
-    time = std::max(nanoseconds(0), time - seconds(now.tv_sec) - nanoseconds(now.tv_nsec));
-  }
-  Clock::Wait wait = clock.wait(time);
-  return Answer::result_after(0, wait.time, std::move(wait.ready));
-}
-
-// Not passed on to the desk's kernel.
-Answer Handset::on_sync(const TrappedCall&) {
-  power.note_sync();
-  return Answer::result(0);
-}
-
-Answer Handset::on_openat(const TrappedCall& call) {
-  std::string opened = call.text(call.arguments[1]);
-  if (opened.empty()) {
-    return Answer::kernel();
-  }
-  if (opened[0] != '/') {
-    // The daemon works in "/"; a folder's descriptor names its place in the phone.
-    const std::string folder = call.descriptor() == AT_FDCWD ? "" : call.link(call.descriptor());
-    opened = folder + "/" + opened;
-  }
-  opened = fs::path(opened).lexically_normal().string();
-  if (const int error = faults_.error(opened, SYS_openat); error != 0) {
-    return Answer::fail(error);
-  }
-  return devices_.open(call, opened);
-}
-
-Answer Handset::on_read(const TrappedCall& call) {
-  const std::string file = call.link(call.descriptor());
-  if (file == kSerialTty && call.arguments[2] == kSerialReadSize) {
-    devices_.note_arrived();
-    serial.note_read();
-  }
-  return Answer::fail(faults_.error(file, SYS_read));
-}
-
-Answer Handset::on_write(const TrappedCall& call) {
-  const std::string file = call.link(call.descriptor());
-  if (file != kSerialTty) {
-    return Answer::fail(faults_.error(file, SYS_write));
-  }
-  std::string text(call.arguments[2], '\0');
-  if (!call.read(call.arguments[1], text.data(), text.size())) {
-    return Answer::kernel();
-  }
-  const size_t taken = serial.note_reply(text);
-  if (taken == text.size()) {
-    return Answer::kernel();
-  }
-  return Answer::result(static_cast<int64_t>(taken));
 }
 
 }  // namespace handset

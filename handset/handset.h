@@ -139,9 +139,15 @@ class Handset {
   HubService hub_service;  // the sensors' hub, at /dev/socket/qmi_sns_client
 
  private:
+  static constexpr char kSerialTty[] = "/dev/ttyMSM0";
+
   void receive_stage(int socket);
   Answer on_statfs(const TrappedCall& call);
+  void lay_phone(const std::filesystem::path& profile);
+  void plug_devices();
   void serve_power_nodes();
+  int spawn_stage(const StartOptions& options, int socket);
+  void route_calls();
   std::optional<HubService::Reply> on_hub_request(const std::string& payload);
   Answer on_init_module(const TrappedCall& call);
   Answer on_finit_module(const TrappedCall& call);

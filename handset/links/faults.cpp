@@ -22,11 +22,10 @@ int Faults::error(const std::string& path, int call) const {
   return found == errors_.end() ? 0 : found->second;
 }
 
-Answer Faults::descriptor_call(const TrappedCall& call) const {
-  return Answer::fail(error(call.link(call.descriptor()), call.number));
-}
-
-Answer Faults::clone3(const TrappedCall& call) const {
+Answer Faults::answer(const TrappedCall& call) const {
+  if (call.number != SYS_clone3) {
+    return Answer::fail(error(call.link(call.descriptor()), call.number));
+  }
   uint64_t flags = 0;  // the first field of the caller's record
   call.read(call.arguments[0], &flags, sizeof(flags));
   return Answer::fail(error((flags & CLONE_THREAD) != 0 ? "thread" : "process", SYS_clone3));

@@ -20,10 +20,9 @@ class Faults {
   // The errno that the call on the path is to fail with, or 0.
   int error(const std::string& path, int call) const;
 
-  // Answer a call on a descriptor (its first argument), and a clone3: they fail, or are the
+  // Answers a clone3, or a call on a descriptor that is its first argument: it fails, or is the
   // kernel's.
-  Answer descriptor_call(const TrappedCall& call) const;
-  Answer clone3(const TrappedCall& call) const;
+  Answer answer(const TrappedCall& call) const;
 
  private:
   mutable std::mutex mutex_;

@@ -22,7 +22,6 @@ namespace handset {
 // A trapped call as its handler sees it.
 class TrappedCall : public Caller {
  public:
-  uint64_t id = 0;
   pid_t thread = 0;
   int number = 0;  // SYS_...
   uint64_t arguments[6] = {};
@@ -93,6 +92,7 @@ class Supervisor {
   };
   void loop(int listener);
   bool answer_next(int listener);
+  void give(int listener, uint64_t id, const Answer& answer);
   void answer_due(int listener);
   int next_timeout() const;
 
