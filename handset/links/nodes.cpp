@@ -17,14 +17,6 @@
 
 namespace handset {
 
-#ifdef __SANITIZE_ADDRESS__
-// The FUSE library loses a request that is under way when its mount goes.
-extern "C" const char* __lsan_default_suppressions();   // NOLINT(bugprone-reserved-identifier)
-extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
-  return "leak:libfuse3";
-}
-#endif
-
 // The file system's operations. Kernel caches are off: a value that a test sets is seen at once.
 struct NodeOperations {
   static Nodes* nodes() {
