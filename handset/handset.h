@@ -141,22 +141,24 @@ class Handset {
  private:
   static constexpr char kSerialTty[] = "/dev/ttyMSM0";
 
-  void receive_stage(int socket);
-  Answer on_statfs(const TrappedCall& call);
   void lay_phone(const std::filesystem::path& profile);
   void plug_devices();
   void serve_power_nodes();
-  int spawn_stage(const StartOptions& options, int socket);
-  void route_calls();
   std::optional<HubService::Reply> on_hub_request(const std::string& payload);
-  Answer on_init_module(const TrappedCall& call);
-  Answer on_finit_module(const TrappedCall& call);
-  Answer on_delete_module(const TrappedCall& call);
-  Answer on_clock_nanosleep(const TrappedCall& call);
-  Answer on_sync(const TrappedCall& call);
+  int spawn_stage(const StartOptions& options, int socket);
+  void receive_stage(int socket);
+
+  // In handset_calls.cpp.
+  void route_calls();
   Answer on_openat(const TrappedCall& call);
   Answer on_read(const TrappedCall& call);
   Answer on_write(const TrappedCall& call);
+  Answer on_statfs(const TrappedCall& call);
+  Answer on_clock_nanosleep(const TrappedCall& call);
+  Answer on_sync(const TrappedCall& call);
+  Answer on_init_module(const TrappedCall& call);
+  Answer on_finit_module(const TrappedCall& call);
+  Answer on_delete_module(const TrappedCall& call);
 
   std::filesystem::path daemon_;
   std::filesystem::path base_;  // holds the root and the logs; removed at the end
