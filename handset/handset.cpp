@@ -1,37 +1,33 @@
-// The handset: root, daemon process and the routing of trapped calls; see handset.h.
+// The handset: its parts and the daemon's process; see handset.h. The trapped calls are answered in
+// handset_calls.cpp.
 
 #include "handset/handset.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/input-event-codes.h>
-#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include <set>
 #include <stdexcept>
 #include <thread>
 
 #include "handset/links/stage.h"
 #include "handset/models/partitions.h"
-#include "handset/profile.h"
+#include "handset/root.h"
 
 namespace handset {
 
 namespace fs = std::filesystem;
 
-static const char kSerialTty[] = "/dev/ttyMSM0";
-static const char kMemoryCard[] = "/mnt/sdcard";
 static const char kSoundControls[] = "/dev/snd/controls";
 static const char kProgramCalls[] = "/data/program_calls";
 
@@ -45,60 +41,14 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
     throw system_error("cannot make a folder for the phone");
   }
   base_ = base;
-  lay_root();
-  lay_profile(FTM_PROFILE, base_ / "root", &nodes);
-  if (!options.profile.empty()) {
-    lay_profile(options.profile, base_ / "root", &nodes);
-  }
-  // The reference checksums of the profile's own trees, made when the handset was built.
-  fs::copy_file(FTM_SYSMD5, base_ / "root/system/sysmd5.zip", fs::copy_options::skip_existing);
-  make_partition(path("/dev/block/by-name/norvareserve1"));
-  put_pcba_record(path("/dev/block/by-name/norvareserve1"), "NV2401170042");
-  put_download_marks(path("/dev/block/by-name/norvareserve1"), "download start", "download over");
-  insert_card(MemoryCard{.block_size = 32768, .blocks = 1941504, .free_blocks = 1931264});
-  modules.set_loaded("cfg80211", true);
-  add_device("/dev/dri/card0", &display);
-  add_device("/dev/media0", &cameras.video);
-  add_device("/dev/media1", &cameras.request_manager);
-  for (int i = 0; i < 6; ++i) {
-    add_device("/dev/v4l-subdev" + std::to_string(i), &cameras.sensor(i));
-  }
-  add_device("/dev/input/event0", &volume_keys);
-  add_device("/dev/input/event1", &power_key);
-  add_device("/dev/input/event2", &pointer);
-  sound.describe(read_file(kSoundControls).value_or(""));
-  add_device("/dev/snd/controlC0", &sound);
-  session_party.attend(path("/dev/__properties__"));
-  const fs::path own_sensors = options.profile / "sensors";
-  sensors.start(!options.profile.empty() && fs::exists(own_sensors)
-                    ? own_sensors
-                    : fs::path(FTM_PROFILE) / "sensors",
-                path("/dev/socket/qmi_sns_client"));
-  clock.on_skip = [this](std::chrono::nanoseconds time) { return sensors.skip(time); };
-
-  supervisor_.observe(
-      [this](const TrappedCall& call, const Answer& answer) { recorder_.record(call, answer); });
-  supervisor_.handle(SYS_openat, [this](const TrappedCall& call) { return on_openat(call); });
-  supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return on_ioctl(call); });
-  supervisor_.handle(SYS_statfs, [this](const TrappedCall& call) { return on_statfs(call); });
-  for (const int call : kFaultCalls) {
-    supervisor_.handle(call, [this](const TrappedCall& call) {
-      return Answer::fault(fault(call.link(call.descriptor()), call.number));
-    });
-  }
-  supervisor_.handle(SYS_clone3, [this](const TrappedCall& call) { return on_clone3(call); });
-  supervisor_.handle(SYS_read, [this](const TrappedCall& call) { return on_read(call); });
-  supervisor_.handle(SYS_write, [this](const TrappedCall& call) { return on_write(call); });
-  supervisor_.handle(SYS_sendto, [this](const TrappedCall& call) { return on_sendto(call); });
-  supervisor_.handle(SYS_clock_nanosleep,
-                     [this](const TrappedCall& call) { return clock.clock_nanosleep(call); });
-  supervisor_.handle(SYS_sync, [this](const TrappedCall& call) { return power.sync(call); });
-  supervisor_.handle(SYS_init_module,
-                     [this](const TrappedCall& call) { return modules.init_module(call); });
-  supervisor_.handle(SYS_finit_module,
-                     [this](const TrappedCall& call) { return modules.finit_module(call); });
-  supervisor_.handle(SYS_delete_module,
-                     [this](const TrappedCall& call) { return modules.delete_module(call); });
+  serve_power_nodes();
+  lay_phone(options.profile);
+  plug_devices();
+  tone_party.attend(path("/dev/__properties__"));
+  hub_service.start(path("/dev/socket/qmi_sns_client"),
+                    [this](const std::string& payload) { return on_hub_request(payload); });
+  clock.on_skip = [this](std::chrono::nanoseconds time) { return hub_service.skip(time); };
+  route_calls();
 }
 
 Handset::~Handset() {
@@ -107,33 +57,80 @@ Handset::~Handset() {
   fs::remove_all(base_, ignored);
 }
 
-// What every phone has, whatever its profile says.
-void Handset::lay_root() {
-  const fs::path root = base_ / "root";
-  for (const char* folder :
-       {"dev/block/bootdevice/by-name", ".nodes", ".proc", "sys", "proc", "usr",
-        "dev/__properties__", "dev/socket", "tmp", "odm/etc", "odm/bin", "persist/ftm_admin",
-        "vendor/bin", "system", "mnt/vendor/norvareserve/ftm_admin", "data", "cache", "persist",
-        "d"}) {
-    fs::create_directories(root / folder);
-  }
-  for (const char* folder : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
-    const fs::path on_host = fs::path("/") / folder;
-    if (fs::is_symlink(on_host)) {
-      fs::copy_symlink(on_host, root / folder);
-    } else if (fs::is_directory(on_host)) {
-      fs::create_directory(root / folder);
+// The root, the healthy phone's profile, what is laid over it, and what no profile describes.
+void Handset::lay_phone(const fs::path& profile) {
+  lay_root(base_ / "root");
+  fs::path sensors_file = fs::path(FTM_PROFILE) / "sensors";
+  lay_profile(FTM_PROFILE, base_ / "root", &nodes);
+  if (!profile.empty()) {
+    lay_profile(profile, base_ / "root", &nodes);
+    if (fs::exists(profile / "sensors")) {
+      sensors_file = profile / "sensors";
     }
   }
-  // The unit that shows the phone's storage to be UFS.
-  std::ofstream(root / "dev/block/sda").flush();
-  // Both names of the partitions' folder lead to the same images.
-  fs::create_symlink("bootdevice/by-name", root / "dev/block/by-name");
-  // Places for binds.
-  for (const char* file :
-       {"dev/null", "dev/zero", "dev/full", "dev/urandom", "dev/ttyMSM0", "odm/bin/ftmd"}) {
-    std::ofstream(root / file).flush();
+  sensors.read_sensors(sensors_file);
+  sound.describe(read_file(kSoundControls).value_or(""));
+  // The reference checksums of the profile's own trees, made when the handset was built.
+  fs::copy_file(FTM_SYSMD5, base_ / "root/system/sysmd5.zip", fs::copy_options::skip_existing);
+  const fs::path reserve = path("/dev/block/by-name/norvareserve1");
+  make_partition(reserve);
+  put_pcba_record(reserve, "NV2401170042");
+  put_download_marks(reserve, "download start", "download over");
+  modules.set_loaded("cfg80211", true);
+}
+
+void Handset::plug_devices() {
+  add_device("/dev/dri/card0", &display);
+  add_device("/dev/snd/controlC0", &sound);
+  add_device("/dev/media0", &cameras.video);
+  add_device("/dev/media1", &cameras.request_manager);
+  for (int i = 0; i < 6; ++i) {
+    add_device("/dev/v4l-subdev" + std::to_string(i), &cameras.sensor(i));
   }
+  add_device("/dev/input/event0", &volume_keys);
+  add_device("/dev/input/event1", &power_key);
+  add_device("/dev/input/event2", &pointer);
+}
+
+void Handset::serve_power_nodes() {
+  struct PowerNode {
+    const char* path;
+    std::string (PowerInterfaces::*show)();  // null: a read gives the node's value
+    int (PowerInterfaces::*store)(const std::string& text);
+  };
+  static constexpr PowerNode kPowerNodes[] = {
+      {"/sys/power/state", nullptr, &PowerInterfaces::store_state},
+      {"/sys/power/wakeup_count", &PowerInterfaces::show_wakeup_count,
+       &PowerInterfaces::store_wakeup_count},
+      {"/sys/power/wake_lock", &PowerInterfaces::show_wake_locks,
+       &PowerInterfaces::store_wake_lock},
+      {"/sys/power/wake_unlock", nullptr, &PowerInterfaces::store_wake_unlock},
+      {"/sys/class/rtc/rtc0/wakealarm", &PowerInterfaces::show_alarm,
+       &PowerInterfaces::store_alarm},
+  };
+  nodes.set("/sys/power/state", "freeze mem\n");
+  for (const PowerNode& node : kPowerNodes) {
+    if (node.show != nullptr) {
+      nodes.on_read(node.path, [this, show = node.show] { return (power.*show)(); });
+    }
+    nodes.on_write(node.path, [this, store = node.store](const std::string& text) {
+      return (power.*store)(text);
+    });
+  }
+}
+
+std::optional<HubService::Reply> Handset::on_hub_request(const std::string& payload) {
+  const std::optional<SensorHub::Reply> reply = sensors.answer(payload);
+  if (!reply.has_value()) {
+    return std::nullopt;
+  }
+  HubService::Reply sent = {.reports = reply->events};
+  if (reply->stream.has_value()) {
+    sent.stream = {.period = reply->stream->period, .next = [this, sensor = reply->stream->sensor] {
+                     return sensors.sample(sensor);
+                   }};
+  }
+  return sent;
 }
 
 fs::path Handset::path(const std::string& phone_path) const {
@@ -186,7 +183,7 @@ std::vector<std::string> Handset::program_calls() const {
 }
 
 void Handset::add_device(const std::string& phone_path, Device* device) {
-  devices_[phone_path] = device;
+  devices_.add(phone_path, device);
   write_file(phone_path, "");  // for those who list the folder or look the file up
 }
 
@@ -205,7 +202,7 @@ bool Handset::press_key(const std::string& name) {
 }
 
 void Handset::remove_device(const std::string& phone_path) {
-  devices_.erase(phone_path);
+  devices_.remove(phone_path);
   fs::remove(path(phone_path));
 }
 
@@ -233,45 +230,31 @@ static std::vector<char*> pointers(std::vector<std::string>* texts) {
   return all;
 }
 
+static StageTraps stage_traps(const Handset::StartOptions& options) {
+  if (!options.traps) {
+    return StageTraps::kNone;
+  }
+  if (!options.threads) {
+    return StageTraps::kCallsAndThreads;
+  }
+  return options.faults ? StageTraps::kCallsAndFaults : StageTraps::kCalls;
+}
+
 void Handset::start(const StartOptions& options) {
   stop();
   int sockets[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) != 0) {
     throw system_error("cannot make a socket");
   }
-  const std::string tty = options.serial.value_or(serial.phone_tty());
-  if (tty.empty()) {
-    fs::remove(path(kSerialTty));
-  } else {
-    write_file(kSerialTty, "");  // the place of the bind
-  }
-  const StageTraps traps = !options.traps     ? StageTraps::kNone
-                           : !options.threads ? StageTraps::kCallsAndThreads
-                           : options.faults   ? StageTraps::kCallsAndFaults
-                                              : StageTraps::kCalls;
-  std::vector<std::string> arguments = {FTM_STAGE, (base_ / "root").string(), tty, daemon_.string(),
-                                        std::to_string(static_cast<int>(traps))};
-  std::vector<std::string> variables = environment();
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, (base_ / "output").c_str(),
-                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, options.log ? (base_ / "log").c_str() : "/dev/null",
-                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&actions, sockets[1], kStageSocket);
-  const int error = posix_spawn(&pid_, FTM_STAGE, &actions, nullptr, pointers(&arguments).data(),
-                                pointers(&variables).data());
-  posix_spawn_file_actions_destroy(&actions);
+  const int error = spawn_stage(options, sockets[1]);
   close(sockets[1]);
   if (error != 0) {
-    pid_ = 0;
     close(sockets[0]);
     errno = error;
     throw system_error("cannot start the stage");
   }
   status_.reset();
+  devices_.set_daemon(pid_);
   serial.note_running(true);
   const int reads_before = serial.reads();
   try {
@@ -286,6 +269,35 @@ void Handset::start(const StartOptions& options) {
       !serial.wait_reads(reads_before + 1, std::chrono::seconds(60))) {
     throw std::runtime_error("the daemon did not come up; its log ends:\n" + log());
   }
+}
+
+// Starts the stage program with its end of the socket. 0, or an errno when there is no process.
+int Handset::spawn_stage(const StartOptions& options, int socket) {
+  const std::string tty = options.serial.value_or(serial.phone_tty());
+  if (tty.empty()) {
+    fs::remove(path(kSerialTty));
+  } else {
+    write_file(kSerialTty, "");  // the place of the bind
+  }
+  std::vector<std::string> arguments = {FTM_STAGE, (base_ / "root").string(), tty, daemon_.string(),
+                                        std::to_string(static_cast<int>(stage_traps(options)))};
+  std::vector<std::string> variables = environment();
+  const std::string log = options.log ? (base_ / "log").string() : "/dev/null";
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, (base_ / "output").c_str(),
+                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_adddup2(&actions, socket, kStageSocket);
+  const int error = posix_spawn(&pid_, FTM_STAGE, &actions, nullptr, pointers(&arguments).data(),
+                                pointers(&variables).data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) {
+    pid_ = 0;
+  }
+  return error;
 }
 
 // Takes the descriptors that the stage sends while it builds the root.
@@ -335,10 +347,7 @@ void Handset::stop() {
   supervisor_.wait_ended();
   nodes.wait_unmounted();
   serial.note_running(false);
-  {
-    const std::lock_guard lock(devices_mutex_);
-    opened_.clear();
-  }
+  devices_.close_all();
   pid_ = 0;
 }
 
@@ -359,6 +368,10 @@ std::optional<int> Handset::wait_exit(std::chrono::seconds limit) {
   }
 }
 
+size_t Handset::open_devices(const std::string& kind) {
+  return devices_.count_open(kind);
+}
+
 size_t Handset::open_descriptors() const {
   const fs::directory_iterator all("/proc/" + std::to_string(pid_) + "/fd");
   return static_cast<size_t>(std::distance(begin(all), end(all)));
@@ -376,154 +389,7 @@ std::vector<std::string> Handset::command(std::string_view line, std::chrono::se
 }
 
 void Handset::fail(const std::string& phone_path, int call, int error) {
-  const std::lock_guard lock(faults_mutex_);
-  if (error == 0) {
-    faults_.erase({phone_path, call});
-  } else {
-    faults_[{phone_path, call}] = error;
-  }
-}
-
-int Handset::fault(const std::string& file, int call) const {
-  const std::lock_guard lock(faults_mutex_);
-  const auto found = faults_.find({file, call});
-  return found == faults_.end() ? 0 : found->second;
-}
-
-void Handset::insert_card(const std::optional<MemoryCard>& card) {
-  const std::lock_guard lock(card_mutex_);
-  card_ = card;
-}
-
-Answer Handset::on_statfs(const TrappedCall& call) {
-  if (call.text(call.arguments[0]) != kMemoryCard) {
-    return Answer::kernel();
-  }
-  const std::lock_guard lock(card_mutex_);
-  if (!card_.has_value()) {
-    return Answer::result(-ENOENT);
-  }
-  struct statfs status = {};
-  status.f_type = 0x4d44;  // FAT
-  status.f_bsize = static_cast<int64_t>(card_->block_size);
-  status.f_blocks = card_->blocks;
-  status.f_bfree = card_->free_blocks;
-  status.f_bavail = card_->free_blocks;
-  status.f_namelen = 255;
-  return Answer::result(call.write(call.arguments[1], &status, sizeof(status)) ? 0 : -EFAULT);
-}
-
-Answer Handset::on_clone3(const TrappedCall& call) {
-  uint64_t flags = 0;  // the first field of the caller's record
-  call.read(call.arguments[0], &flags, sizeof(flags));
-  return Answer::fault(fault((flags & CLONE_THREAD) != 0 ? "thread" : "process", SYS_clone3));
-}
-
-Answer Handset::on_openat(const TrappedCall& call) {
-  std::string opened = call.text(call.arguments[1]);
-  if (opened.empty()) {
-    return Answer::kernel();
-  }
-  if (opened[0] != '/') {
-    // The daemon works in "/"; a folder's descriptor names its place in the phone.
-    const std::string folder = call.descriptor() == AT_FDCWD ? "" : call.link(call.descriptor());
-    opened = folder + "/" + opened;
-  }
-  opened = fs::path(opened).lexically_normal().string();
-  if (const int error = fault(opened, SYS_openat); error != 0) {
-    return Answer::fault(error);
-  }
-  const auto device = devices_.find(opened);
-  if (device == devices_.end()) {
-    return Answer::kernel();
-  }
-  const std::lock_guard lock(devices_mutex_);
-  close_devices_unheld();
-  OpenedDevice answer = device->second->open(call, static_cast<int>(call.arguments[2]));
-  if (answer.fd < 0) {
-    return Answer::result(answer.fd);
-  }
-  const std::string link = "/proc/self/fd/" + std::to_string(answer.fd);
-  char name[4096] = {};
-  if (readlink(link.c_str(), name, sizeof(name) - 1) > 0 && answer.file != nullptr) {
-    opened_[name] = std::move(answer.file);
-    injecting_ = name;
-  }
-  return Answer::descriptor(answer.fd);
-}
-
-// A close is no trapped call: what the daemon no longer holds has been closed.
-void Handset::close_devices_unheld() {
-  std::set<std::string> held;
-  std::error_code ended;
-  for (fs::directory_iterator entry("/proc/" + std::to_string(pid_) + "/fd", ended), none;
-       !ended && entry != none; entry.increment(ended)) {
-    std::error_code closed;
-    held.insert(fs::read_symlink(entry->path(), closed).string());
-  }
-  // The latest may be on its way to the daemon still.
-  std::erase_if(opened_, [&](const auto& opened) {
-    return held.count(opened.first) == 0 && opened.first != injecting_;
-  });
-}
-
-size_t Handset::open_devices(const std::string& kind) {
-  const std::lock_guard lock(devices_mutex_);
-  close_devices_unheld();
-  return static_cast<size_t>(std::count_if(opened_.begin(), opened_.end(), [&](const auto& opened) {
-    return opened.first.find(kind) != std::string::npos;
-  }));
-}
-
-Answer Handset::on_ioctl(const TrappedCall& call) {
-  const std::lock_guard lock(devices_mutex_);
-  injecting_.clear();
-  const auto file = opened_.empty() ? opened_.end() : opened_.find(call.link(call.descriptor()));
-  if (file == opened_.end()) {
-    return Answer::kernel();
-  }
-  return Answer::result(
-      file->second->ioctl(call, static_cast<uint32_t>(call.arguments[1]), call.arguments[2]));
-}
-
-Answer Handset::on_read(const TrappedCall& call) {
-  const std::string file = call.link(call.descriptor());
-  if (file == kSerialTty && call.arguments[2] == kSerialReadSize) {
-    {
-      const std::lock_guard lock(devices_mutex_);
-      injecting_.clear();
-    }
-    journal.set_worker(call.thread);
-    serial.note_read();
-  }
-  return Answer::fault(fault(file, SYS_read));
-}
-
-Answer Handset::on_write(const TrappedCall& call) {
-  const std::string file = call.link(call.descriptor());
-  if (file != kSerialTty) {
-    return Answer::fault(fault(file, SYS_write));
-  }
-  std::string text(call.arguments[2], '\0');
-  if (!call.read(call.arguments[1], text.data(), text.size())) {
-    return Answer::kernel();
-  }
-  const size_t taken = serial.note_reply(text);
-  if (taken == text.size()) {
-    return Answer::kernel();
-  }
-  return Answer::result(static_cast<int64_t>(taken));
-}
-
-// The only socket that the daemon sends on is the sensor hub's.
-Answer Handset::on_sendto(const TrappedCall& call) {
-  std::string packet(std::min<uint64_t>(call.arguments[2], 4096), '\0');
-  if (call.read(call.arguments[1], packet.data(), packet.size())) {
-    if (const std::string request = sensors.describe(packet); !request.empty()) {
-      call.note("hub " + request);
-    }
-  }
-  return Answer::kernel();
+  faults_.fail(phone_path, call, error);
 }
 
 }  // namespace handset

@@ -14,7 +14,6 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,7 +21,9 @@
 
 #include "handset/journal.h"
 #include "handset/links/call_recorder.h"
-#include "handset/links/device.h"
+#include "handset/links/device_table.h"
+#include "handset/links/faults.h"
+#include "handset/links/hub_service.h"
 #include "handset/links/nodes.h"
 #include "handset/links/serial_line.h"
 #include "handset/models/cameras.h"
@@ -30,6 +31,7 @@
 #include "handset/models/display_card.h"
 #include "handset/models/input_device.h"
 #include "handset/models/kernel_modules.h"
+#include "handset/models/memory_card.h"
 #include "handset/models/power_interfaces.h"
 #include "handset/models/sensor_hub.h"
 #include "handset/models/sound_card.h"
@@ -112,14 +114,6 @@ class Handset {
   // The calls of the phone's stand-in programs, one line each: name and arguments.
   std::vector<std::string> program_calls() const;
 
-  // The memory card at /mnt/sdcard, or none.
-  struct MemoryCard {
-    uint64_t block_size;  // bytes
-    uint64_t blocks;
-    uint64_t free_blocks;  // those kept for the super-user included
-  };
-  void insert_card(const std::optional<MemoryCard>& card);
-
   // Presses one of the phone's keys, named "power", "volup" or "voldown"; false for other names. A
   // press that nobody listens to waits for the next who does.
   bool press_key(const std::string& name);
@@ -134,7 +128,7 @@ class Handset {
   Nodes nodes;
   KernelModules modules;
   Clock clock;
-  PowerInterfaces power{&nodes, clock};
+  PowerInterfaces power{clock.factor(), Nodes::caller_interrupted};
   SerialLine serial;
   Cameras cameras;  // /dev/media0 and 1, /dev/v4l-subdev0 to 5
   InputDevice volume_keys{InputDevice::kSyn | InputDevice::kKey};  // /dev/input/event0
@@ -143,32 +137,40 @@ class Handset {
                       InputDevice::kAbsolute};  // /dev/input/event2
   DrmDevice display{DrmDevice::phone_card()};   // /dev/dri/card0
   SoundCard sound;                              // /dev/snd/controlC0
-  SessionParty session_party;
-  SensorHub sensors;  // behind /dev/socket/qmi_sns_client
+  MemoryCard card;                              // at /mnt/sdcard
+  ToneParty tone_party;
+  SensorHub sensors;
+  HubService hub_service;  // the sensors' hub, at /dev/socket/qmi_sns_client
 
  private:
-  void lay_root();
+  static constexpr char kSerialTty[] = "/dev/ttyMSM0";
+
+  void lay_phone(const std::filesystem::path& profile);
+  void plug_devices();
+  void serve_power_nodes();
+  std::optional<HubService::Reply> on_hub_request(const std::string& payload);
+  int spawn_stage(const StartOptions& options, int socket);
   void receive_stage(int socket);
-  void close_devices_unheld();
-  int fault(const std::string& file, int call) const;
-  Answer on_statfs(const TrappedCall& call);
-  Answer on_clone3(const TrappedCall& call);
+
+  // In handset_calls.cpp.
+  void route_calls();
   Answer on_openat(const TrappedCall& call);
-  Answer on_ioctl(const TrappedCall& call);
   Answer on_read(const TrappedCall& call);
   Answer on_write(const TrappedCall& call);
   Answer on_sendto(const TrappedCall& call);
+  Answer on_statfs(const TrappedCall& call);
+  Answer on_clock_nanosleep(const TrappedCall& call);
+  Answer on_sync(const TrappedCall& call);
+  Answer load_module(const TrappedCall& call, const std::string& image,
+                     const std::string& parameters);
+  Answer on_init_module(const TrappedCall& call);
+  Answer on_finit_module(const TrappedCall& call);
+  Answer on_delete_module(const TrappedCall& call);
 
   std::filesystem::path daemon_;
   std::filesystem::path base_;  // holds the root and the logs; removed at the end
-  std::map<std::string, Device*> devices_;
-  mutable std::mutex card_mutex_;
-  std::optional<MemoryCard> card_;
-  mutable std::mutex faults_mutex_;
-  std::map<std::pair<std::string, int>, int> faults_;  // path and call to errno
-  mutable std::mutex devices_mutex_;
-  std::map<std::string, std::unique_ptr<DeviceFile>> opened_;  // by what /proc/PID/fd/N names
-  std::string injecting_;  // the name of the one that the daemon is being given
+  DeviceTable devices_;
+  Faults faults_;
   pid_t pid_ = 0;
   std::optional<int> status_;
   CallRecorder recorder_{&journal};

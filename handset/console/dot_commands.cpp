@@ -242,7 +242,7 @@ void fail(Handset& phone, const Line& line, std::ostream&) {
     if (!phone.nodes.value(path).has_value()) {
       refuse("no such node: " + path);
     }
-    phone.nodes.refuse(path, choice(operations, line[2]), error);
+    phone.nodes.fail(path, choice(operations, line[2]), error);
   } else {
     phone.fail(path, choice(kFailingCalls, line[2]), error);
   }
@@ -308,11 +308,11 @@ void panel(Handset& phone, const Line& line, std::ostream& out) {
 
 void card(Handset& phone, const Line& line, std::ostream&) {
   if (line[1] == "none") {
-    phone.insert_card(std::nullopt);
+    phone.card.insert(std::nullopt);
   } else if (line.size() == 4) {
-    phone.insert_card(Handset::MemoryCard{.block_size = number<uint64_t>(line[1]),
-                                          .blocks = number<uint64_t>(line[2]),
-                                          .free_blocks = number<uint64_t>(line[3])});
+    phone.card.insert(MemoryCard::Size{.block_size = number<uint64_t>(line[1]),
+                                       .blocks = number<uint64_t>(line[2]),
+                                       .free_blocks = number<uint64_t>(line[3])});
   } else {
     refuse("none, or a block's size, the blocks and the free ones");
   }
@@ -324,12 +324,12 @@ void module(Handset& phone, const Line& line, std::ostream&) {
   } else if (line[2] == "unloaded") {
     phone.modules.set_loaded(line[1], false);
   } else {
-    phone.modules.keep_busy(line[1], number<int>(line[2]));
+    phone.modules.fail(line[1], EAGAIN, number<int>(line[2]));
   }
 }
 
 void party(Handset& phone, const Line& line, std::ostream&) {
-  phone.session_party.set_answering(
+  phone.tone_party.set_answering(
       choice(std::map<std::string, bool>{{"on", true}, {"off", false}}, line[1]));
 }
 
@@ -360,17 +360,25 @@ void sensor(Handset& phone, const Line& line, std::ostream& out) {
 }
 
 void hub(Handset& phone, const Line& line, std::ostream&) {
-  using State = SensorHub::State;
+  struct State {
+    SensorHub::State hub;
+    HubService::State service;
+  };
+  using Hub = SensorHub::State;
+  using Service = HubService::State;
+  static const std::map<std::string, State> kStates = {
+      {"healthy", {Hub::kHealthy, Service::kOpen}},
+      {"silent", {Hub::kSilent, Service::kOpen}},
+      {"garbage", {Hub::kGarbage, Service::kOpen}},
+      {"refusing", {Hub::kHealthy, Service::kRefusing}},
+      {"absent", {Hub::kHealthy, Service::kAbsent}}};
   if (std::isdigit(static_cast<unsigned char>(line[1][0])) != 0) {
-    phone.sensors.set_delay(std::chrono::milliseconds(number<int>(line[1])));
+    phone.hub_service.set_delay(std::chrono::milliseconds(number<int>(line[1])));
     return;
   }
-  phone.sensors.set_state(choice(std::map<std::string, State>{{"healthy", State::kHealthy},
-                                                              {"silent", State::kSilent},
-                                                              {"garbage", State::kGarbage},
-                                                              {"refusing", State::kRefusing},
-                                                              {"absent", State::kAbsent}},
-                                 line[1]));
+  const State state = choice(kStates, line[1]);
+  phone.sensors.set_state(state.hub);
+  phone.hub_service.set_state(state.service);
 }
 
 // ---- power

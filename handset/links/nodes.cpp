@@ -17,14 +17,6 @@
 
 namespace handset {
 
-#ifdef __SANITIZE_ADDRESS__
-// The FUSE library loses a request that is under way when its mount goes.
-extern "C" const char* __lsan_default_suppressions();   // NOLINT(bugprone-reserved-identifier)
-extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
-  return "leak:libfuse3";
-}
-#endif
-
 // The file system's operations. Kernel caches are off: a value that a test sets is seen at once.
 struct NodeOperations {
   static Nodes* nodes() {
@@ -97,22 +89,22 @@ struct NodeOperations {
   }
 
   static int open(const char* path, fuse_file_info*) {
-    return refusal(path, Nodes::Operation::kOpen);
+    return failure(path, Nodes::Operation::kOpen);
   }
 
-  static int refusal(const char* path, Nodes::Operation operation) {
+  static int failure(const char* path, Nodes::Operation operation) {
     Nodes& all = *nodes();
     const std::lock_guard lock(all.mutex_);
     const auto node = all.nodes_.find(path);
     if (node == all.nodes_.end()) {
       return -ENOENT;
     }
-    const auto refused = node->second.refused.find(operation);
-    return refused == node->second.refused.end() ? 0 : -refused->second;
+    const auto error = node->second.failing.find(operation);
+    return error == node->second.failing.end() ? 0 : -error->second;
   }
 
   static int read(const char* path, char* buffer, size_t size, off_t offset, fuse_file_info*) {
-    if (const int error = refusal(path, Nodes::Operation::kRead); error != 0) {
+    if (const int error = failure(path, Nodes::Operation::kRead); error != 0) {
       return error;
     }
     Nodes& all = *nodes();
@@ -127,7 +119,7 @@ struct NodeOperations {
   }
 
   static int write(const char* path, const char* data, size_t size, off_t, fuse_file_info*) {
-    if (const int error = refusal(path, Nodes::Operation::kWrite); error != 0) {
+    if (const int error = failure(path, Nodes::Operation::kWrite); error != 0) {
       return error;
     }
     Nodes& all = *nodes();
@@ -138,7 +130,7 @@ struct NodeOperations {
       return -ENOENT;
     }
     // Recorded before a function runs, so that what it brings about comes behind it, and taken back
-    // when it refuses.
+    // when it fails.
     all.writes_.push_back({path, bytes});
     if (!node->second.write) {
       node->second.value = bytes;
@@ -151,12 +143,12 @@ struct NodeOperations {
       return static_cast<int>(size);
     }
     lock.lock();
-    const Nodes::Write refused = {path, bytes};
-    const auto recorded = std::find(all.writes_.rbegin(), all.writes_.rend(), refused);
+    const Nodes::Write failed = {path, bytes};
+    const auto recorded = std::find(all.writes_.rbegin(), all.writes_.rend(), failed);
     if (recorded != all.writes_.rend()) {
       all.writes_.erase(std::next(recorded).base());
     }
-    return -error;
+    return error;
   }
 
   static int truncate(const char*, off_t, fuse_file_info*) {
@@ -212,12 +204,12 @@ void Nodes::remove(const std::string& path) {
   nodes_.erase(path);
 }
 
-void Nodes::refuse(const std::string& path, Operation operation, int error) {
+void Nodes::fail(const std::string& path, Operation operation, int error) {
   const std::lock_guard lock(mutex_);
   if (error == 0) {
-    nodes_[path].refused.erase(operation);
+    nodes_[path].failing.erase(operation);
   } else {
-    nodes_[path].refused[operation] = error;
+    nodes_[path].failing[operation] = error;
   }
 }
 

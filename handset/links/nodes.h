@@ -35,10 +35,10 @@ class Nodes {
   void remove(const std::string& path);
 
   // Makes an operation fail with an errno from now on; 0 makes it work again.
-  void refuse(const std::string& path, Operation operation, int error);
+  void fail(const std::string& path, Operation operation, int error);
 
   // Answers reads (writes) of the node from a function instead. on_write's function gets the stored
-  // bytes and returns 0 or an errno.
+  // bytes and returns 0 or a negative errno.
   void on_read(const std::string& path, std::function<std::string()> function);
   void on_write(const std::string& path, std::function<int(const std::string&)> function);
 
@@ -46,7 +46,7 @@ class Nodes {
   // waits for the answer any more.
   static bool caller_interrupted();
 
-  // Stores in the order they came, refused ones not included; take_writes also forgets them.
+  // Stores in the order they came, failed ones not included; take_writes also forgets them.
   std::vector<Write> writes() const;
   std::vector<Write> take_writes();
 
@@ -64,7 +64,7 @@ class Nodes {
   struct Node {
     std::string value;
     mode_t mode = 0644;
-    std::map<Operation, int> refused;
+    std::map<Operation, int> failing;
     std::function<std::string()> read;
     std::function<int(const std::string&)> write;
   };

@@ -73,28 +73,37 @@ void SerialLine::relay() {
     poll(&desk, 1, 0);
     attached = (desk.revents & POLLHUP) == 0;  // hung up while nobody has the tty open
 
-    char bytes[4096];
     if ((waiting[1].revents & POLLIN) != 0) {
-      const ssize_t count = read(phone_master_, bytes, sizeof(bytes));
-      if (count > 0) {
-        // A program that does not read loses bytes, as on a line without flow control.
-        const ssize_t passed =
-            attached ? write(desk_master_, bytes, static_cast<size_t>(count)) : 0;
-        static_cast<void>(passed);
-        const std::lock_guard lock(mutex_);
-        received_.append(bytes, static_cast<size_t>(count));
-        changed_.notify_all();
-      }
+      pass_to_desk(attached);
     }
     // Also from a program that wrote and left at once.
     if ((desk.revents & POLLIN) != 0) {
-      const ssize_t count = read(desk_master_, bytes, sizeof(bytes));
-      if (count > 0) {
-        // A daemon that does not read loses bytes likewise.
-        const ssize_t passed = write(phone_master_, bytes, static_cast<size_t>(count));
-        static_cast<void>(passed);
-      }
+      pass_to_phone();
     }
+  }
+}
+
+void SerialLine::pass_to_desk(bool attached) {
+  char bytes[4096];
+  const ssize_t count = read(phone_master_, bytes, sizeof(bytes));
+  if (count < 1) {
+    return;
+  }
+  if (attached) {
+    // A program that does not read loses bytes, as on a line without flow control.
+    [[maybe_unused]] const ssize_t passed = write(desk_master_, bytes, static_cast<size_t>(count));
+  }
+  const std::lock_guard lock(mutex_);
+  received_.append(bytes, static_cast<size_t>(count));
+  changed_.notify_all();
+}
+
+void SerialLine::pass_to_phone() {
+  char bytes[4096];
+  const ssize_t count = read(desk_master_, bytes, sizeof(bytes));
+  if (count > 0) {
+    // A daemon that does not read loses bytes likewise.
+    [[maybe_unused]] const ssize_t passed = write(phone_master_, bytes, static_cast<size_t>(count));
   }
 }
 

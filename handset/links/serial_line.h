@@ -60,6 +60,8 @@ class SerialLine {
 
  private:
   void relay();
+  void pass_to_desk(bool attached);
+  void pass_to_phone();
 
   int phone_master_ = -1;
   int phone_slave_ = -1;  // kept open: the line stays up while no daemon runs

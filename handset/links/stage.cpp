@@ -2,12 +2,12 @@
 // traps, exec. A program of its own, because it must run between fork and exec without the threads
 // of the handset. Called by Handset::start only:
 //
-//   handset_stage ROOT SOCKET SERIAL DAEMON [no-threads]
+//   handset_stage ROOT SERIAL DAEMON TRAPS
 //
-// ROOT is the prepared folder, SOCKET the number of a seqpacket socket to the handset, SERIAL the
-// tty that becomes /dev/ttyMSM0 ("-" for none), DAEMON the binary that becomes /odm/bin/ftmd.
-// Sends the FUSE and the trap descriptor to the handset, or one line of text that says what is
-// missing.
+// ROOT is the prepared folder, SERIAL the tty that becomes /dev/ttyMSM0 (empty for none), DAEMON
+// the binary that becomes /odm/bin/ftmd, TRAPS the number of a StageTraps. Descriptor kStageSocket
+// is a seqpacket socket to the handset, which gets the FUSE and the trap descriptor, or one line of
+// text that says what is missing.
 
 #include "handset/links/stage.h"
 
@@ -30,7 +30,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace handset;
@@ -135,7 +137,29 @@ static void enter_root(const std::string& root) {
   }
 }
 
-static void trap_calls(StageTraps traps) {
+// ---- system call filters
+
+static sock_filter load(uint32_t offset) {
+  return BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offset);
+}
+
+static sock_filter answer(uint32_t action) {
+  return BPF_STMT(BPF_RET | BPF_K, action);
+}
+
+// Goes on when what was loaded is value, and otherwise behind the next steps.
+static sock_filter when(uint32_t value, uint8_t steps) {
+  return BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, steps);
+}
+
+constexpr uint32_t kCallNumber = offsetof(seccomp_data, nr);
+
+// The low word of a call's argument.
+static uint32_t argument(int index) {
+  return static_cast<uint32_t>(offsetof(seccomp_data, args) + 8 * index);
+}
+
+static std::vector<sock_filter> trap_program(StageTraps traps) {
 #if defined(__x86_64__)
   const uint32_t arch = AUDIT_ARCH_X86_64;
 #elif defined(__aarch64__)
@@ -143,25 +167,14 @@ static void trap_calls(StageTraps traps) {
 #else
 #error "the trap filter needs this machine's audit architecture"
 #endif
-  const auto load = [](uint32_t offset) -> sock_filter {
-    return BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offset);
-  };
-  const auto answer = [](uint32_t action) -> sock_filter {
-    return BPF_STMT(BPF_RET | BPF_K, action);
-  };
-  const auto when = [](uint32_t value, uint8_t otherwise) -> sock_filter {
-    return BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, otherwise);
-  };
-  const auto argument = [](int index) {
-    return static_cast<uint32_t>(offsetof(seccomp_data, args) + 8 * index);  // low word
-  };
-
   std::vector<sock_filter> program = {load(offsetof(seccomp_data, arch)), when(arch, 1),
                                       BPF_JUMP(BPF_JMP | BPF_JA, 1, 0, 0),
-                                      answer(SECCOMP_RET_ALLOW), load(offsetof(seccomp_data, nr))};
+                                      answer(SECCOMP_RET_ALLOW), load(kCallNumber)};
+  const auto add = [&program](std::initializer_list<sock_filter> steps) {
+    program.insert(program.end(), steps);
+  };
   for (const int call : kTrappedCalls) {
-    program.push_back(when(static_cast<uint32_t>(call), 1));
-    program.push_back(answer(SECCOMP_RET_USER_NOTIF));
+    add({when(static_cast<uint32_t>(call), 1), answer(SECCOMP_RET_USER_NOTIF)});
   }
   for (const int call : kJournalCalls) {
     program.push_back(when(static_cast<uint32_t>(call), 1));
@@ -173,30 +186,31 @@ static void trap_calls(StageTraps traps) {
   }
   if (traps == StageTraps::kCallsAndFaults) {
     for (const int call : kFaultCalls) {
-      program.push_back(when(static_cast<uint32_t>(call), 1));
-      program.push_back(answer(SECCOMP_RET_USER_NOTIF));
+      add({when(static_cast<uint32_t>(call), 1), answer(SECCOMP_RET_USER_NOTIF)});
     }
   }
   // Of all reads only those of the command loop: nothing else here reads in its size.
-  program.push_back(when(SYS_read, 3));
-  program.push_back(load(argument(2)));
-  program.push_back(when(kSerialReadSize, 1));
-  program.push_back(answer(SECCOMP_RET_USER_NOTIF));
+  add({when(SYS_read, 3), load(argument(2)), when(kSerialReadSize, 1),
+       answer(SECCOMP_RET_USER_NOTIF)});
   if (traps == StageTraps::kCallsAndThreads) {
-    program.push_back(load(offsetof(seccomp_data, nr)));
-    program.push_back(when(SYS_clone3, 1));
-    program.push_back(answer(SECCOMP_RET_ERRNO | ENOSYS));
-    program.push_back(when(SYS_clone, 3));
-    program.push_back(load(argument(0)));
-    program.push_back(BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_THREAD, 0, 1));
-    program.push_back(answer(SECCOMP_RET_ERRNO | EAGAIN));
+    add({load(kCallNumber), when(SYS_clone3, 1), answer(SECCOMP_RET_ERRNO | ENOSYS)});
+    add({when(SYS_clone, 3), load(argument(0)),
+         BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_THREAD, 0, 1),
+         answer(SECCOMP_RET_ERRNO | EAGAIN)});
   }
-  program.push_back(answer(SECCOMP_RET_ALLOW));
+  add({answer(SECCOMP_RET_ALLOW)});
+  return program;
+}
 
-  sock_fprog filter = {static_cast<uint16_t>(program.size()), program.data()};
+// The kernel's answer: what the flags ask for, or -1.
+static int install(std::vector<sock_filter> program, unsigned flags) {
+  const sock_fprog filter = {static_cast<uint16_t>(program.size()), program.data()};
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-  const auto listener = static_cast<int>(
-      syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter));
+  return static_cast<int>(syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, flags, &filter));
+}
+
+static void trap_calls(StageTraps traps) {
+  const int listener = install(trap_program(traps), SECCOMP_FILTER_FLAG_NEW_LISTENER);
   if (listener < 0) {
     fail("this machine gives no system call notification (seccomp)");
   }
@@ -206,18 +220,13 @@ static void trap_calls(StageTraps traps) {
 
 // Without traps the module calls would reach the desk's own kernel.
 static void refuse_module_calls() {
-  const auto jump = [](int call, uint8_t then) -> sock_filter {
-    return BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(call), then, 0);
-  };
-  sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-                           jump(SYS_init_module, 3),
-                           jump(SYS_finit_module, 2),
-                           jump(SYS_delete_module, 1),
-                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM)};
-  sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
-  prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-  if (syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &filter) != 0) {
+  std::vector<sock_filter> program = {load(kCallNumber)};
+  for (const uint32_t call : {SYS_init_module, SYS_finit_module, SYS_delete_module}) {
+    program.push_back(when(call, 1));
+    program.push_back(answer(SECCOMP_RET_ERRNO | EPERM));
+  }
+  program.push_back(answer(SECCOMP_RET_ALLOW));
+  if (install(std::move(program), 0) != 0) {
     fail("this machine gives no system call filter (seccomp)");
   }
 }

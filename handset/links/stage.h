@@ -26,10 +26,10 @@ constexpr int kTrappedCalls[] = {SYS_statfs,          SYS_openat,       SYS_ioct
 
 // Calls that the kernel answers and that are trapped for the journal alone.
 constexpr int kJournalCalls[] = {
-    SYS_writev,    SYS_sendto,   SYS_sendto, SYS_pwrite64, SYS_lseek,    SYS_fsync,  SYS_fdatasync,
-    SYS_ftruncate, SYS_unlinkat, SYS_fchmod, SYS_fchmodat, SYS_fchownat, SYS_execve,
+    SYS_writev,    SYS_sendto,   SYS_pwrite64, SYS_lseek,    SYS_fsync,    SYS_fdatasync,
+    SYS_ftruncate, SYS_unlinkat, SYS_fchmod,   SYS_fchmodat, SYS_fchownat, SYS_execve,
 #ifdef SYS_unlink  // what newer architectures have only with a folder's descriptor
-    SYS_unlink,    SYS_rmdir,    SYS_mkdir,  SYS_rename,   SYS_chmod,    SYS_chown,
+    SYS_unlink,    SYS_rmdir,    SYS_mkdir,    SYS_rename,   SYS_chmod,    SYS_chown,
 #endif
 };
 constexpr unsigned kSerialReadSize = 576;

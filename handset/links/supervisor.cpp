@@ -118,6 +118,26 @@ static void respond(int listener, uint64_t id, int64_t value) {
   ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);  // fails when the caller has died: no loss
 }
 
+// Lets the kernel do the call.
+static void pass_on(int listener, uint64_t id) {
+  seccomp_notif_resp response = {};
+  response.id = id;
+  response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+  ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
+}
+
+// Gives the caller a copy of the descriptor, and closes it here.
+static void respond_descriptor(int listener, uint64_t id, int fd) {
+  seccomp_notif_addfd add = {};
+  add.id = id;
+  add.flags = SECCOMP_ADDFD_FLAG_SEND;
+  add.srcfd = static_cast<uint32_t>(fd);
+  if (ioctl(listener, SECCOMP_IOCTL_NOTIF_ADDFD, &add) < 0) {
+    respond(listener, id, -errno);  // the caller may have no descriptor left
+  }
+  close(fd);
+}
+
 void Supervisor::answer_due(int listener) {
   constexpr auto kAskAgain = std::chrono::milliseconds(1);
   const auto now = steady_clock::now();
@@ -138,45 +158,35 @@ bool Supervisor::answer_next(int listener) {
     return errno == EINTR || errno == ENOENT;  // ENOENT: the caller died in between
   }
   TrappedCall call;
-  call.id = notification.id;
   call.thread = static_cast<pid_t>(notification.pid);
   call.number = notification.data.nr;
   call.journal = journal_;
   std::copy(std::begin(notification.data.args), std::end(notification.data.args), call.arguments);
-  const auto handler = handlers_.find(notification.data.nr);
+  const auto handler = handlers_.find(call.number);
   const Answer answer = handler == handlers_.end() ? Answer::kernel() : handler->second(call);
   if (observer_ != nullptr) {
     observer_(call, answer);
   }
+  give(listener, notification.id, answer);
+  return true;
+}
 
+void Supervisor::give(int listener, uint64_t id, const Answer& answer) {
   switch (answer.kind) {
-    case Answer::Kind::kKernel: {
-      seccomp_notif_resp response = {};
-      response.id = call.id;
-      response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
-      ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
+    case Answer::Kind::kKernel:
+      pass_on(listener, id);
       break;
-    }
     case Answer::Kind::kResult:
       if (answer.delay.count() > 0 || answer.ready != nullptr) {
-        later_.insert({steady_clock::now() + answer.delay, {call.id, answer.value, answer.ready}});
+        later_.insert({steady_clock::now() + answer.delay, {id, answer.value, answer.ready}});
       } else {
-        respond(listener, call.id, answer.value);
+        respond(listener, id, answer.value);
       }
       break;
-    case Answer::Kind::kDescriptor: {
-      seccomp_notif_addfd add = {};
-      add.id = call.id;
-      add.flags = SECCOMP_ADDFD_FLAG_SEND;
-      add.srcfd = static_cast<uint32_t>(answer.value);
-      if (ioctl(listener, SECCOMP_IOCTL_NOTIF_ADDFD, &add) < 0) {
-        respond(listener, call.id, -errno);  // the caller may have no descriptor left
-      }
-      close(static_cast<int>(answer.value));
+    case Answer::Kind::kDescriptor:
+      respond_descriptor(listener, id, static_cast<int>(answer.value));
       break;
-    }
   }
-  return true;
 }
 
 }  // namespace handset

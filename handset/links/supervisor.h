@@ -12,6 +12,7 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "handset/journal.h"
@@ -22,7 +23,6 @@ namespace handset {
 // A trapped call as its handler sees it.
 class TrappedCall : public Caller {
  public:
-  uint64_t id = 0;
   pid_t thread = 0;
   int number = 0;  // SYS_...
   uint64_t arguments[6] = {};
@@ -53,12 +53,14 @@ struct Answer {
     return {Kind::kResult, value, {}};
   }
   // The call fails with error, or is the kernel's when error is 0.
-  static Answer fault(int error) {
+  static Answer fail(int error) {
     return error == 0 ? kernel() : result(-error);
   }
-  // The call returns after a delay.
-  static Answer result_after(int64_t value, std::chrono::nanoseconds delay) {
-    return {Kind::kResult, value, delay};
+  // The call returns after a delay, and when ready (asked again and again; null: at once) then says
+  // true.
+  static Answer result_after(int64_t value, std::chrono::nanoseconds delay,
+                             std::function<bool()> ready) {
+    return {Kind::kResult, value, delay, std::move(ready)};
   }
   // The call returns a copy of the handset's descriptor fd, which is closed here.
   static Answer descriptor(int fd) {
@@ -68,7 +70,6 @@ struct Answer {
   Kind kind;
   int64_t value;
   std::chrono::nanoseconds delay;
-  // After its delay a result also waits for this, asked again and again, to say true.
   std::function<bool()> ready = nullptr;
 };
 
@@ -100,6 +101,7 @@ class Supervisor {
   };
   void loop(int listener);
   bool answer_next(int listener);
+  void give(int listener, uint64_t id, const Answer& answer);
   void answer_due(int listener);
   int next_timeout() const;
 

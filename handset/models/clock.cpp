@@ -2,16 +2,10 @@
 
 #include "handset/models/clock.h"
 
-#include <errno.h>
-#include <time.h>
-
-#include <algorithm>
-
 namespace handset {
 
 using std::chrono::microseconds;
 using std::chrono::nanoseconds;
-using std::chrono::seconds;
 
 std::vector<microseconds> Clock::waits() const {
   const std::lock_guard lock(mutex_);
@@ -23,29 +17,19 @@ std::vector<microseconds> Clock::take_waits() {
   return std::exchange(waits_, {});
 }
 
-Answer Clock::clock_nanosleep(const TrappedCall& call) {
-  timespec asked;
-  if (!call.read(call.arguments[2], &asked, sizeof(asked))) {
-    return Answer::result(-EFAULT);
-  }
-  nanoseconds wait = seconds(asked.tv_sec) + nanoseconds(asked.tv_nsec);
-  if ((call.arguments[1] & TIMER_ABSTIME) != 0) {
-    timespec now;
-    clock_gettime(static_cast<clockid_t>(call.arguments[0]), &now);
-    wait = std::max(nanoseconds(0), wait - seconds(now.tv_sec) - nanoseconds(now.tv_nsec));
-  }
+Clock::Wait Clock::wait(nanoseconds asked) {
   {
     const std::lock_guard lock(mutex_);
-    waits_.push_back(std::chrono::duration_cast<microseconds>(wait));
+    waits_.push_back(std::chrono::duration_cast<microseconds>(asked));
   }
   if (on_wait_) {
-    on_wait_(std::chrono::duration_cast<microseconds>(wait));
+    on_wait_(std::chrono::duration_cast<microseconds>(asked));
   }
-  Answer answer = Answer::result_after(0, std::chrono::duration_cast<nanoseconds>(wait * factor_));
-  if (on_skip != nullptr && wait > answer.delay) {
-    answer.ready = on_skip(wait - answer.delay);
+  Wait wait = {.time = std::chrono::duration_cast<nanoseconds>(asked * factor_)};
+  if (on_skip != nullptr && asked > wait.time) {
+    wait.ready = on_skip(asked - wait.time);
   }
-  return answer;
+  return wait;
 }
 
 }  // namespace handset

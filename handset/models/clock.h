@@ -9,8 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "handset/links/supervisor.h"
-
 namespace handset {
 
 class Clock {
@@ -26,15 +24,23 @@ class Clock {
   std::vector<std::chrono::microseconds> waits() const;
   std::vector<std::chrono::microseconds> take_waits();
 
-  // Runs a function when a wait begins, with the wait, on the supervisor's thread. Before start.
+  // Runs a function when a wait begins, with the wait, on the thread that begins it. Set before the
+  // first wait.
   void on_wait(std::function<void(std::chrono::microseconds)> function) {
     on_wait_ = std::move(function);
   }
 
-  Answer clock_nanosleep(const TrappedCall& call);
+  // What becomes of a wait: it takes this time on the desk, and then until ready, asked again and
+  // again, says true (null: at once).
+  struct Wait {
+    std::chrono::nanoseconds time;
+    std::function<bool()> ready = nullptr;
+  };
+  // Begins a wait of the time that the daemon asks for.
+  Wait wait(std::chrono::nanoseconds asked);
 
   // Called with the time that a wait is shortened by, for a part of the phone that acts meanwhile:
-  // the wait ends when the returned function says true. Set before start.
+  // the wait ends when the returned function says true. Set before the first wait.
   std::function<std::function<bool()>(std::chrono::nanoseconds)> on_skip;
 
  private:

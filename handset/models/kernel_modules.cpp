@@ -4,12 +4,6 @@
 
 #include <errno.h>
 
-#include <fstream>
-#include <iterator>
-#include <sstream>
-
-#include "handset/visible.h"
-
 namespace handset {
 
 void KernelModules::set_loaded(const std::string& name, bool loaded) {
@@ -26,9 +20,9 @@ bool KernelModules::loaded(const std::string& name) const {
   return loaded_.count(name) != 0;
 }
 
-void KernelModules::keep_busy(const std::string& name, int times) {
+void KernelModules::fail(const std::string& name, int error, int times) {
   const std::lock_guard lock(mutex_);
-  busy_[name] = times;
+  failures_[name] = {.error = error, .times = times};
 }
 
 std::vector<KernelModules::Call> KernelModules::calls() const {
@@ -37,7 +31,7 @@ std::vector<KernelModules::Call> KernelModules::calls() const {
 }
 
 // A module names itself in its information section: "name=NAME" and a zero byte.
-static std::string module_name(const std::string& image) {
+std::string KernelModules::name(const std::string& image) {
   const size_t start = image.find("name=");
   if (start == std::string::npos) {
     return "";
@@ -47,55 +41,29 @@ static std::string module_name(const std::string& image) {
   return image.substr(begin, end == std::string::npos ? end : end - begin);
 }
 
-static Answer noted(const TrappedCall& call, const std::string& entry, int error) {
-  call.note(entry + (error == 0 ? "" : " = " + error_name(error)));
-  return Answer::result(-error);
-}
-
-Answer KernelModules::load(const TrappedCall& call, const std::string& image,
-                           const std::string& parameters) {
-  const std::string name = module_name(image);
+int KernelModules::load(const std::string& image, const std::string& parameters) {
+  const std::string loaded = name(image);
   const std::lock_guard lock(mutex_);
-  calls_.push_back({.what = "load", .name = name, .parameters = parameters});
-  const std::string entry =
-      "load " + (name.empty() ? "nonsense" : name) + " \"" + parameters + "\"";
-  if (name.empty()) {
-    return noted(call, entry, ENOEXEC);
+  calls_.push_back({.what = "load", .name = loaded, .parameters = parameters});
+  if (loaded.empty()) {
+    return -ENOEXEC;
   }
-  return noted(call, entry, loaded_.insert(name).second ? 0 : EEXIST);
+  return loaded_.insert(loaded).second ? 0 : -EEXIST;
 }
 
-Answer KernelModules::init_module(const TrappedCall& call) {
-  constexpr uint64_t kLargest = 64U << 20;
-  std::string image(call.arguments[1] > kLargest ? 0 : call.arguments[1], '\0');
-  if (!call.read(call.arguments[0], image.data(), image.size())) {
-    return Answer::result(-EFAULT);
-  }
-  return load(call, image, call.text(call.arguments[2]));
-}
-
-Answer KernelModules::finit_module(const TrappedCall& call) {
-  std::ifstream file("/proc/" + std::to_string(call.thread) + "/fd/" +
-                     std::to_string(call.descriptor()));
-  const std::string image{std::istreambuf_iterator<char>(file), {}};
-  return load(call, image, call.text(call.arguments[1]));
-}
-
-Answer KernelModules::delete_module(const TrappedCall& call) {
-  const std::string name = call.text(call.arguments[0]);
+int KernelModules::unload(const std::string& name, uint64_t flags) {
   const std::lock_guard lock(mutex_);
-  calls_.push_back({.what = "unload", .name = name, .flags = call.arguments[1]});
-  std::ostringstream entry;
-  entry << "unload " << name << " flags 0x" << std::hex << call.arguments[1];
+  calls_.push_back({.what = "unload", .name = name, .flags = flags});
   if (loaded_.count(name) == 0) {
-    return noted(call, entry.str(), ENOENT);
+    return -ENOENT;
   }
-  if (busy_[name] > 0) {
-    --busy_[name];
-    return noted(call, entry.str(), EAGAIN);
+  if (const auto failure = failures_.find(name);
+      failure != failures_.end() && failure->second.times > 0) {
+    --failure->second.times;
+    return -failure->second.error;
   }
   loaded_.erase(name);
-  return noted(call, entry.str(), 0);
+  return 0;
 }
 
 }  // namespace handset

@@ -3,13 +3,12 @@
 
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
 #include <vector>
-
-#include "handset/links/supervisor.h"
 
 namespace handset {
 
@@ -26,22 +25,28 @@ class KernelModules {
   void set_loaded(const std::string& name, bool loaded);
   bool loaded(const std::string& name) const;
 
-  // The next unloads of the module answer EAGAIN, this many times.
-  void keep_busy(const std::string& name, int times);
+  // The next unloads of the module fail with an errno, this many times.
+  void fail(const std::string& name, int error, int times);
 
   // The calls so far, in order.
   std::vector<Call> calls() const;
 
-  Answer init_module(const TrappedCall& call);
-  Answer finit_module(const TrappedCall& call);
-  Answer delete_module(const TrappedCall& call);
+  // The name that a module's image gives itself; empty for an image that is none.
+  static std::string name(const std::string& image);
+  // Answer a load of a module's image and an unload: 0 or a negative errno. The parameters and
+  // flags (O_NONBLOCK, O_TRUNC) are only recorded.
+  int load(const std::string& image, const std::string& parameters);
+  int unload(const std::string& name, uint64_t flags);
 
  private:
-  Answer load(const TrappedCall& call, const std::string& image, const std::string& parameters);
+  struct Failure {
+    int error;
+    int times;
+  };
 
   mutable std::mutex mutex_;
   std::set<std::string> loaded_;
-  std::map<std::string, int> busy_;
+  std::map<std::string, Failure> failures_;
   std::vector<Call> calls_;
 };
 

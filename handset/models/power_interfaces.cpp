@@ -18,20 +18,6 @@ static std::string first_word(const std::string& text) {
   return text.substr(0, text.find_first_of(kSpace));
 }
 
-PowerInterfaces::PowerInterfaces(Nodes* nodes, const Clock& clock) : factor_(clock.factor()) {
-  using Text = const std::string&;
-  nodes->set("/sys/power/state", "freeze mem\n");
-  nodes->on_write("/sys/power/state", [this](Text text) { return store_state(text); });
-  nodes->on_read("/sys/power/wakeup_count", [this] { return show_wakeup_count(); });
-  nodes->on_write("/sys/power/wakeup_count",
-                  [this](Text text) { return store_wakeup_count(text); });
-  nodes->on_read("/sys/power/wake_lock", [this] { return show_wake_locks(); });
-  nodes->on_write("/sys/power/wake_lock", [this](Text text) { return store_wake_lock(text); });
-  nodes->on_write("/sys/power/wake_unlock", [this](Text text) { return store_wake_unlock(text); });
-  nodes->on_read("/sys/class/rtc/rtc0/wakealarm", [this] { return show_alarm(); });
-  nodes->on_write("/sys/class/rtc/rtc0/wakealarm", [this](Text text) { return store_alarm(text); });
-}
-
 bool PowerInterfaces::asleep() const {
   const std::lock_guard lock(mutex_);
   return asleep_;
@@ -86,10 +72,9 @@ void PowerInterfaces::set_suspend_time(milliseconds time) {
   suspend_time_ = time;
 }
 
-Answer PowerInterfaces::sync(const TrappedCall&) {
+void PowerInterfaces::note_sync() {
   const std::lock_guard lock(mutex_);
   ++syncs_;
-  return Answer::result(0);
 }
 
 void PowerInterfaces::note_event() {
@@ -106,31 +91,32 @@ void PowerInterfaces::note_alarm() {
   note_event();
 }
 
-// The alarm fires by whoever looks next; those who wait look often.
+// Fires the alarm when its time has come. No thread does so by itself: every show and store calls
+// this first, and those that wait call it at each moment.
 void PowerInterfaces::note_time() {
   if (alarm_.has_value() && steady_clock::now() >= *alarm_) {
     note_alarm();
   }
 }
 
-// Waits for a change. False when the process that asks has been ended meanwhile.
+// Waits a moment, or until a change. False when nobody waits for the result any more.
 bool PowerInterfaces::wait_moment(Lock& lock) {
   constexpr milliseconds kMoment(10);
   changed_.wait_for(lock, kMoment);
   note_time();
-  return !Nodes::caller_interrupted();
+  return !interrupted_();
 }
 
 int PowerInterfaces::store_state(const std::string& text) {
   if (first_word(text) != "mem") {
-    return EINVAL;
+    return -EINVAL;
   }
   Lock lock(mutex_);
   note_time();
   const bool moved = written_count_.has_value() && *written_count_ != wakeup_count_;
   written_count_.reset();
   if (moved || !wake_locks_.empty()) {
-    return EBUSY;
+    return -EBUSY;
   }
   const Time start = steady_clock::now();
   asleep_ = true;
@@ -139,7 +125,7 @@ int PowerInterfaces::store_state(const std::string& text) {
          (!suspend_time_.has_value() || steady_clock::now() < start + *suspend_time_ * factor_)) {
     if (!wait_moment(lock)) {
       asleep_ = false;
-      return EINTR;
+      return -EINTR;
     }
   }
   asleep_ = false;
@@ -161,7 +147,7 @@ int PowerInterfaces::store_wakeup_count(const std::string& text) {
   const std::lock_guard lock(mutex_);
   note_time();
   if (!wake_locks_.empty() || first_word(text) != std::to_string(wakeup_count_)) {
-    return EINVAL;
+    return -EINVAL;
   }
   written_count_ = wakeup_count_;
   return 0;
@@ -170,7 +156,7 @@ int PowerInterfaces::store_wakeup_count(const std::string& text) {
 int PowerInterfaces::store_wake_lock(const std::string& text) {
   const std::string name = first_word(text);
   if (name.empty()) {
-    return EINVAL;
+    return -EINVAL;
   }
   const std::lock_guard lock(mutex_);
   wake_locks_.insert(name);
@@ -182,14 +168,14 @@ int PowerInterfaces::store_wake_lock(const std::string& text) {
 int PowerInterfaces::store_wake_unlock(const std::string& text) {
   const std::lock_guard lock(mutex_);
   if (wake_locks_.erase(first_word(text)) == 0) {
-    return EINVAL;
+    return -EINVAL;
   }
   ++wakeup_count_;  // the event has ended
   changed_.notify_all();
   return 0;
 }
 
-std::string PowerInterfaces::show_wake_locks() const {
+std::string PowerInterfaces::show_wake_locks() {
   const std::lock_guard lock(mutex_);
   std::string names;
   for (const std::string& name : wake_locks_) {
@@ -205,10 +191,10 @@ int PowerInterfaces::store_alarm(const std::string& text) {
   const long number = strtol(text.c_str(), nullptr, 10);
   if (text[0] != '+') {
     alarm_.reset();
-    return number == 0 ? 0 : EINVAL;
+    return number == 0 ? 0 : -EINVAL;
   }
   if (alarm_.has_value()) {
-    return EBUSY;
+    return -EBUSY;
   }
   alarm_ = factor_ == 0
                ? Time::max()

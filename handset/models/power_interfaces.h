@@ -8,21 +8,22 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
-
-#include "handset/links/nodes.h"
-#include "handset/models/clock.h"
+#include <utility>
 
 namespace handset {
 
 class PowerInterfaces {
  public:
-  // Answers for the nodes from now on. The clock's factor is that of the alarm and of the suspend
-  // time; with factor 0 no time passes for the alarm, which then fires only when fired here.
-  PowerInterfaces(Nodes* nodes, const Clock& clock);
+  // The alarm and the suspend time take this part of their time: 1 real time; with 0 no time passes
+  // for the alarm, which then fires only when fired here. interrupted is asked by a show or store
+  // that waits, on its thread: true when nobody waits for its result any more.
+  PowerInterfaces(double time_factor, std::function<bool()> interrupted)
+      : factor_(time_factor), interrupted_(std::move(interrupted)) {}
 
   bool asleep() const;
   // Suspends that ended in a resume.
@@ -32,7 +33,7 @@ class PowerInterfaces {
   uint64_t wakeup_count() const;
   // True from its arming until the alarm fires.
   bool alarm_pending() const;
-  // How often the phone's processes have flushed the file systems (those of the desk are left be).
+  // How often the phone's processes have flushed the file systems.
   int syncs() const;
 
   // Waits until the phone sleeps. False when the limit passes first.
@@ -47,20 +48,24 @@ class PowerInterfaces {
   // Each suspend from now on lasts this long at most.
   void set_suspend_time(std::chrono::milliseconds time);
 
-  Answer sync(const TrappedCall& call);
+  // One of the phone's processes flushes the file systems.
+  void note_sync();
+
+  // What a read of a node gives, and what comes of a write to it: 0 or a negative errno.
+  // store_state waits until the phone wakes up, show_wakeup_count until no event is in progress,
+  // show_alarm until the phone is awake, each until interrupted at most.
+  int store_state(const std::string& text);
+  std::string show_wakeup_count();
+  int store_wakeup_count(const std::string& text);
+  std::string show_wake_locks();
+  int store_wake_lock(const std::string& text);
+  int store_wake_unlock(const std::string& text);
+  std::string show_alarm();
+  int store_alarm(const std::string& text);
 
  private:
   using Time = std::chrono::steady_clock::time_point;
   using Lock = std::unique_lock<std::mutex>;
-
-  int store_state(const std::string& text);
-  std::string show_wakeup_count();
-  int store_wakeup_count(const std::string& text);
-  int store_wake_lock(const std::string& text);
-  int store_wake_unlock(const std::string& text);
-  std::string show_wake_locks() const;
-  int store_alarm(const std::string& text);
-  std::string show_alarm();
 
   bool wait_moment(Lock& lock);
   void note_event();
@@ -68,6 +73,7 @@ class PowerInterfaces {
   void note_time();
 
   const double factor_;
+  const std::function<bool()> interrupted_;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
   bool asleep_ = false;

@@ -128,15 +128,6 @@ std::string SoundCard::show(const std::string& name) const {
   return control == nullptr ? "" : show(*control);
 }
 
-std::vector<std::string> SoundCard::show_all() const {
-  const std::lock_guard lock(mutex_);
-  std::vector<std::string> all;
-  for (const Control& control : controls_) {
-    all.push_back(show(control));
-  }
-  return all;
-}
-
 std::vector<std::string> SoundCard::writes() const {
   const std::lock_guard lock(mutex_);
   return writes_;

@@ -36,7 +36,6 @@ class SoundCard : public Device {
   // "NAME = VALUE VALUE...": numbers, an ENUM's items, a BYTE's two hexadecimal digits. Empty when
   // there is no such control.
   std::string show(const std::string& name) const;
-  std::vector<std::string> show_all() const;
 
   // Every write that the card took, in order, as show gives it; take_writes also forgets them.
   std::vector<std::string> writes() const;

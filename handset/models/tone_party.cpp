@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 static const char kSession[] = "vendor.norva.mm.ftm_spk";
 
-void SessionParty::attend(const fs::path& folder) {
+void ToneParty::attend(const fs::path& folder) {
   folder_ = folder;
   const int events = inotify_init1(IN_CLOEXEC);
   // A property is written aside and renamed.
@@ -30,7 +30,7 @@ void SessionParty::attend(const fs::path& folder) {
   thread_ = std::thread([this, events] { watch(events); });
 }
 
-SessionParty::~SessionParty() {
+ToneParty::~ToneParty() {
   if (thread_.joinable()) {
     close(stop_[1]);
     thread_.join();
@@ -38,12 +38,12 @@ SessionParty::~SessionParty() {
   }
 }
 
-void SessionParty::set_answering(bool answering) {
+void ToneParty::set_answering(bool answering) {
   answering_ = answering;
   look();
 }
 
-void SessionParty::watch(int events) {
+void ToneParty::watch(int events) {
   for (;;) {
     pollfd waiting[] = {{events, POLLIN, 0}, {stop_[0], POLLIN, 0}};
     if (poll(waiting, 2, -1) < 0 && errno != EINTR) {
@@ -60,7 +60,7 @@ void SessionParty::watch(int events) {
   close(events);
 }
 
-void SessionParty::look() const {
+void ToneParty::look() const {
   std::ifstream stream(folder_ / kSession);
   const std::string session{std::istreambuf_iterator<char>(stream), {}};
   if (answering_ && session == "cmd_off") {

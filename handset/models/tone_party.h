@@ -11,17 +11,14 @@
 
 namespace handset {
 
-class SessionParty {
+class ToneParty {
  public:
-  ~SessionParty();
+  ~ToneParty();
 
   // folder is that of the property files; it must stay until the party ends.
   void attend(const std::filesystem::path& folder);
   // False: it looks on and says nothing.
   void set_answering(bool answering);
-  bool answering() const {
-    return answering_;
-  }
 
  private:
   void watch(int events);

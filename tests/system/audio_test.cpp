@@ -94,14 +94,14 @@ TEST(Loudspeaker, PlaysFromOnToOff) {
 
 TEST(Loudspeaker, OffWaitsForTheSecondParty) {
   Handset phone;
-  phone.session_party.set_answering(false);
+  phone.tone_party.set_answering(false);
   phone.start();
   command(phone, kOn, 1);
   phone.sound.take_writes();
   phone.serial.send(std::string(kOff) + "\r\n");
   EXPECT_TRUE(soon([&] { return phone.property(kSession) == "cmd_off"; }));
   EXPECT_FALSE(phone.serial.wait_replies(1, std::chrono::seconds(1)));
-  phone.session_party.set_answering(true);
+  phone.tone_party.set_answering(true);
   EXPECT_TRUE(phone.serial.wait_replies(1, kLimit));
   EXPECT_TRUE(soon([&] { return phone.sound.writes() == kToneResets; }));
 

@@ -81,9 +81,9 @@ TEST(Battery, SwitchesTheReverseChargingTransmitter) {
                {{kTransmitter, "0"}},
                {},
                {"[FTM-Battery&Charging]target mode: 0\n"}}});
-  phone.nodes.refuse(kTransmitter, Nodes::Operation::kWrite, EBUSY);
+  phone.nodes.fail(kTransmitter, Nodes::Operation::kWrite, EBUSY);
   expect_exchange(phone, {"AT+OPEN_REVERSE_CHARGE", {"ERROR\n"}, {}, {}, {"target mode: 1\n"}});
-  phone.nodes.refuse(kTransmitter, Nodes::Operation::kOpen, EBUSY);
+  phone.nodes.fail(kTransmitter, Nodes::Operation::kOpen, EBUSY);
   expect_exchange(phone, {"AT+OPEN_REVERSE_CHARGE", {"ERROR\n"}, {}, {}, {"target mode: 1\n"}});
   phone.nodes.remove(kTransmitter);
   expect_exchange(phone, {"AT+CLOSE_REVERSE_CHARGE",

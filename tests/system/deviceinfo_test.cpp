@@ -223,20 +223,20 @@ TEST(Storage, MeasuresTheMemoryCard) {
   Handset phone;
   phone.start();
   struct Case {
-    std::optional<Handset::MemoryCard> card;
+    std::optional<MemoryCard::Size> card;
     Replies replies;
   };
   const std::vector<Case> cases = {
-      {Handset::MemoryCard{32768, 1941504, 1931264},
+      {MemoryCard::Size{32768, 1941504, 1931264},
        {"OK\r\n", "SDcard total=59.25GB, free=58.94GB\n"}},
-      {Handset::MemoryCard{4096, 262144, 0}, {"OK\r\n", "SDcard total=1.00GB, free=0.00GB\n"}},
-      {Handset::MemoryCard{131072, 25165824, 16777216},
+      {MemoryCard::Size{4096, 262144, 0}, {"OK\r\n", "SDcard total=1.00GB, free=0.00GB\n"}},
+      {MemoryCard::Size{131072, 25165824, 16777216},
        {"OK\r\n", "SDcard total=3072.00GB, free=2048.00GB\n"}},
-      {Handset::MemoryCard{512, 2047, 2047}, {"OK\r\n", "SDcard total=0.00GB, free=0.00GB\n"}},
+      {MemoryCard::Size{512, 2047, 2047}, {"OK\r\n", "SDcard total=0.00GB, free=0.00GB\n"}},
       {std::nullopt, {"ERROR\n", "/mnt/sdcard not exit\n"}},
   };
   for (const Case& c : cases) {
-    phone.insert_card(c.card);
+    phone.card.insert(c.card);
     expect_exchange(phone, {"AT+MEMCARD", c.replies});
   }
 }

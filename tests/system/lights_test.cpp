@@ -84,7 +84,7 @@ TEST(Lights, AnswerOkWhateverTheNodesSay) {
   phone.start();
   for (const std::string& node :
        {kBacklight, kKeys, std::string("/sys/class/leds/red/brightness")}) {
-    phone.nodes.refuse(node, Nodes::Operation::kWrite, EIO);
+    phone.nodes.fail(node, Nodes::Operation::kWrite, EIO);
   }
   phone.nodes.remove("/sys/class/leds/green/brightness");
   for (const char* row : {"AT+EDFT=9,1", "AT+EDFT=9,0", "AT+RGB", "AT+EDFT=0,5", "AT+EDFT=0,0",

@@ -6,6 +6,7 @@
 
 using Request = SensorHub::Request;
 using State = SensorHub::State;
+using Service = HubService::State;
 
 static std::vector<std::string> answer(const std::string& text) {
   return {text, "OK\r\n"};
@@ -108,20 +109,20 @@ TEST(Sensors, FailWithoutAHubAndWorkWhenItIsBack) {
   Handset phone;
   phone.start();
   for (int round = 0; round < 2; ++round) {
-    phone.sensors.set_state(State::kAbsent);
+    phone.hub_service.set_state(Service::kAbsent);
     expect_exchange(phone, {"AT+GSENSOR",
                             {"ERROR\n"},
                             {},
                             {200},
                             {"wait_for_service: Service is not available after 200 timeout",
                              "[AT_SENSOR]open_sensor fail\n"}});
-    phone.sensors.set_state(State::kRefusing);
+    phone.hub_service.set_state(Service::kRefusing);
     expect_exchange(phone, {"AT+DUAL_GYRO",
                             {"ERROR\n"},
                             {},
                             {},
                             {"create_client_conn: qmi_client_init_instance error -3"}});
-    phone.sensors.set_state(State::kHealthy);
+    phone.hub_service.set_state(Service::kOpen);
     expect_exchange(phone, {"AT+GSENSOR", kCommands[0].healthy, {}, {800}});
   }
 }
@@ -142,7 +143,7 @@ TEST(Sensors, LightIsChosenByTheCalibrationNode) {
     phone.nodes.set(node, text);
     expect_exchange(phone, {"AT+LIGHT", replies, {}, {800}});
   }
-  phone.nodes.refuse(node, Nodes::Operation::kRead, EIO);
+  phone.nodes.fail(node, Nodes::Operation::kRead, EIO);
   expect_exchange(
       phone, {"AT+LIGHT", ambient, {}, {800}, {"als_type_buffer =\n", "[AT_SENSOR]als_type =0\n"}});
   phone.nodes.remove(node);
@@ -197,7 +198,7 @@ TEST(Sensors, WaitNoLongerForASlowHub) {
   // Lookup, attributes, enabling and a sample's 100 ms: all within the wait, or nothing.
   for (const Case& c : {Case{200, true, true}, Case{250, false, true}, Case{320, false, false}}) {
     SCOPED_TRACE(c.answer_ms);
-    phone.sensors.set_delay(std::chrono::milliseconds(c.answer_ms));
+    phone.hub_service.set_delay(std::chrono::milliseconds(c.answer_ms));
     expect_exchange(
         phone, {"AT+GSENSOR", c.accel ? kCommands[0].healthy : kCommands[0].silent, {}, {800}});
     expect_exchange(phone, {"AT+DUAL_GSENSOR",
@@ -219,9 +220,9 @@ TEST(Sensors, OutliveAHubThatIsOutOfItsMind) {
                    {800},
                    {"decode_sensor_event: ERROR EVENT", "decode_sensor_event: UNKNOWN EVENT 4711",
                     "decode_proximity_event: ERROR "}});
-  phone.sensors.set_greeting("not a message");
+  phone.hub_service.set_greeting("not a message");
   expect_exchange(phone, {"AT+GYRO", kCommands[1].healthy, {}, {800}, {"ind_msg_cb: ERROR "}});
-  phone.sensors.set_greeting("");
+  phone.hub_service.set_greeting("");
   phone.sensors.set_state(State::kGarbage);
   phone.sensors.set_sample_period(std::chrono::milliseconds(5));
   for (int round = 0; round < 5; ++round) {

@@ -86,8 +86,8 @@ static const std::vector<std::string> kIpcLogs = {"adsp_glink", "cdsp_smem", "qr
 // A phone whose engine cannot be set up and whose alarm cannot be set: each AT+ESLP=1 is a first
 // one, and takes the first snapshot only.
 static void keep_engine_off(Handset& phone) {
-  phone.nodes.refuse(kState, Operation::kOpen, EACCES);
-  phone.nodes.refuse(kAlarm, Operation::kOpen, EACCES);
+  phone.nodes.fail(kState, Operation::kOpen, EACCES);
+  phone.nodes.fail(kAlarm, Operation::kOpen, EACCES);
 }
 
 TEST(Sleep, TheWholeCycleTwice) {
@@ -262,12 +262,12 @@ TEST(Sleep, MissingNodesAreLoggedAndSkipped) {
   }
   for (size_t i = 0; i < kEnableWrites.size(); ++i) {
     SCOPED_TRACE(kEnableWrites[i].path);
-    phone.nodes.refuse(kEnableWrites[i].path, Operation::kOpen, ENOENT);
+    phone.nodes.fail(kEnableWrites[i].path, Operation::kOpen, ENOENT);
     std::vector<Nodes::Write> others = kEnableWrites;
     others.erase(others.begin() + static_cast<ptrdiff_t>(i));
     const std::string line = i < 3 ? "file open failed\n" : "power_set_can_sleep failed\n";
     expect_exchange(phone, {"AT+ESLP=1", {"OK\r\n"}, others, {10}, {"[FTM-POWER]" + line}});
-    phone.nodes.refuse(kEnableWrites[i].path, Operation::kOpen, 0);
+    phone.nodes.fail(kEnableWrites[i].path, Operation::kOpen, 0);
     phone.command("AT+ESLP=0");
   }
   fs::remove_all(phone.path("/d/ipc_logging"));
@@ -277,7 +277,7 @@ TEST(Sleep, MissingNodesAreLoggedAndSkipped) {
   EXPECT_TRUE(logged(phone, "fail to open file sys/class/rtc/rtc0/wakealarm\n"));
   EXPECT_FALSE(logged(phone, "device sleep fail"));
 
-  phone.nodes.refuse("/sys/power/wake_lock", Operation::kWrite, EIO);
+  phone.nodes.fail("/sys/power/wake_lock", Operation::kWrite, EIO);
   expect_exchange(
       phone, {"AT+ESLP=0", {"OK\r\n"}, {}, {}, {"[FTM-POWER]power_set_cannot_sleep failed\n"}});
 }

@@ -20,16 +20,15 @@ TEST(SuspendEngine, BacksOffWhileItFailsAndStartsAnewAfterOneSuccess) {
     std::string logged;
   };
   static std::atomic<bool> odd_count;
-  const auto refuse = [](const std::string& node, Operation operation) {
-    return [=](Handset& phone, bool failing) {
-      phone.nodes.refuse(node, operation, failing ? EIO : 0);
-    };
+  const auto failure = [](const std::string& node, Operation operation) {
+    return
+        [=](Handset& phone, bool failing) { phone.nodes.fail(node, operation, failing ? EIO : 0); };
   };
   const std::vector<Case> cases = {
-      {"state refused", refuse(kState, Operation::kWrite), ""},
-      {"count refused", refuse(kCount, Operation::kWrite),
+      {"state refused", failure(kState, Operation::kWrite), ""},
+      {"count refused", failure(kCount, Operation::kWrite),
        "error writing to /sys/power/wakeup_count: Input/output error"},
-      {"count unreadable", refuse(kCount, Operation::kRead),
+      {"count unreadable", failure(kCount, Operation::kRead),
        "error reading from /sys/power/wakeup_count: Input/output error"},
       {"no way back to the count's start",
        [](Handset& phone, bool failing) { phone.fail(kCount, SYS_lseek, failing ? EIO : 0); },
@@ -143,12 +142,12 @@ TEST(SuspendEngine, TellsTheFirstCallbackTheOutcome) {
   phone.start();
   phone.command("AT+CALLBACKS");
   EXPECT_EQ(times(phone.log(), "duplicate wakeup callback applied, keeping original\n"), 1U);
-  phone.nodes.refuse(kState, Operation::kWrite, EBUSY);
+  phone.nodes.fail(kState, Operation::kWrite, EBUSY);
   phone.command("AT+ENABLE");
   EXPECT_TRUE(eventually(
       [&] { return phone.log().find("[FTM-PROBE]first callback: 0\n") != std::string::npos; }));
   EXPECT_EQ(phone.log().find("[FTM-PROBE]first callback: 1\n"), std::string::npos);
-  phone.nodes.refuse(kState, Operation::kWrite, 0);
+  phone.nodes.fail(kState, Operation::kWrite, 0);
   ASSERT_TRUE(phone.power.wait_asleep());
   phone.power.wakeup_event();
   ASSERT_TRUE(phone.power.wait_asleep());
@@ -160,17 +159,17 @@ TEST(SuspendEngine, ForcesASuspendWhateverTheCount) {
   Handset phone({.daemon = FTM_POWER_PROBE});
   phone.power.set_suspend_time(std::chrono::milliseconds(1000));
   phone.start();
-  phone.nodes.refuse(kState, Operation::kOpen, EACCES);
+  phone.nodes.fail(kState, Operation::kOpen, EACCES);
   expect_exchange(phone, {"AT+FORCE",
                           {"-1"},
                           {},
                           {},
                           {"force_suspend called with timeout: 1234\n",
                            "error opening /sys/power/state: Permission denied\n"}});
-  phone.nodes.refuse(kState, Operation::kOpen, 0);
+  phone.nodes.fail(kState, Operation::kOpen, 0);
   expect_exchange(phone, {"AT+FORCE", {"0"}, {{kState, "mem"}}, {}, {"init_state_fd success\n"}});
   EXPECT_EQ(phone.power.suspends(), 1);
-  phone.nodes.refuse(kState, Operation::kWrite, EBUSY);
+  phone.nodes.fail(kState, Operation::kWrite, EBUSY);
   expect_exchange(phone, {"AT+FORCE", {"-1"}});
   EXPECT_EQ(times(phone.log(), "init_state_fd success\n"), 1U);  // opened once
 }
@@ -196,7 +195,7 @@ TEST(SuspendEngine, TriesAFailedSetUpAgainAtTheNextEnable) {
     SCOPED_TRACE(node);
     Handset phone({.daemon = FTM_POWER_PROBE});
     phone.start();
-    phone.nodes.refuse(node, Operation::kOpen, ENOENT);
+    phone.nodes.fail(node, Operation::kOpen, ENOENT);
     const size_t descriptors = phone.open_descriptors();
     for (int i = 0; i < 2; ++i) {
       expect_exchange(phone, {"AT+ENABLE",
@@ -207,7 +206,7 @@ TEST(SuspendEngine, TriesAFailedSetUpAgainAtTheNextEnable) {
                                "autosuspend_init failed\n"}});
     }
     EXPECT_LE(phone.open_descriptors(), descriptors + 1);  // the state file stays open
-    phone.nodes.refuse(node, Operation::kOpen, 0);
+    phone.nodes.fail(node, Operation::kOpen, 0);
     EXPECT_EQ(phone.command("AT+ENABLE"), Replies{"0"});
     EXPECT_TRUE(phone.power.wait_asleep());
     EXPECT_EQ(times(phone.log(), "init_state_fd success\n"), 1U);

@@ -63,17 +63,17 @@ TEST(Vibrator, TakesItsFirstStateFromTheDurationNode) {
 
 TEST(Vibrator, AnUnknownStateStopsAtTheFirstOff) {
   Handset phone;
-  phone.nodes.refuse(kDuration, Nodes::Operation::kRead, EIO);
-  phone.nodes.refuse(kDuration, Nodes::Operation::kOpen, EIO);
+  phone.nodes.fail(kDuration, Nodes::Operation::kRead, EIO);
+  phone.nodes.fail(kDuration, Nodes::Operation::kOpen, EIO);
   phone.start();
-  phone.nodes.refuse(kDuration, Nodes::Operation::kOpen, 0);
+  phone.nodes.fail(kDuration, Nodes::Operation::kOpen, 0);
   expect_exchange(phone, {"AT+EDFT=6,0", {"OK\r\n"}, kStopped, {500}});
 }
 
 TEST(Vibrator, MotorFailuresShowOnlyInTheLog) {
   Handset phone;
   phone.start();
-  phone.nodes.refuse(kDuration, Nodes::Operation::kWrite, EIO);
+  phone.nodes.fail(kDuration, Nodes::Operation::kWrite, EIO);
   phone.nodes.remove(kActivate);
   const std::vector<std::string> logged = {
       std::string("[FTM-UTILS]fail to write file ") + kDuration + "\n",
@@ -96,7 +96,7 @@ TEST(Vibrator, LeakageTestReportsAFailedWriteAtOnce) {
                             {{kLeakage, "0"}},
                             {500},
                             {"at_aw8697_leakage_off, ret=0\n"}}});
-  phone.nodes.refuse(kLeakage, Nodes::Operation::kWrite, EINVAL);
+  phone.nodes.fail(kLeakage, Nodes::Operation::kWrite, EINVAL);
   expect_exchange(phone, {"AT+AW8697_LEAKAGE_ON", {"ERROR\n"}, {}, {}, {failed}});
   phone.nodes.remove(kLeakage);
   expect_exchange(phone, {"AT+AW8697_LEAKAGE_OFF", {"ERROR\n"}, {}, {}, {failed}});

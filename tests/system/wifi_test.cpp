@@ -60,7 +60,7 @@ TEST(Wifi, CloseTriesABusyDriverTenTimesHalfASecondApart) {
     SCOPED_TRACE(c.busy);
     Handset phone;
     phone.modules.set_loaded("wlan", true);
-    phone.modules.keep_busy("wlan", c.busy);
+    phone.modules.fail("wlan", EAGAIN, c.busy);
     phone.start();
     expect_exchange(phone, {"AT^CLOSE_WIFI", {"OK\r\n", "STOP"}, {}, c.waits, {c.logged}});
     std::vector<KernelModules::Call> calls(c.unloads, unload("wlan"));

@@ -1,9 +1,5 @@
-// QMI clients over Unix sockets, and the messages of the sensor client service; see qmi_client.h.
-//
-// A packet is a head of seven bytes (kind, transaction, message id, length of the rest, all little
-// endian) and a body of fields: type byte, two bytes of length, value. With every packet that a
-// client has taken and whose callback has returned, it sends a packet of kind kHandled, so that a
-// simulated service knows when its client has nothing left to do.
+// QMI clients over Unix sockets, and the messages of the sensor client service; see qmi_client.h
+// and, for what travels, packet.h.
 
 #include "platform/host/qmi/qmi_client.h"
 
@@ -20,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/host/qmi/packet.h"
 #include "platform/host/qmi/qmi_idl_lib.h"
 #include "platform/host/qmi/sns_client_api_v01.h"
 
@@ -40,9 +37,6 @@ qmi_idl_service_object_type SNS_CLIENT_SVC_get_service_object_internal_v01(int32
 
 // ---- bodies
 
-enum PacketKind : uint8_t { kRequest = 0, kResponse = 2, kIndication = 4, kHandled = 0xff };
-
-static constexpr size_t kHeadSize = 7;
 static constexpr size_t kLargestPacket = 65536;
 
 static void put(std::vector<uint8_t>* bytes, uint64_t value, size_t size) {
@@ -67,16 +61,16 @@ struct Field {
 // The fields of a body by type. False when it is cut off.
 static bool split(const uint8_t* body, size_t size, std::map<uint8_t, Field>* fields) {
   while (size > 0) {
-    if (size < 3) {
+    if (size < qmi::kFieldHeadSize) {
       return false;
     }
     const size_t length = get(body + 1, 2);
-    if (length > size - 3) {
+    if (length > size - qmi::kFieldHeadSize) {
       return false;
     }
-    (*fields)[body[0]] = {body + 3, length};
-    body += 3 + length;
-    size -= 3 + length;
+    (*fields)[body[0]] = {body + qmi::kFieldHeadSize, length};
+    body += qmi::kFieldHeadSize + length;
+    size -= qmi::kFieldHeadSize + length;
   }
   return true;
 }
@@ -164,12 +158,10 @@ struct Client {
   std::map<uint16_t, Transaction> transactions = {};
 };
 
-static bool send_packet(int socket, PacketKind kind, uint16_t txn, uint16_t msg_id,
+static bool send_packet(int socket, qmi::PacketKind kind, uint16_t txn, uint16_t msg_id,
                         const std::vector<uint8_t>& body) {
-  std::vector<uint8_t> packet = {kind};
-  put(&packet, txn, 2);
-  put(&packet, msg_id, 2);
-  put(&packet, body.size(), 2);
+  std::vector<uint8_t> packet(qmi::kHeadSize);
+  qmi::write_head({kind, txn, msg_id, static_cast<uint16_t>(body.size())}, packet.data());
   packet.insert(packet.end(), body.begin(), body.end());
   return send(socket, packet.data(), packet.size(), MSG_NOSIGNAL) ==
          static_cast<ssize_t>(packet.size());
@@ -198,17 +190,18 @@ static void end_transaction(Client* client, uint16_t txn, const uint8_t* body, u
 }
 
 static void handle_packet(Client* client, uint8_t* packet, size_t size) {
-  if (size < kHeadSize || get(packet + 5, 2) != size - kHeadSize) {
+  if (size < qmi::kHeadSize) {
     return;
   }
-  const auto txn = static_cast<uint16_t>(get(packet + 1, 2));
-  const auto msg_id = static_cast<uint16_t>(get(packet + 3, 2));
-  uint8_t* body = packet + kHeadSize;
-  const auto length = static_cast<uint32_t>(size - kHeadSize);
-  if (packet[0] == kResponse) {
-    end_transaction(client, txn, body, length, QMI_NO_ERR);
-  } else if (packet[0] == kIndication) {
-    client->ind_cb(client, msg_id, body, length, client->ind_cb_data);
+  const qmi::PacketHead head = qmi::read_head(packet);
+  if (head.length != size - qmi::kHeadSize) {
+    return;
+  }
+  uint8_t* body = packet + qmi::kHeadSize;
+  if (head.kind == qmi::kResponse) {
+    end_transaction(client, head.txn, body, head.length, QMI_NO_ERR);
+  } else if (head.kind == qmi::kIndication) {
+    client->ind_cb(client, head.msg_id, body, head.length, client->ind_cb_data);
   }
 }
 
@@ -221,7 +214,7 @@ static void* client_thread(void* argument) {
       break;
     }
     handle_packet(client, packet.data(), static_cast<size_t>(size));
-    send_packet(client->socket, kHandled, 0, 0, {});
+    send_packet(client->socket, qmi::kHandled, 0, 0, {});
   }
   qmi_client_error_cb error_cb = nullptr;
   {
@@ -332,7 +325,7 @@ qmi_client_error_type qmi_client_send_msg_async(qmi_client_type handle, unsigned
     number = ++client->last_txn;
     client->transactions[number] = {msg_id, resp, resp_len, resp_cb, data};
   }
-  if (!send_packet(client->socket, kRequest, number, static_cast<uint16_t>(msg_id), body)) {
+  if (!send_packet(client->socket, qmi::kRequest, number, static_cast<uint16_t>(msg_id), body)) {
     const std::lock_guard lock(client->mutex);
     client->transactions.erase(number);
     return QMI_SERVICE_ERR;

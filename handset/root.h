@@ -1,4 +1,5 @@
-// Lays a profile, a folder of plain files that describes a phone, into a handset's root.
+// Lays out the folder that is the phone's root: what every phone has, then a profile, a folder of
+// plain files that describes a phone.
 
 #pragma once
 
@@ -7,6 +8,10 @@
 #include "handset/links/nodes.h"
 
 namespace handset {
+
+// Makes the folders, the links and the places of binds that every phone has, whatever its profile
+// says. root is an empty folder, or one that is made.
+void lay_root(const std::filesystem::path& root);
 
 // Takes every file below profile/sys and profile/proc as a node (its content is the node's value),
 // each "name=value" line of profile/properties as a system property, and copies every other file

@@ -1,6 +1,6 @@
-// Profile folders; see profile.h.
+// The root's folders and profiles; see root.h.
 
-#include "handset/profile.h"
+#include "handset/root.h"
 
 #include <fstream>
 #include <iterator>
@@ -9,6 +9,33 @@
 namespace handset {
 
 namespace fs = std::filesystem;
+
+void lay_root(const fs::path& root) {
+  for (const char* folder :
+       {"dev/block/bootdevice/by-name", ".nodes", ".proc", "sys", "proc", "usr",
+        "dev/__properties__", "dev/socket", "tmp", "odm/etc", "odm/bin", "persist/ftm_admin",
+        "vendor/bin", "system", "mnt/vendor/norvareserve/ftm_admin", "data", "cache", "persist",
+        "d"}) {
+    fs::create_directories(root / folder);
+  }
+  for (const char* folder : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
+    const fs::path on_host = fs::path("/") / folder;
+    if (fs::is_symlink(on_host)) {
+      fs::copy_symlink(on_host, root / folder);
+    } else if (fs::is_directory(on_host)) {
+      fs::create_directory(root / folder);
+    }
+  }
+  // The unit that shows the phone's storage to be UFS.
+  std::ofstream(root / "dev/block/sda").flush();
+  // Both names of the partitions' folder lead to the same images.
+  fs::create_symlink("bootdevice/by-name", root / "dev/block/by-name");
+  // Places for binds.
+  for (const char* file :
+       {"dev/null", "dev/zero", "dev/full", "dev/urandom", "dev/ttyMSM0", "odm/bin/ftmd"}) {
+    std::ofstream(root / file).flush();
+  }
+}
 
 static std::string content(const fs::path& file) {
   std::ifstream stream(file, std::ios::binary);
