@@ -1,6 +1,8 @@
-// Reads a mixer path file: the element handlers and the read loop; see mixer_paths.h. Whatever an
-// element gets wrong is logged and passed over. The look-ups made per element do not grow with the
-// card or the file, except the mixer library's own by name.
+// Reads a mixer path file: the element handlers and the read loop; see mixer_path_xml.h. Whatever
+// an element gets wrong is logged and passed over. The look-ups made per element do not grow with
+// the card or the file, except the mixer library's own by name.
+
+#include "audio_route/mixer_path_xml.h"
 
 #include <errno.h>
 #include <expat.h>
@@ -14,7 +16,6 @@
 #include <memory>
 
 #include "audio_route/log.h"
-#include "audio_route/mixer_paths.h"
 #include "core/file_utils.h"
 #include "core/unique.h"
 

@@ -1,5 +1,5 @@
-// The records of the mixer path engine, between its two files: audio_route.cpp works on them,
-// mixer_path_xml.cpp fills the paths.
+// The records of the mixer path engine: audio_route.cpp works on them, mixer_path_xml.cpp fills the
+// paths.
 
 #pragma once
 
@@ -51,11 +51,6 @@ size_t mixer_value_width(uint32_t type);
 
 // The path's place in paths_by_name, or where it would go; found says which.
 uint32_t path_place(const audio_route* route, const char* name, bool* found);
-
-// Parses the file and fills the paths and the defaults (as wanted values). False, with a log line,
-// when it cannot be opened or is no XML; also when it cannot be read. Everything else is logged
-// and passed over.
-bool read_mixer_paths(audio_route* route, const char* file);
 
 // Release the state array and the path array and leave both empty.
 void free_mixer_state(audio_route* route);

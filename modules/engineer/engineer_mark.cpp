@@ -57,8 +57,7 @@ int at_reset_engineermode_mark(const char*) {
   }
   const bool removed_all = remove_test_records(__func__);
   const char mark[kMarkSize] = {};
-  const int result = writeInterface(reserve_partition(), record_offset(kEngineermodeMarkRecord),
-                                    mark, sizeof(mark));
+  const int result = write_record(kEngineermodeMarkRecord, mark);
   if (result < 1) {
     FTM_LOGE(TAG "reset_engineermode_mark fail, res = %d", result);
   }

@@ -20,12 +20,11 @@ struct ProductInfo {
 static_assert(sizeof(ProductInfo) == 2560);
 
 static int read_product_info(ProductInfo* info) {
-  return readInterface(reserve_partition(), record_offset(kProductInfoRecord), info, sizeof(*info));
+  return read_record(kProductInfoRecord, info);
 }
 
 static int write_product_info(const ProductInfo& info) {
-  return writeInterface(reserve_partition(), record_offset(kProductInfoRecord), &info,
-                        sizeof(info));
+  return write_record(kProductInfoRecord, &info);
 }
 
 // A slot that is full to its last byte has no terminator.

@@ -64,3 +64,11 @@ int writeInterface(const char* path, uint32_t offset, const void* source, size_t
   fsync(fd.get());
   return static_cast<int>(count);
 }
+
+int read_record(const ReserveRecord& record, void* memory) {
+  return readInterface(reserve_partition(), record_offset(record), memory, record.size);
+}
+
+int write_record(const ReserveRecord& record, const void* memory) {
+  return writeInterface(reserve_partition(), record_offset(record), memory, record.size);
+}

@@ -7,23 +7,29 @@
 #include <stddef.h>
 #include <stdint.h>
 
-// Byte offsets from the start of the partition, by the phone's storage.
+// Byte offsets from the start of the partition, by the phone's storage, and the record's bytes.
 struct ReserveRecord {
   uint32_t ufs;
   uint32_t emmc;
+  size_t size;
 };
 
-constexpr ReserveRecord kBackcoverColorRecord = {0x42D200, 0x41A600};    // 8 bytes
-constexpr ReserveRecord kEngineermodeMarkRecord = {0x42D400, 0x41AA00};  // 512 bytes
-constexpr ReserveRecord kEngineerAdbRecord = {0x42D600, 0x41B000};       // 13 bytes
-constexpr ReserveRecord kProductInfoRecord = {0x481000, 0x464000};       // 2560 bytes
-constexpr ReserveRecord kSecrecyRecord = {0x48E000, 0x468C00};           // 1024 bytes
+constexpr ReserveRecord kBackcoverColorRecord = {0x42D200, 0x41A600, 8};
+constexpr ReserveRecord kEngineermodeMarkRecord = {0x42D400, 0x41AA00, 512};
+constexpr ReserveRecord kEngineerAdbRecord = {0x42D600, 0x41B000, 13};
+constexpr ReserveRecord kProductInfoRecord = {0x481000, 0x464000, 2560};
+constexpr ReserveRecord kSecrecyRecord = {0x48E000, 0x468C00, 1024};
 
 // The path of the partition that holds the records.
 const char* reserve_partition();
 
 // The record's offset on this phone's storage.
 uint32_t record_offset(const ReserveRecord& record);
+
+// Reads (writes) a whole record in one call. Returns what readInterface (writeInterface) does;
+// memory is at least the record's size.
+int read_record(const ReserveRecord& record, void* memory);
+int write_record(const ReserveRecord& record, const void* memory);
 
 // Reads up to length bytes at the offset, in one call. Returns the bytes read, 0 at the end of the
 // file, or -1 with errno as the failed call left it.

@@ -19,8 +19,7 @@ const char* secrecy_file() {
 }
 
 int read_secrecy_text(const char* caller, char* text) {
-  const int in_record =
-      readInterface(reserve_partition(), record_offset(kSecrecyRecord), text, kSecrecyTextSize);
+  const int in_record = read_record(kSecrecyRecord, text);
   if (in_record >= 0 && text[0] == '#') {
     return in_record;
   }
@@ -47,8 +46,8 @@ static void read_line(std::string_view line, char* imei, char* key, uint8_t* loc
   }
   const std::string_view name = line.substr(0, equals);
   const std::string_view value = line.substr(equals + 1);
-  // A name that is only the beginning of a key stands for it, the empty one for the first: kept on
-  // purpose, configurations in the field rely on it.
+  // A name that is only the beginning of a key stands for it, the empty one for the first: kept as
+  // it stands.
   if (std::string_view("imei").starts_with(name)) {
     if (value.size() < kSecrecyImeiSize) {
       imei[value.copy(imei, value.size())] = '\0';

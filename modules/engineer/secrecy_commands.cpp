@@ -137,8 +137,7 @@ static int unlockSecrecyCfg() {
     return -1;  // a text with its end cut off must not replace the whole one
   }
   write_secrecy_file(__func__, unlocked);
-  const int result = writeInterface(reserve_partition(), record_offset(kSecrecyRecord),
-                                    unlocked.bytes, sizeof(unlocked.bytes));
+  const int result = write_record(kSecrecyRecord, unlocked.bytes);
   FTM_LOGD("%s count = %d", __func__, result);
   return result;
 }

@@ -46,6 +46,18 @@ std::vector<std::string> lines_of(const std::string& text) {
   return lines;
 }
 
+// The worker can be ready before the main thread has said its last word.
+void wait_for_main(Journal* journal) {
+  const Journal::Entry last = {"main", "E [FTM-MAIN]watting ftm_at_thread finish\\n"};
+  for (;;) {
+    const std::vector<Journal::Entry> entries = journal->since(0);
+    if (std::find(entries.begin(), entries.end(), last) != entries.end() ||
+        !journal->wait_more(entries.size(), kSilence)) {
+      return;
+    }
+  }
+}
+
 // Sends a line and waits until it has been handled, or until the daemon has ended. The phone starts
 // with the first one, and what it does then belongs to no line.
 void send(Handset* phone, const std::string& bytes, size_t* seen) {
@@ -53,6 +65,7 @@ void send(Handset* phone, const std::string& bytes, size_t* seen) {
     Handset::StartOptions options;
     options.faults = true;
     phone->start(options);
+    wait_for_main(&phone->journal);
     *seen = phone->journal.size();
   }
   const int reads = phone->serial.reads();
