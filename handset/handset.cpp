@@ -60,7 +60,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   add_device("/dev/dri/card0", &display);
   add_device("/dev/media0", &cameras.video);
   add_device("/dev/media1", &cameras.request_manager);
-  for (int i = 0; i < 6; ++i) {
+  for (int i = 0; i < Cameras::kSensors; ++i) {
     add_device("/dev/v4l-subdev" + std::to_string(i), &cameras.sensor(i));
   }
   add_device("/dev/input/event0", &volume_keys);

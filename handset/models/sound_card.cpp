@@ -3,13 +3,10 @@
 #include "handset/models/sound_card.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <sound/asound.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
@@ -147,10 +144,10 @@ std::vector<std::string> SoundCard::take_writes() {
   return std::exchange(writes_, {});
 }
 
-void SoundCard::refuse(const std::string& name, int error) {
+void SoundCard::fail(const std::string& name, int error) {
   const std::lock_guard lock(mutex_);
   if (Control* control = find(name); control != nullptr) {
-    control->refused = error;
+    control->failure = error;
   }
 }
 
@@ -174,14 +171,13 @@ void SoundCard::set(const std::string& name, const std::string& value) {
 
 // ---- the control device
 
-class SoundCardFile : public DeviceFile {
+class SoundCardFile : public MemoryFile {
  public:
-  SoundCardFile(SoundCard* card, int held) : card_(card), held_(held) {
+  explicit SoundCardFile(SoundCard* card) : MemoryFile("sound control"), card_(card) {
     ++card_->handles_;
   }
   ~SoundCardFile() override {
     --card_->handles_;
-    close(held_);
   }
 
   int64_t ioctl(const Caller& caller, uint32_t request, uint64_t argument) override;
@@ -196,27 +192,10 @@ class SoundCardFile : public DeviceFile {
   const SoundCard::Control* written_control(const Caller& caller, uint64_t argument) const;
 
   SoundCard* const card_;
-  const int held_;
 };
 
 OpenedDevice SoundCard::open(const Caller&, int) {
-  const std::string name = "sound control " + std::to_string(++opened_);
-  const int fd = memfd_create(name.c_str(), MFD_CLOEXEC);
-  if (fd < 0) {
-    return {.fd = -errno};
-  }
-  return {.fd = fd, .file = std::make_unique<SoundCardFile>(this, fcntl(fd, F_DUPFD_CLOEXEC, 0))};
-}
-
-// Runs an answer on the caller's record: its result, or a negative errno.
-template <typename Record, typename Do>
-static int64_t with(const Caller& caller, uint64_t address, Do answer) {
-  Record record = {};
-  if (!caller.read(address, &record, sizeof(record))) {
-    return -EFAULT;
-  }
-  const int result = answer(record);
-  return result >= 0 && !caller.write(address, &record, sizeof(record)) ? -EFAULT : result;
+  return open_memory_file<SoundCardFile>(this);
 }
 
 int64_t SoundCardFile::ioctl(const Caller& caller, uint32_t request, uint64_t argument) {
@@ -227,16 +206,18 @@ int64_t SoundCardFile::ioctl(const Caller& caller, uint32_t request, uint64_t ar
     case SNDRV_CTL_IOCTL_PVERSION:
       return caller.write(argument, &kProtocol, sizeof(kProtocol)) ? 0 : -EFAULT;
     case SNDRV_CTL_IOCTL_CARD_INFO:
-      return with<snd_ctl_card_info>(caller, argument, [&](auto& r) { return card_info(&r); });
+      return with_record<snd_ctl_card_info>(caller, argument,
+                                            [&](auto* r) { return card_info(r); });
     case SNDRV_CTL_IOCTL_ELEM_LIST:
-      return with<snd_ctl_elem_list>(caller, argument, [&](auto& r) { return list(caller, &r); });
+      return with_record<snd_ctl_elem_list>(caller, argument,
+                                            [&](auto* r) { return list(caller, r); });
     case SNDRV_CTL_IOCTL_ELEM_INFO:
-      return with<snd_ctl_elem_info>(caller, argument, [&](auto& r) { return info(&r); });
+      return with_record<snd_ctl_elem_info>(caller, argument, [&](auto* r) { return info(r); });
     case SNDRV_CTL_IOCTL_ELEM_READ:
-      return with<snd_ctl_elem_value>(caller, argument, [&](auto& r) { return read(&r); });
+      return with_record<snd_ctl_elem_value>(caller, argument, [&](auto* r) { return read(r); });
     case SNDRV_CTL_IOCTL_ELEM_WRITE:
-      result =
-          with<snd_ctl_elem_value>(caller, argument, [&](auto& r) { return write(&r, &written); });
+      result = with_record<snd_ctl_elem_value>(caller, argument,
+                                               [&](auto* r) { return write(r, &written); });
       if (const SoundCard::Control* control = written_control(caller, argument);
           control != nullptr) {
         caller.note("mixer " + SoundCard::show(*control) +
@@ -380,8 +361,8 @@ int SoundCardFile::write(snd_ctl_elem_value* record, std::function<void()>* writ
   if (control == nullptr) {
     return -ENOENT;
   }
-  if (control->refused != 0) {
-    return -control->refused;
+  if (control->failure != 0) {
+    return -control->failure;
   }
   std::vector<int64_t> values(control->values.size());
   each_value(control->type, values.size(), record,

@@ -43,7 +43,7 @@ class SoundCard : public Device {
   std::vector<std::string> take_writes();
 
   // Makes writes of the control fail with an errno; 0 makes them work again.
-  void refuse(const std::string& name, int error);
+  void fail(const std::string& name, int error);
   // Calls the function after each write of the control.
   void on_write(const std::string& name, std::function<void()> function);
   // Sets a control's first value: a number, or the item's text.
@@ -66,7 +66,7 @@ class SoundCard : public Device {
     int64_t maximum;
     std::vector<std::string> items;
     std::vector<int64_t> values;
-    int refused = 0;
+    int failure = 0;
     std::function<void()> written = nullptr;
   };
 
@@ -79,7 +79,6 @@ class SoundCard : public Device {
   std::vector<Control> controls_;
   std::vector<std::string> writes_;
   std::atomic<size_t> handles_ = 0;
-  int opened_ = 0;
 };
 
 }  // namespace handset
