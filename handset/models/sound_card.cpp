@@ -40,11 +40,19 @@ static std::vector<std::string> split(const std::string& text, char separator) {
   return parts;
 }
 
+// An item that is none of the items is -1.
 static int64_t value_of(int type, const std::vector<std::string>& items, const std::string& text) {
   if (type == SNDRV_CTL_ELEM_TYPE_ENUMERATED) {
-    return std::distance(items.begin(), std::find(items.begin(), items.end(), text));
+    const auto item = std::find(items.begin(), items.end(), text);
+    return item == items.end() ? -1 : std::distance(items.begin(), item);
   }
   return strtoll(text.c_str(), nullptr, type == SNDRV_CTL_ELEM_TYPE_BYTES ? 16 : 0);
+}
+
+// A range limits these; the others hold any value.
+static bool limited(int type) {
+  return type == SNDRV_CTL_ELEM_TYPE_BOOLEAN || type == SNDRV_CTL_ELEM_TYPE_INTEGER ||
+         type == SNDRV_CTL_ELEM_TYPE_ENUMERATED;
 }
 
 SoundCard::Control SoundCard::parse(const std::string& line) {
@@ -56,7 +64,7 @@ SoundCard::Control SoundCard::parse(const std::string& line) {
   head >> type_name >> count;
   const auto* type = std::find_if(std::begin(kTypes), std::end(kTypes),
                                   [&](const auto& t) { return type_name == t.first; });
-  const size_t most = type_name == "BYTE" ? 512 : 128;
+  const size_t most = type_name == "BYTE" ? 512 : type_name == "INT64" ? 64 : 128;
   if (type == std::end(kTypes) || count == 0 || count > most || fields[1].empty()) {
     throw std::runtime_error("the sound card has no control such as: " + line);
   }
@@ -68,14 +76,24 @@ SoundCard::Control SoundCard::parse(const std::string& line) {
                      .values = std::vector<int64_t>(count)};
   if (control.type == SNDRV_CTL_ELEM_TYPE_ENUMERATED) {
     control.items = split(fields[2], ',');
+    if (control.items.empty()) {
+      throw std::runtime_error("an ENUM control has items: " + line);
+    }
     control.maximum = static_cast<int64_t>(control.items.size()) - 1;
   } else if (control.type == SNDRV_CTL_ELEM_TYPE_INTEGER) {
     control.maximum = std::numeric_limits<int32_t>::max();
     std::istringstream(fields[2]) >> control.minimum >> control.maximum;
+    if (control.minimum > control.maximum) {
+      throw std::runtime_error("no range: " + line);
+    }
   }
   const std::vector<std::string> values = split(fields[3], ' ');
   for (size_t i = 0; i < std::min(values.size(), count); ++i) {
     control.values[i] = value_of(control.type, control.items, values[i]);
+    if (limited(control.type) &&
+        (control.values[i] < control.minimum || control.values[i] > control.maximum)) {
+      throw std::runtime_error("not in the control's range: " + line);
+    }
   }
   return control;
 }
@@ -162,10 +180,8 @@ void SoundCard::set(const std::string& name, const std::string& value) {
   const std::lock_guard lock(mutex_);
   if (Control* control = find(name); control != nullptr) {
     const int64_t number = value_of(control->type, control->items, value);
-    control->values[0] = std::clamp(number, control->minimum, std::max(number, int64_t{0}));
-    if (control->type == SNDRV_CTL_ELEM_TYPE_ENUMERATED) {
-      control->values[0] = std::min(number, control->maximum);
-    }
+    control->values[0] =
+        limited(control->type) ? std::clamp(number, control->minimum, control->maximum) : number;
   }
 }
 
@@ -335,7 +351,7 @@ static void each_value(int type, size_t count, Record* record, Visit visit) {
         visit(i, record->value.iec958.status[0]);
         break;
       case SNDRV_CTL_ELEM_TYPE_INTEGER64:
-        visit(i, record->value.integer64.value[i % 64]);
+        visit(i, record->value.integer64.value[i]);
         break;
       default:
         visit(i, record->value.integer.value[i]);
@@ -367,11 +383,8 @@ int SoundCardFile::write(snd_ctl_elem_value* record, std::function<void()>* writ
   std::vector<int64_t> values(control->values.size());
   each_value(control->type, values.size(), record,
              [&](size_t i, auto& place) { values[i] = static_cast<int64_t>(place); });
-  const bool limited = control->type == SNDRV_CTL_ELEM_TYPE_BOOLEAN ||
-                       control->type == SNDRV_CTL_ELEM_TYPE_INTEGER ||
-                       control->type == SNDRV_CTL_ELEM_TYPE_ENUMERATED;
   for (const int64_t value : values) {
-    if (limited && (value < control->minimum || value > control->maximum)) {
+    if (limited(control->type) && (value < control->minimum || value > control->maximum)) {
       return -EINVAL;
     }
   }

@@ -30,7 +30,7 @@ namespace handset {
 class SoundCard : public Device {
  public:
   // Takes the controls of a description instead of those it has. Throws std::runtime_error on a
-  // line that it cannot read.
+  // line that it cannot read or whose values are out of the range.
   void describe(const std::string& text);
 
   // "NAME = VALUE VALUE...": numbers, an ENUM's items, a BYTE's two hexadecimal digits. Empty when
@@ -46,7 +46,8 @@ class SoundCard : public Device {
   void fail(const std::string& name, int error);
   // Calls the function after each write of the control.
   void on_write(const std::string& name, std::function<void()> function);
-  // Sets a control's first value: a number, or the item's text.
+  // Sets a control's first value: a number, or the item's text. What is out of its range becomes
+  // the nearest in it, an unknown item the first.
   void set(const std::string& name, const std::string& value);
 
   // How often the mixer is open. (Seen as with every device, at the next open of one.)
