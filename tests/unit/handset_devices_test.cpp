@@ -261,6 +261,8 @@ TEST(DisplayCardModel, HasOneMasterAndFailsWhatItIsTold) {
     EXPECT_EQ(first.open(DRM_IOCTL_MODE_RMFB, &framebuffer), 0);
     EXPECT_EQ(card.lit(), "off");
   }
+  DisplayCard other(small_card());
+  Client elsewhere[2] = {Client(&other), Client(&other)};  // where the first two were in memory
   Client third(&card);
   EXPECT_EQ(third.commit(third.lighting()), 0);
 }
