@@ -84,7 +84,7 @@ void Handset::plug_devices() {
   add_device("/dev/snd/controlC0", &sound);
   add_device("/dev/media0", &cameras.video);
   add_device("/dev/media1", &cameras.request_manager);
-  for (int i = 0; i < 6; ++i) {
+  for (int i = 0; i < Cameras::kSensors; ++i) {
     add_device("/dev/v4l-subdev" + std::to_string(i), &cameras.sensor(i));
   }
   add_device("/dev/input/event0", &volume_keys);

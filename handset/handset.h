@@ -134,10 +134,10 @@ class Handset {
   InputDevice volume_keys{InputDevice::kSyn | InputDevice::kKey};  // /dev/input/event0
   InputDevice power_key{InputDevice::kSyn | InputDevice::kKey};    // /dev/input/event1
   InputDevice pointer{InputDevice::kSyn | InputDevice::kKey | InputDevice::kRelative |
-                      InputDevice::kAbsolute};  // /dev/input/event2
-  DrmDevice display{DrmDevice::phone_card()};   // /dev/dri/card0
-  SoundCard sound;                              // /dev/snd/controlC0
-  MemoryCard card;                              // at /mnt/sdcard
+                      InputDevice::kAbsolute};     // /dev/input/event2
+  DisplayCard display{DisplayCard::phone_card()};  // /dev/dri/card0
+  SoundCard sound;                                 // /dev/snd/controlC0
+  MemoryCard card;                                 // at /mnt/sdcard
   ToneParty tone_party;
   SensorHub sensors;
   HubService hub_service;  // the sensors' hub, at /dev/socket/qmi_sns_client

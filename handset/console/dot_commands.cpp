@@ -277,7 +277,7 @@ void fail_mixer(Handset& phone, const Line& line, std::ostream&) {
   if (phone.sound.show(line.rest(2)).empty()) {
     refuse("no such control: " + line.rest(2));
   }
-  phone.sound.refuse(line.rest(2), error_number(line[1]));
+  phone.sound.fail(line.rest(2), error_number(line[1]));
 }
 
 void fail_camera(Handset& phone, const Line& line, std::ostream&) {
@@ -285,10 +285,10 @@ void fail_camera(Handset& phone, const Line& line, std::ostream&) {
                                                     {"down", CameraSensor::kPowerDown},
                                                     {"control", CameraSensor::kControl}};
   const auto camera = number<int>(line[1]);
-  if (camera < 0 || camera > 5) {
+  if (camera < 0 || camera >= Cameras::kSensors) {
     refuse("the cameras are 0 to 5");
   }
-  phone.cameras.sensor(camera).refuse(choice(requests, line[2]), error_number(line[3]));
+  phone.cameras.sensor(camera).fail(choice(requests, line[2]), error_number(line[3]));
 }
 
 void remove_device(Handset& phone, const Line& line, std::ostream&) {

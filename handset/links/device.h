@@ -4,9 +4,12 @@
 
 #pragma once
 
+#include <errno.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "handset/links/call.h"
 
@@ -45,10 +48,31 @@ class MemoryFile : public DeviceFile {
   int memory_;
 };
 
+// Answers a request whose argument is the address of a record: reads it, lets a step work on it and
+// writes it back unless the step failed. The step takes a Record*; its result is the request's, 0
+// or more or a negative errno. -EFAULT when the record is not the caller's memory.
+template <typename Record, typename Step>
+int64_t with_record(const Caller& caller, uint64_t address, Step step) {
+  Record record;
+  if (!caller.read(address, &record, sizeof(record))) {
+    return -EFAULT;
+  }
+  const int64_t result = step(&record);
+  return result >= 0 && !caller.write(address, &record, sizeof(record)) ? -EFAULT : result;
+}
+
 struct OpenedDevice {
   int fd;  // becomes the caller's descriptor and is closed here, or a negative errno
   std::unique_ptr<DeviceFile> file = nullptr;  // null for a device without ioctls
 };
+
+// An open whose file is a new File, a MemoryFile, made of the arguments. Throws as MemoryFile does.
+template <typename File, typename... Arguments>
+OpenedDevice open_memory_file(Arguments&&... arguments) {
+  auto file = std::make_unique<File>(std::forward<Arguments>(arguments)...);
+  const int fd = file->caller_descriptor();
+  return {.fd = fd, .file = std::move(file)};
+}
 
 class Device {
  public:

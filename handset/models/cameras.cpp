@@ -15,6 +15,10 @@ namespace handset {
 static constexpr uint32_t kSensorSubDevice = 0x10001;
 static constexpr uint32_t kFlashSubDevice = 0x1000a;
 
+// Of a control request: tell the sensor's id, at an address of the caller's.
+static constexpr uint32_t kQueryId = 0x8006;
+static constexpr uint32_t kUserPointer = 1;
+
 // ---- Sensors
 
 class CameraSensorFile : public MemoryFile {
@@ -33,13 +37,14 @@ class CameraSensorFile : public MemoryFile {
     const bool power = request == CameraSensor::kPowerUp || request == CameraSensor::kPowerDown;
     if (power) {
       sensor_->requests_.push_back(request);
-      const bool refused = sensor_->refused_.count(request) != 0;
+      const bool failing = sensor_->failures_.count(request) != 0;
       caller.note("camera " + std::to_string(sensor_->id_) +
                   (request == CameraSensor::kPowerUp ? " power up" : " power down") +
-                  (refused ? " = " + error_name(sensor_->refused_.at(request)) : ""));
+                  (failing ? " = " + error_name(sensor_->failures_.at(request)) : ""));
     }
-    if (const auto refused = sensor_->refused_.find(request); refused != sensor_->refused_.end()) {
-      return -refused->second;
+    if (const auto failure = sensor_->failures_.find(request);
+        failure != sensor_->failures_.end()) {
+      return -failure->second;
     }
     if (power) {
       sensor_->powered_ = request == CameraSensor::kPowerUp;
@@ -60,7 +65,8 @@ class CameraSensorFile : public MemoryFile {
     if (!caller.read(argument, &record, sizeof(record))) {
       return -EFAULT;
     }
-    if (record.op_code != 0x8006 || record.size != sizeof(record) || record.handle_type != 1) {
+    if (record.op_code != kQueryId || record.size != sizeof(record) ||
+        record.handle_type != kUserPointer) {
       return -EINVAL;
     }
     return caller.write(record.handle, &sensor_->id_, sizeof(sensor_->id_)) ? 0 : -EFAULT;
@@ -84,19 +90,17 @@ int CameraSensor::opened() const {
   return opened_;
 }
 
-void CameraSensor::refuse(uint32_t request, int error) {
+void CameraSensor::fail(uint32_t request, int error) {
   const std::lock_guard lock(mutex_);
   if (error == 0) {
-    refused_.erase(request);
+    failures_.erase(request);
   } else {
-    refused_[request] = error;
+    failures_[request] = error;
   }
 }
 
 OpenedDevice CameraSensor::open(const Caller&, int) {
-  auto file = std::make_unique<CameraSensorFile>(this);
-  const int fd = file->caller_descriptor();
-  return {.fd = fd, .file = std::move(file)};
+  return open_memory_file<CameraSensorFile>(this);
 }
 
 // ---- Media devices
@@ -129,40 +133,41 @@ class MediaFile : public MemoryFile {
 
   // The entity of the id asked for, or with the flag the one that follows it.
   int64_t entity(const Caller& caller, uint64_t argument) {
-    media_entity_desc record;
-    if (!caller.read(argument, &record, sizeof(record))) {
-      return -EFAULT;
-    }
-    const uint32_t id = record.id & ~MEDIA_ENT_ID_FLAG_NEXT;
-    const bool next = (record.id & MEDIA_ENT_ID_FLAG_NEXT) != 0;
+    return with_record<media_entity_desc>(
+        caller, argument, [&](media_entity_desc* record) { return fill_entity(record); });
+  }
+
+  int64_t fill_entity(media_entity_desc* record) const {
+    const uint32_t id = record->id & ~MEDIA_ENT_ID_FLAG_NEXT;
+    const bool next = (record->id & MEDIA_ENT_ID_FLAG_NEXT) != 0;
     const auto found =
         std::find_if(device_->entities_.begin(), device_->entities_.end(),
                      [&](const MediaEntity& e) { return next ? e.id > id : e.id == id; });
     if (found == device_->entities_.end()) {
       return -EINVAL;
     }
-    record = {};
-    record.id = found->id;
-    record.type = found->type;
-    found->name.copy(record.name, sizeof(record.name));
-    return caller.write(argument, &record, sizeof(record)) ? 0 : -EFAULT;
+    *record = {};
+    record->id = found->id;
+    record->type = found->type;
+    found->name.copy(record->name, sizeof(record->name));
+    return 0;
   }
 
   const MediaDevice* device_;
 };
 
 OpenedDevice MediaDevice::open(const Caller&, int) {
-  auto file = std::make_unique<MediaFile>(this);
-  const int fd = file->caller_descriptor();
-  return {.fd = fd, .file = std::move(file)};
+  return open_memory_file<MediaFile>(this);
 }
 
 static std::vector<MediaEntity> sensor_entities() {
   std::vector<MediaEntity> entities = {{1, 0x10000, "cam-req-mgr"}};
-  for (uint32_t i = 0; i < 6; ++i) {
-    entities.push_back({2 + i, kSensorSubDevice, "v4l-subdev" + std::to_string(i)});
+  for (int i = 0; i < Cameras::kSensors; ++i) {
+    entities.push_back(
+        {static_cast<uint32_t>(2 + i), kSensorSubDevice, "v4l-subdev" + std::to_string(i)});
   }
-  entities.push_back({8, kFlashSubDevice, "v4l-subdev6"});
+  entities.push_back(
+      {2 + Cameras::kSensors, kFlashSubDevice, "v4l-subdev" + std::to_string(Cameras::kSensors)});
   return entities;
 }
 

@@ -24,13 +24,13 @@ class CameraSensor : public Device {
   explicit CameraSensor(int32_t id) : id_(id) {}
 
   bool powered() const;
-  // The power requests so far, refused ones included.
+  // The power requests so far, failed ones included.
   std::vector<uint32_t> requests() const;
   // How often it is open.
   int opened() const;
 
   // Makes a request fail with an errno from now on; 0 makes it work again.
-  void refuse(uint32_t request, int error);
+  void fail(uint32_t request, int error);
 
   OpenedDevice open(const Caller& caller, int flags) override;
 
@@ -42,7 +42,7 @@ class CameraSensor : public Device {
   bool powered_ = false;
   int opened_ = 0;
   std::vector<uint32_t> requests_;
-  std::map<uint32_t, int> refused_;
+  std::map<uint32_t, int> failures_;
 };
 
 struct MediaEntity {
@@ -58,7 +58,7 @@ class MediaDevice : public Device {
       : model_(std::move(model)), entities_(std::move(entities)) {}
 
   // Makes the information request fail with an errno.
-  void refuse_information(int error) {
+  void fail(int error) {
     information_error_ = error;
   }
 
@@ -72,10 +72,12 @@ class MediaDevice : public Device {
   int information_error_ = 0;
 };
 
-// A healthy phone's cameras: one other media device, then the request manager with six sensors, ids
-// 0 to 5, at /dev/v4l-subdev0 to 5.
+// A healthy phone's cameras: one other media device, then the request manager with its sensors,
+// ids 0 to 5, at /dev/v4l-subdev0 to 5.
 class Cameras {
  public:
+  static constexpr int kSensors = 6;
+
   Cameras();
 
   CameraSensor& sensor(int id) {
@@ -86,7 +88,7 @@ class Cameras {
   MediaDevice request_manager;
 
  private:
-  CameraSensor sensors_[6];
+  CameraSensor sensors_[kSensors];
 };
 
 }  // namespace handset

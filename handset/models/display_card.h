@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,7 @@ struct Picture {
   bool write_png(const std::string& file) const;
 };
 
-class DrmDevice : public Device {
+class DisplayCard : public Device {
  public:
   struct Mode {
     uint16_t width;
@@ -54,8 +55,8 @@ class DrmDevice : public Device {
   // A healthy phone's panel: 1080 x 2340, DSI, two pipes.
   static Card phone_card();
 
-  explicit DrmDevice(const Card& card);
-  ~DrmDevice() override;
+  explicit DisplayCard(const Card& card);
+  ~DisplayCard() override;
 
   // What the lit panel shows; the first connected one, black, when none is lit.
   Picture picture() const;
@@ -68,8 +69,7 @@ class DrmDevice : public Device {
     bool operator==(const Objects&) const = default;
   };
   Objects objects() const;
-  // Requests that were committed with at least one property, and what the panel's first pixel
-  // became by each (0xRRGGBB).
+  // Requests that were committed, and what the panel's first pixel became by each (0xRRGGBB).
   int commits() const;
   std::vector<uint32_t> first_pixels() const;
 
@@ -78,12 +78,20 @@ class DrmDevice : public Device {
 
   OpenedDevice open(const Caller& caller, int flags) override;
 
- private:
-  friend class DrmFile;
+  // ---- The card for the requests on it (display_card_ioctl.cpp)
+
+  // Object ids: the first of each kind. What is made at run time counts from 1000.
+  static constexpr uint32_t kCrtcs = 100;
+  static constexpr uint32_t kEncoders = 200;  // one for each connector
+  static constexpr uint32_t kConnectors = 300;
+  static constexpr uint32_t kPlanes = 400;
+  static constexpr uint32_t kProperties = 500;
+
+  static constexpr uint32_t kLargest = 8192;  // pixels, either way
 
   struct Property {
     std::string name;
-    bool atomic;  // seen only by clients that asked for atomic mode setting
+    bool blob;  // its value is a blob's id and is never written; the others are atomic ones
   };
   struct Buffer {
     uint32_t width;
@@ -97,26 +105,75 @@ class DrmDevice : public Device {
     Buffer buffer;
     int memory;  // descriptor of the memory that the buffer lies in
   };
-  using Values = std::map<uint32_t, std::map<uint32_t, uint64_t>>;  // object, property
+  using PropertyValues = std::map<uint32_t, uint64_t>;
+  // New values of some of an object's properties, in a request's order.
+  struct Change {
+    uint32_t object;
+    std::vector<std::pair<uint32_t, uint64_t>> values;
+  };
+
+  const Card& hardware() const {
+    return card_;
+  }
+
+  // The error that fail() has in store for this call of the request: a negative errno, or 0.
+  int take_failure(uint32_t request);
+
+  // The master is the one client that may commit: the first to come, until it leaves. A client is
+  // told apart by any pointer of its own.
+  void enter(const void* client);
+  void leave(const void* client);
+  bool is_master(const void* client) const;
+
+  // Nothing when there is no such property, object or blob.
+  std::optional<Property> property(uint32_t id) const;
+  std::optional<PropertyValues> values(uint32_t object) const;
+  std::optional<std::string> blob(uint32_t id) const;
+
+  // Its id. A blob that a CRTC uses outlives its dismissal.
+  uint32_t add_blob(const std::string& content);
+  void dismiss_blob(uint32_t id);
+  // Its id. The memory must last until it is removed. Planes that show it then go dark, and their
+  // CRTC with them.
+  uint32_t add_framebuffer(const Framebuffer& framebuffer);
+  void remove_framebuffer(uint32_t id);
+  // The card only counts buffers; they are their clients'.
+  void count_buffers(int added);
+
+  // Takes all changes or none; flags as in an atomic request (DRM_MODE_ATOMIC_...). 0, or the
+  // negative errno that a kernel gives.
+  int commit(const std::vector<Change>& changes, uint32_t flags);
+
+  // What is lit: "1080x2340 0xffffff" with the first pixel's colour, or "off".
+  std::string lit() const;
+
+ private:
+  using Values = std::map<uint32_t, PropertyValues>;  // by object
 
   uint32_t property_id(const std::string& name) const;
   uint64_t value(const Values& values, uint32_t object, const char* property) const;
+  bool is_crtc(uint64_t id) const;
+  bool is_mode(uint64_t blob) const;
+  int change(const std::vector<Change>& changes, Values* values, bool* mode_set) const;
   int check(const Values& values) const;
+  int check_crtc(const Values& values, uint32_t crtc) const;
+  int check_connector(const Values& values, uint32_t index) const;
   int check_plane(const Values& values, uint32_t plane) const;
-  void dismiss_blob(uint32_t id);
+  uint32_t lit_crtc() const;
+  Picture blank_picture(uint32_t crtc) const;
+  void draw_plane(uint32_t plane, Picture* picture) const;
+  uint32_t first_pixel() const;
   void reset(uint32_t object, const char* property);
   void turn_off(uint32_t crtc);
-  uint32_t first_pixel() const;
-  std::string lit() const;
 
   mutable std::mutex mutex_;
   const Card card_;
   std::map<uint32_t, Property> properties_;
-  std::map<uint32_t, std::string> blobs_;  // one that a CRTC uses outlives its maker
+  std::map<uint32_t, std::string> blobs_;
   std::map<uint32_t, Framebuffer> framebuffers_;
   size_t buffers_ = 0;
   size_t made_blobs_ = 0;
-  const void* master_ = nullptr;  // the one open that may change what is shown
+  const void* master_ = nullptr;
   Values values_;
   uint32_t next_id_ = 1000;
   std::vector<uint32_t> first_pixels_;                // one for each commit

@@ -56,10 +56,8 @@ class UnpollableInputFile : public MemoryFile {
 };
 
 OpenedDevice InputDevice::open(const Caller&, int) {
-  if (refuse_epoll_) {
-    auto file = std::make_unique<UnpollableInputFile>(types_);
-    const int fd = file->caller_descriptor();
-    return {.fd = fd, .file = std::move(file)};
+  if (epoll_fails_) {
+    return open_memory_file<UnpollableInputFile>(types_);
   }
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {

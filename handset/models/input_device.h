@@ -32,11 +32,11 @@ class InputDevice : public Device {
   void send_raw(const std::string& bytes);
 
   // From now on opens give a descriptor that an epoll set refuses.
-  void refuse_epoll() {
-    refuse_epoll_ = true;
+  void fail_epoll() {
+    epoll_fails_ = true;
   }
   // Makes the event-type request fail with an errno.
-  void refuse_types(int error) {
+  void fail_types(int error) {
     types_error_ = error;
   }
 
@@ -49,7 +49,7 @@ class InputDevice : public Device {
 
   const uint64_t types_;
   int types_error_ = 0;
-  bool refuse_epoll_ = false;
+  bool epoll_fails_ = false;
   std::mutex mutex_;
   std::set<int> open_;                // the handset's ends
   std::vector<std::string> waiting_;  // for the next open

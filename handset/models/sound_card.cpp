@@ -3,13 +3,10 @@
 #include "handset/models/sound_card.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <sound/asound.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
@@ -43,11 +40,19 @@ static std::vector<std::string> split(const std::string& text, char separator) {
   return parts;
 }
 
+// An item that is none of the items is -1.
 static int64_t value_of(int type, const std::vector<std::string>& items, const std::string& text) {
   if (type == SNDRV_CTL_ELEM_TYPE_ENUMERATED) {
-    return std::distance(items.begin(), std::find(items.begin(), items.end(), text));
+    const auto item = std::find(items.begin(), items.end(), text);
+    return item == items.end() ? -1 : std::distance(items.begin(), item);
   }
   return strtoll(text.c_str(), nullptr, type == SNDRV_CTL_ELEM_TYPE_BYTES ? 16 : 0);
+}
+
+// A range limits these; the others hold any value.
+static bool limited(int type) {
+  return type == SNDRV_CTL_ELEM_TYPE_BOOLEAN || type == SNDRV_CTL_ELEM_TYPE_INTEGER ||
+         type == SNDRV_CTL_ELEM_TYPE_ENUMERATED;
 }
 
 SoundCard::Control SoundCard::parse(const std::string& line) {
@@ -59,7 +64,7 @@ SoundCard::Control SoundCard::parse(const std::string& line) {
   head >> type_name >> count;
   const auto* type = std::find_if(std::begin(kTypes), std::end(kTypes),
                                   [&](const auto& t) { return type_name == t.first; });
-  const size_t most = type_name == "BYTE" ? 512 : 128;
+  const size_t most = type_name == "BYTE" ? 512 : type_name == "INT64" ? 64 : 128;
   if (type == std::end(kTypes) || count == 0 || count > most || fields[1].empty()) {
     throw std::runtime_error("the sound card has no control such as: " + line);
   }
@@ -71,14 +76,24 @@ SoundCard::Control SoundCard::parse(const std::string& line) {
                      .values = std::vector<int64_t>(count)};
   if (control.type == SNDRV_CTL_ELEM_TYPE_ENUMERATED) {
     control.items = split(fields[2], ',');
+    if (control.items.empty()) {
+      throw std::runtime_error("an ENUM control has items: " + line);
+    }
     control.maximum = static_cast<int64_t>(control.items.size()) - 1;
   } else if (control.type == SNDRV_CTL_ELEM_TYPE_INTEGER) {
     control.maximum = std::numeric_limits<int32_t>::max();
     std::istringstream(fields[2]) >> control.minimum >> control.maximum;
+    if (control.minimum > control.maximum) {
+      throw std::runtime_error("no range: " + line);
+    }
   }
   const std::vector<std::string> values = split(fields[3], ' ');
   for (size_t i = 0; i < std::min(values.size(), count); ++i) {
     control.values[i] = value_of(control.type, control.items, values[i]);
+    if (limited(control.type) &&
+        (control.values[i] < control.minimum || control.values[i] > control.maximum)) {
+      throw std::runtime_error("not in the control's range: " + line);
+    }
   }
   return control;
 }
@@ -138,10 +153,10 @@ std::vector<std::string> SoundCard::take_writes() {
   return std::exchange(writes_, {});
 }
 
-void SoundCard::refuse(const std::string& name, int error) {
+void SoundCard::fail(const std::string& name, int error) {
   const std::lock_guard lock(mutex_);
   if (Control* control = find(name); control != nullptr) {
-    control->refused = error;
+    control->failure = error;
   }
 }
 
@@ -156,23 +171,20 @@ void SoundCard::set(const std::string& name, const std::string& value) {
   const std::lock_guard lock(mutex_);
   if (Control* control = find(name); control != nullptr) {
     const int64_t number = value_of(control->type, control->items, value);
-    control->values[0] = std::clamp(number, control->minimum, std::max(number, int64_t{0}));
-    if (control->type == SNDRV_CTL_ELEM_TYPE_ENUMERATED) {
-      control->values[0] = std::min(number, control->maximum);
-    }
+    control->values[0] =
+        limited(control->type) ? std::clamp(number, control->minimum, control->maximum) : number;
   }
 }
 
 // ---- the control device
 
-class SoundCardFile : public DeviceFile {
+class SoundCardFile : public MemoryFile {
  public:
-  SoundCardFile(SoundCard* card, int held) : card_(card), held_(held) {
+  explicit SoundCardFile(SoundCard* card) : MemoryFile("sound control"), card_(card) {
     ++card_->handles_;
   }
   ~SoundCardFile() override {
     --card_->handles_;
-    close(held_);
   }
 
   int64_t ioctl(const Caller& caller, uint32_t request, uint64_t argument) override;
@@ -187,27 +199,10 @@ class SoundCardFile : public DeviceFile {
   const SoundCard::Control* written_control(const Caller& caller, uint64_t argument) const;
 
   SoundCard* const card_;
-  const int held_;
 };
 
 OpenedDevice SoundCard::open(const Caller&, int) {
-  const std::string name = "sound control " + std::to_string(++opened_);
-  const int fd = memfd_create(name.c_str(), MFD_CLOEXEC);
-  if (fd < 0) {
-    return {.fd = -errno};
-  }
-  return {.fd = fd, .file = std::make_unique<SoundCardFile>(this, fcntl(fd, F_DUPFD_CLOEXEC, 0))};
-}
-
-// Runs an answer on the caller's record: its result, or a negative errno.
-template <typename Record, typename Do>
-static int64_t with(const Caller& caller, uint64_t address, Do answer) {
-  Record record = {};
-  if (!caller.read(address, &record, sizeof(record))) {
-    return -EFAULT;
-  }
-  const int result = answer(record);
-  return result >= 0 && !caller.write(address, &record, sizeof(record)) ? -EFAULT : result;
+  return open_memory_file<SoundCardFile>(this);
 }
 
 int64_t SoundCardFile::ioctl(const Caller& caller, uint32_t request, uint64_t argument) {
@@ -218,16 +213,18 @@ int64_t SoundCardFile::ioctl(const Caller& caller, uint32_t request, uint64_t ar
     case SNDRV_CTL_IOCTL_PVERSION:
       return caller.write(argument, &kProtocol, sizeof(kProtocol)) ? 0 : -EFAULT;
     case SNDRV_CTL_IOCTL_CARD_INFO:
-      return with<snd_ctl_card_info>(caller, argument, [&](auto& r) { return card_info(&r); });
+      return with_record<snd_ctl_card_info>(caller, argument,
+                                            [&](auto* r) { return card_info(r); });
     case SNDRV_CTL_IOCTL_ELEM_LIST:
-      return with<snd_ctl_elem_list>(caller, argument, [&](auto& r) { return list(caller, &r); });
+      return with_record<snd_ctl_elem_list>(caller, argument,
+                                            [&](auto* r) { return list(caller, r); });
     case SNDRV_CTL_IOCTL_ELEM_INFO:
-      return with<snd_ctl_elem_info>(caller, argument, [&](auto& r) { return info(&r); });
+      return with_record<snd_ctl_elem_info>(caller, argument, [&](auto* r) { return info(r); });
     case SNDRV_CTL_IOCTL_ELEM_READ:
-      return with<snd_ctl_elem_value>(caller, argument, [&](auto& r) { return read(&r); });
+      return with_record<snd_ctl_elem_value>(caller, argument, [&](auto* r) { return read(r); });
     case SNDRV_CTL_IOCTL_ELEM_WRITE:
-      result =
-          with<snd_ctl_elem_value>(caller, argument, [&](auto& r) { return write(&r, &written); });
+      result = with_record<snd_ctl_elem_value>(caller, argument,
+                                               [&](auto* r) { return write(r, &written); });
       if (const SoundCard::Control* control = written_control(caller, argument);
           control != nullptr) {
         caller.note("mixer " + SoundCard::show(*control) +
@@ -345,7 +342,7 @@ static void each_value(int type, size_t count, Record* record, Visit visit) {
         visit(i, record->value.iec958.status[0]);
         break;
       case SNDRV_CTL_ELEM_TYPE_INTEGER64:
-        visit(i, record->value.integer64.value[i % 64]);
+        visit(i, record->value.integer64.value[i]);
         break;
       default:
         visit(i, record->value.integer.value[i]);
@@ -371,17 +368,14 @@ int SoundCardFile::write(snd_ctl_elem_value* record, std::function<void()>* writ
   if (control == nullptr) {
     return -ENOENT;
   }
-  if (control->refused != 0) {
-    return -control->refused;
+  if (control->failure != 0) {
+    return -control->failure;
   }
   std::vector<int64_t> values(control->values.size());
   each_value(control->type, values.size(), record,
              [&](size_t i, auto& place) { values[i] = static_cast<int64_t>(place); });
-  const bool limited = control->type == SNDRV_CTL_ELEM_TYPE_BOOLEAN ||
-                       control->type == SNDRV_CTL_ELEM_TYPE_INTEGER ||
-                       control->type == SNDRV_CTL_ELEM_TYPE_ENUMERATED;
   for (const int64_t value : values) {
-    if (limited && (value < control->minimum || value > control->maximum)) {
+    if (limited(control->type) && (value < control->minimum || value > control->maximum)) {
       return -EINVAL;
     }
   }

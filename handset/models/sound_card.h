@@ -30,7 +30,7 @@ namespace handset {
 class SoundCard : public Device {
  public:
   // Takes the controls of a description instead of those it has. Throws std::runtime_error on a
-  // line that it cannot read.
+  // line that it cannot read or whose values are out of the range.
   void describe(const std::string& text);
 
   // "NAME = VALUE VALUE...": numbers, an ENUM's items, a BYTE's two hexadecimal digits. Empty when
@@ -42,10 +42,11 @@ class SoundCard : public Device {
   std::vector<std::string> take_writes();
 
   // Makes writes of the control fail with an errno; 0 makes them work again.
-  void refuse(const std::string& name, int error);
+  void fail(const std::string& name, int error);
   // Calls the function after each write of the control.
   void on_write(const std::string& name, std::function<void()> function);
-  // Sets a control's first value: a number, or the item's text.
+  // Sets a control's first value: a number, or the item's text. What is out of its range becomes
+  // the nearest in it, an unknown item the first.
   void set(const std::string& name, const std::string& value);
 
   // How often the mixer is open. (Seen as with every device, at the next open of one.)
@@ -65,7 +66,7 @@ class SoundCard : public Device {
     int64_t maximum;
     std::vector<std::string> items;
     std::vector<int64_t> values;
-    int refused = 0;
+    int failure = 0;
     std::function<void()> written = nullptr;
   };
 
@@ -78,7 +79,6 @@ class SoundCard : public Device {
   std::vector<Control> controls_;
   std::vector<std::string> writes_;
   std::atomic<size_t> handles_ = 0;
-  int opened_ = 0;
 };
 
 }  // namespace handset

@@ -186,7 +186,7 @@ TEST(Mixer, SeesEveryControlAndPassesOnEveryError) {
       "BOOL 1; Switch; ; 0\nINT 2; Ints; -10 100; 5 6\nENUM 2; Choice; a, b, c; c b\n"
       "BYTE 4; Bytes; ; 01 02 03 fe\nIEC958 1; Digital; ; 4\nINT64 1; Wide; ; 5\n"
       "INT 1; Refused; 0 1; 0\nINT 1; Ints; 0 9; 9\n");
-  phone.sound.refuse("Refused", EPERM);
+  phone.sound.fail("Refused", EPERM);
   phone.start();
   EXPECT_EQ(phone.command("AT+LIST"),
             (Texts{"0 Switch 0", "1 Ints 5 6", "2 Choice c b", "3 Bytes 1 2 3 254", "4 Digital -22",
@@ -223,8 +223,8 @@ TEST(DieCrack, NamesTheStepThatFails) {
            phone.sound.set("DIE_CRK_DET_OUT", round_1 && spoilt ? "5" : "0");
          });
        }},
-      {"800001", 0, [](Handset& phone) { phone.sound.refuse("DIE_CRK_DET_EN", EIO); }},
-      {"80c201", 1, [](Handset& phone) { phone.sound.refuse("DIE_CRK_DET_INT1", EIO); }},
+      {"800001", 0, [](Handset& phone) { phone.sound.fail("DIE_CRK_DET_EN", EIO); }},
+      {"80c201", 1, [](Handset& phone) { phone.sound.fail("DIE_CRK_DET_INT1", EIO); }},
   };
   Handset phone;
   const std::string controls = phone.read_file("/dev/snd/controls").value();

@@ -54,13 +54,13 @@ TEST(Camera, ARefusedRequestAnswersAsItsHandlerDoes) {
     Handset phone;
     phone.start();
     CameraSensor& sensor = phone.cameras.sensor(row.camera);
-    sensor.refuse(CameraSensor::kPowerDown, EIO);
+    sensor.fail(CameraSensor::kPowerDown, EIO);
     expect_exchange(phone, {row.close,
                             row.close_failed,
                             {},
                             {},
                             {"VIDIOC_CAM_FTM_POWNER_DOWN failed: Input/output error"}});
-    sensor.refuse(CameraSensor::kPowerUp, EIO);
+    sensor.fail(CameraSensor::kPowerUp, EIO);
     expect_exchange(
         phone, {row.open, kError, {}, {}, {"VIDIOC_CAM_FTM_POWNER_UP failed: Input/output error"}});
     // The main and back aux handlers leave their end line out after a failed power-down.
@@ -83,11 +83,11 @@ TEST(Camera, AFrontThatFailedNeverHitsAnotherFile) {
   Handset phone;
   phone.start();
   CameraSensor& front = phone.cameras.sensor(1);
-  front.refuse(CameraSensor::kPowerUp, EIO);
+  front.fail(CameraSensor::kPowerUp, EIO);
   expect_exchange(phone, {"AT+CAMERA_FRONT_OPEN", kError});
   EXPECT_EQ(phone.open_devices("camera"), 5U);
   EXPECT_EQ(front.opened(), 0);
-  front.refuse(CameraSensor::kPowerUp, 0);
+  front.fail(CameraSensor::kPowerUp, 0);
   // A file of the daemon that would be given the freed number: the serial number's stream stays
   // open.
   phone.command("AT^SN");
@@ -104,7 +104,7 @@ TEST(Camera, TheTestRowTogglesWhateverTheDriverSays) {
   Handset phone;
   phone.start();
   CameraSensor& main = phone.cameras.sensor(0);
-  main.refuse(CameraSensor::kPowerUp, EIO);
+  main.fail(CameraSensor::kPowerUp, EIO);
   for (int i = 0; i < 4; ++i) {
     expect_exchange(phone, {"AT^FM_CAMERA_TEST", kOk});
   }
@@ -164,9 +164,9 @@ TEST(Camera, StrangeDriversAndDevicesAreSteppedOver) {
   CameraSensor last(15);
   CameraSensor twin(0);
   CameraSensor mute(3);
-  mute.refuse(CameraSensor::kControl, EIO);
+  mute.fail(CameraSensor::kControl, EIO);
   MediaDevice broken("cam-req-mgr-devnode", {});
-  broken.refuse_information(EIO);
+  broken.fail(EIO);
   const uint32_t kSensor = 0x10001;
   MediaDevice manager("cam-req-mgr-devnode", {{1, kSensor, "cam-a"},
                                               {2, kSensor, "cam-b"},

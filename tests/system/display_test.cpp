@@ -20,26 +20,26 @@ static size_t count(const std::string& text, const std::string& what) {
   return found;
 }
 
-static DrmDevice::Connector connector(uint32_t type, uint16_t width, uint16_t height) {
-  DrmDevice::Connector made;
+static DisplayCard::Connector connector(uint32_t type, uint16_t width, uint16_t height) {
+  DisplayCard::Connector made;
   made.type = type;
   made.modes = {{.width = width, .height = height}};
   return made;
 }
 
-static DrmDevice::Card card(const std::vector<DrmDevice::Connector>& connectors) {
-  DrmDevice::Card made;
+static DisplayCard::Card card(const std::vector<DisplayCard::Connector>& connectors) {
+  DisplayCard::Card made;
   made.connectors = connectors;
   return made;
 }
 
 // A phone with one card of the test's own.
 struct CardPhone {
-  explicit CardPhone(const DrmDevice::Card& made, const char* daemon = FTM_DAEMON)
+  explicit CardPhone(const DisplayCard::Card& made, const char* daemon = FTM_DAEMON)
       : device(made), phone({.daemon = daemon}) {
     phone.add_device(kCard, &device);
   }
-  DrmDevice device;
+  DisplayCard device;
   Handset phone;
 };
 
@@ -52,7 +52,7 @@ TEST(Display, IsWhiteWhileOpenAndBlackAfterwards) {
   Handset phone;
   phone.start();
   EXPECT_TRUE(all(phone.display.picture(), 0));
-  EXPECT_EQ(phone.display.objects(), DrmDevice::Objects{});
+  EXPECT_EQ(phone.display.objects(), DisplayCard::Objects{});
   phone.command("AT+EDFT=0,5");
   const Picture lit = phone.display.picture();
   EXPECT_EQ(lit.width, 1080);
@@ -61,7 +61,7 @@ TEST(Display, IsWhiteWhileOpenAndBlackAfterwards) {
   EXPECT_EQ(phone.open_devices("drm-card"), 1U);
   phone.command("AT+EDFT=0,0");
   EXPECT_TRUE(all(phone.display.picture(), 0));
-  EXPECT_EQ(phone.display.objects(), DrmDevice::Objects{});
+  EXPECT_EQ(phone.display.objects(), DisplayCard::Objects{});
   EXPECT_EQ(phone.open_devices("drm-card"), 0U);
   // The start-up's and the rows' flips: both buffers as they were made, white; black, blanked.
   const std::vector<uint32_t> once = {0, 0, 0, kWhite, 0, 0};
@@ -74,7 +74,7 @@ TEST(Display, IsWhiteWhileOpenAndBlackAfterwards) {
   phone.stop();
   EXPECT_EQ(phone.open_devices("drm-card"), 0U);
   EXPECT_TRUE(all(phone.display.picture(), 0));
-  EXPECT_EQ(phone.display.objects(), DrmDevice::Objects{});
+  EXPECT_EQ(phone.display.objects(), DisplayCard::Objects{});
 }
 
 TEST(Display, ShowsTheHalvesOfOneBufferWhateverTheTopology) {
@@ -93,7 +93,7 @@ TEST(Display, ShowsTheHalvesOfOneBufferWhateverTheTopology) {
   };
   for (const auto& [topology, mixers] : topologies) {
     SCOPED_TRACE(topology);
-    DrmDevice::Connector panel = connector(16, 60, 40);
+    DisplayCard::Connector panel = connector(16, 60, 40);
     panel.mode_properties = "fps=60\ntopology=" + topology + "\nmode=video\n";
     CardPhone p(card({panel}), FTM_DISPLAY_PROBE);
     p.phone.start();
@@ -116,17 +116,17 @@ TEST(Display, PrefersPanelsAndTheirPreferredMode) {
   constexpr uint32_t kLvds = 7;
   constexpr uint32_t kEdp = 14;
   constexpr uint32_t kDsi = 16;
-  DrmDevice::Connector two_modes = connector(kHdmi, 20, 10);
+  DisplayCard::Connector two_modes = connector(kHdmi, 20, 10);
   two_modes.modes.push_back({.width = 26, .height = 10, .preferred = true});
-  DrmDevice::Connector unplugged = connector(kLvds, 24, 10);
+  DisplayCard::Connector unplugged = connector(kLvds, 24, 10);
   unplugged.connected = false;
-  DrmDevice::Connector no_mode = connector(kLvds, 24, 10);
+  DisplayCard::Connector no_mode = connector(kLvds, 24, 10);
   no_mode.modes.clear();
-  DrmDevice::Connector no_crtc_yet = connector(kDsi, 28, 10);
+  DisplayCard::Connector no_crtc_yet = connector(kDsi, 28, 10);
   no_crtc_yet.crtc = -1;
   no_crtc_yet.possible_crtcs = 2;  // the second one only
   struct Case {
-    std::vector<DrmDevice::Connector> connectors;
+    std::vector<DisplayCard::Connector> connectors;
     int width;
   };
   const std::vector<Case> cases = {
@@ -149,14 +149,15 @@ TEST(Display, PrefersPanelsAndTheirPreferredMode) {
 }
 
 TEST(Display, SkipsCardsThatCannotShowAnything) {
-  DrmDevice::Card no_buffers = card({connector(16, 20, 10)});
+  DisplayCard::Card no_buffers = card({connector(16, 20, 10)});
   no_buffers.dumb_buffers = false;
-  DrmDevice::Connector unplugged = connector(16, 20, 10);
+  DisplayCard::Connector unplugged = connector(16, 20, 10);
   unplugged.connected = false;
-  DrmDevice::Card no_crtc = card({connector(16, 20, 10)});
+  DisplayCard::Card no_crtc = card({connector(16, 20, 10)});
   no_crtc.crtcs = 0;
-  DrmDevice useless[] = {DrmDevice(no_buffers), DrmDevice(card({unplugged})), DrmDevice(no_crtc)};
-  DrmDevice right(card({connector(16, 20, 10)}));
+  DisplayCard useless[] = {DisplayCard(no_buffers), DisplayCard(card({unplugged})),
+                           DisplayCard(no_crtc)};
+  DisplayCard right(card({connector(16, 20, 10)}));
   Handset phone;
   for (int i = 0; i < 3; ++i) {
     phone.add_device("/dev/dri/card" + std::to_string(i), &useless[i]);
@@ -196,7 +197,7 @@ TEST(Display, MessagesOfTheCommitStandOnItsSuccess) {
 }
 
 TEST(Display, FillsAMixedColourPixelByPixel) {
-  DrmDevice::Card padded = card({connector(16, 60, 40)});
+  DisplayCard::Card padded = card({connector(16, 60, 40)});
   padded.pitch_alignment = 256;
   CardPhone p(padded, FTM_DISPLAY_PROBE);
   p.phone.start();
@@ -239,22 +240,22 @@ TEST(Display, EachFailingCallLeavesNothingBehind) {
     p.phone.command("AT+EDFT=0,0");
     EXPECT_NE(p.phone.output().find(c.message), std::string::npos);
     EXPECT_EQ(p.phone.open_devices("drm-card"), 0U);
-    EXPECT_EQ(p.device.objects(), DrmDevice::Objects{});
+    EXPECT_EQ(p.device.objects(), DisplayCard::Objects{});
     p.phone.command("AT+EDFT=0,5");
     EXPECT_TRUE(all(p.device.picture(), kWhite));
   }
 }
 
 TEST(Display, SaysWhatACardLacksAndLeavesNothingBehind) {
-  DrmDevice::Card unmappable = card({connector(16, 20, 10)});
+  DisplayCard::Card unmappable = card({connector(16, 20, 10)});
   unmappable.mappable = false;
   const auto without = [](const std::string& property) {
-    DrmDevice::Card made = card({connector(16, 20, 10)});
+    DisplayCard::Card made = card({connector(16, 20, 10)});
     made.lacks = property;
     return made;
   };
   struct Case {
-    DrmDevice::Card card;
+    DisplayCard::Card card;
     std::string message;  // on standard output or, by perror, in the log
   };
   const std::vector<Case> cases = {
@@ -272,7 +273,7 @@ TEST(Display, SaysWhatACardLacksAndLeavesNothingBehind) {
     p.phone.command("AT+EDFT=0,0");
     EXPECT_NE((p.phone.output() + p.phone.log()).find(c.message), std::string::npos);
     EXPECT_EQ(p.phone.open_devices("drm-card"), 0U);
-    EXPECT_EQ(p.device.objects(), DrmDevice::Objects{});
+    EXPECT_EQ(p.device.objects(), DisplayCard::Objects{});
   }
 }
 
@@ -287,7 +288,7 @@ TEST(Display, AThousandOpensLeaveNothingBehind) {
   }
   EXPECT_EQ(p.phone.open_descriptors(), descriptors);
   EXPECT_EQ(p.phone.open_devices("drm-card"), 0U);
-  EXPECT_EQ(p.device.objects(), DrmDevice::Objects{});
+  EXPECT_EQ(p.device.objects(), DisplayCard::Objects{});
   std::ifstream maps("/proc/" + std::to_string(p.phone.pid()) + "/maps");
   const std::string mapped{std::istreambuf_iterator<char>(maps), {}};
   EXPECT_EQ(count(mapped, "drm-card"), 0U);

@@ -70,7 +70,7 @@ TEST(Keys, AReleaseCountsAndAnotherKeyDoesNot) {
 TEST(Keys, AreNotTakenFromAPointerNorFromRefusedDevices) {
   Handset phone({.time_factor = 0.02});
   phone.pointer.press(KEY_VOLUMEDOWN);
-  phone.volume_keys.refuse_types(25);
+  phone.volume_keys.fail_types(25);
   phone.volume_keys.press(KEY_VOLUMEUP);
   phone.power_key.press(KEY_POWER);
   phone.start();
@@ -102,8 +102,8 @@ TEST(Keys, SixteenDevicesAreWatchedAndThoseThatEpollRefusesAreClosed) {
   EXPECT_EQ(phone.open_devices("socket"), 0U);
 
   Handset refused;
-  refused.volume_keys.refuse_epoll();
-  refused.power_key.refuse_epoll();
+  refused.volume_keys.fail_epoll();
+  refused.power_key.fail_epoll();
   refused.start();
   const size_t descriptors = refused.open_descriptors();
   expect_exchange(refused, {"AT+KEY", report(0, 0, 0), {}, kAllWaits});
