@@ -71,7 +71,7 @@ tidy() {
 }
 export build common
 export -f tidy
-printf '%s\n' "${sources[@]}" | grep '\.cpp$' | grep -v '^tests/' |
+printf '%s\n' "${sources[@]}" | grep '\.cpp$' | grep -vE '^(tests|bench)/' |
   xargs -P "$(nproc)" -n 1 bash -c 'tidy "$1"' tidy || failed=1
 
 exit "$failed"
