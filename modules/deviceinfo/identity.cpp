@@ -97,30 +97,32 @@ int at_serial_no(const char*) {
 
 // ---- Checksums of the system and vendor trees
 
-static const char kFolder[] = "/persist/ftm_admin/tmp";
 static const char kReferenceArchive[] = "/system/sysmd5.zip";
 static const char kCurrentFile[] = "/persist/ftm_admin/tmp/md5_cur.txt";
 static const char kDifferenceFile[] = "/persist/ftm_admin/tmp/md5_diff.txt";
 static const char kBuildTime[] = "`cat system/build.prop  | $XKIT grep utc| $XKIT cut -b  19-`";
 
-// The checksum of the sorted checksums of every file of a tree, whose name stands between the two
-// halves. The double blanks are part of it.
-static const char kTreeChecksum[] = "`$XKIT find ";
-static const char kTreeChecksumEnd[] =
-    " -type f | sed 's/system_root//g'| $XKIT grep -Ev "
+// The checksum of the sorted checksums of every file of a tree. The double blanks are part of it.
+static const char kSystemChecksum[] =
+    "`$XKIT find system/ -type f | sed 's/system_root//g'| $XKIT grep -Ev "
+    "'ck.fs|pl.fs|sysmd5.zip|sd_after|install-recovery.sh|install_recovery.sh|recovery-from-boot.p"
+    "|recovery_rootcheck|vendor/nvdata|vendor/nvcfg|vendor/persist|vendor/protect' | $XKIT sort "
+    "| $XKIT xargs $XKIT md5sum | $XKIT md5sum | $XKIT cut -b  -32`";
+static const char kVendorChecksum[] =
+    "`$XKIT find vendor/ -type f | sed 's/system_root//g'| $XKIT grep -Ev "
     "'ck.fs|pl.fs|sysmd5.zip|sd_after|install-recovery.sh|install_recovery.sh|recovery-from-boot.p"
     "|recovery_rootcheck|vendor/nvdata|vendor/nvcfg|vendor/persist|vendor/protect' | $XKIT sort "
     "| $XKIT xargs $XKIT md5sum | $XKIT md5sum | $XKIT cut -b  -32`";
 
 struct Tree {
-  const char* folder;
+  const char* checksum;
   const char* reference;
   const char* failure;  // reply, without a line end on purpose
 };
 
 static const Tree kTrees[] = {
-    {"system/", "/persist/ftm_admin/tmp/deep_sys_md5.txt", "SYSTEM FAIL"},
-    {"vendor/", "/persist/ftm_admin/tmp/deep_vendor_md5.txt", "VENDOR FAIL"},
+    {kSystemChecksum, "/persist/ftm_admin/tmp/deep_sys_md5.txt", "SYSTEM FAIL"},
+    {kVendorChecksum, "/persist/ftm_admin/tmp/deep_vendor_md5.txt", "VENDOR FAIL"},
 };
 
 // Runs a shell command built by a printf format. What it says does not matter, only what it leaves.
@@ -137,8 +139,7 @@ __attribute__((format(printf, 1, 2))) static void run_shell(const char* format, 
 }
 
 static bool matches_reference(const Tree& tree) {
-  run_shell("echo \"%s,%s%s%s\" > %s", kBuildTime, kTreeChecksum, tree.folder, kTreeChecksumEnd,
-            kCurrentFile);
+  run_shell("echo \"%s,%s\" > %s", kBuildTime, tree.checksum, kCurrentFile);
   run_shell("diff -q %s %s > %s", kCurrentFile, tree.reference, kDifferenceFile);
   const UniqueFd difference(open(kDifferenceFile, O_RDONLY));
   struct stat status = {};
@@ -146,8 +147,8 @@ static bool matches_reference(const Tree& tree) {
 }
 
 int at_sys_vendor_md5(const char*) {
-  run_shell("mkdir %s", kFolder);
-  run_shell("$XKIT unzip -qo %s -d %s", kReferenceArchive, kFolder);
+  run_shell("mkdir /persist/ftm_admin/tmp");
+  run_shell("$XKIT unzip -qo %s -d /persist/ftm_admin/tmp", kReferenceArchive);
   const char* result = "OK\r\n";
   for (const Tree& tree : kTrees) {
     if (!matches_reference(tree)) {
@@ -156,6 +157,6 @@ int at_sys_vendor_md5(const char*) {
     }
   }
   at_send_result(result);
-  run_shell("rm -rf %s", kFolder);
+  run_shell("rm -rf /persist/ftm_admin/tmp");
   return 0;
 }
