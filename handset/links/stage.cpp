@@ -14,6 +14,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/audit.h>
+#include <linux/close_range.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
@@ -259,7 +260,8 @@ int main(int argc, char** argv) {
   enter_root(root);
 
   char* const arguments[] = {const_cast<char*>("ftmd"), nullptr};
-  fcntl(kStageSocket, F_SETFD, FD_CLOEXEC);
+  // Like init, and unlike whoever started the handset, hand on nothing but 0, 1 and 2.
+  close_range(kStageSocket, ~0U, CLOSE_RANGE_CLOEXEC);
   if (traps == StageTraps::kNone) {
     refuse_module_calls();
     send_to_handset(StageMessage::kUntrapped, -1, "");
