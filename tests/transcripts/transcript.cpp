@@ -52,8 +52,9 @@ std::vector<Scenario> read_transcript(const std::string& file) {
       continue;
     }
     if (line.empty() || line[0] == '#') {
-      if (!scenarios.empty() && scenarios.back().steps.empty() && !line.empty()) {
-        scenarios.back().head.push_back(line);
+      if (!scenarios.empty() && !line.empty()) {
+        Scenario& scenario = scenarios.back();
+        (scenario.steps.empty() ? scenario.head : scenario.steps.back().source).push_back(line);
       }
       continue;
     }
@@ -76,12 +77,12 @@ std::vector<Scenario> read_transcript(const std::string& file) {
         steps.back().entries.push_back(entry);
       }
     }
+    steps.back().source.push_back(line);
   }
   return scenarios;
 }
 
-// {*} takes any text.
-static bool fits(const std::string& pattern, const std::string& text) {
+bool fits(const std::string& pattern, const std::string& text) {
   size_t at = 0;
   size_t start = 0;
   for (bool first = true;; first = false) {
