@@ -58,9 +58,9 @@ void wait_for_main(Journal* journal) {
   }
 }
 
-// Sends a line and waits until it has been handled, or until the daemon has ended. The phone starts
-// with the first one, and what it does then belongs to no line.
-void send(Handset* phone, const std::string& bytes, size_t* seen) {
+// Sends a line and waits until it has been handled (true), or until the daemon has ended. The phone
+// starts with the first one, and what it does then belongs to no line.
+bool send(Handset* phone, const std::string& bytes, size_t* seen) {
   if (phone->pid() == 0) {
     Handset::StartOptions options;
     options.faults = true;
@@ -70,16 +70,17 @@ void send(Handset* phone, const std::string& bytes, size_t* seen) {
   }
   const int reads = phone->serial.reads();
   phone->serial.send(bytes);
-  phone->serial.wait_reads(reads + 1, std::chrono::seconds(60));
+  return phone->serial.wait_reads(reads + 1, std::chrono::seconds(60));
 }
 
 // Does one step and gathers what it brings about, until that is what is expected or clearly is not.
 Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
   std::ostringstream out;
   std::string sent;
+  bool handled = false;
   if (step.action[0] == '>') {
     sent = handset::sent_bytes(step.action);
-    send(phone, sent, seen);
+    handled = send(phone, sent, seen);
   } else {
     run_dot_command(phone, step.action, out);
   }
@@ -92,7 +93,7 @@ Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
   for (;;) {
     const size_t size = journal->size();
     played.entries = fold(journal->since(*seen), sent);
-    const Match found = match(step.entries, played.entries);
+    const Match found = match(step.entries, played.entries, handled);
     if (found == Match::kComplete) {
       *seen = size;
       played.matched = played.prints == step.prints;

@@ -165,7 +165,8 @@ static bool keeps_breaks(const std::vector<ExpectedEntry>& expected,
   return true;
 }
 
-Match match(const std::vector<ExpectedEntry>& expected, const std::vector<Journal::Entry>& actual) {
+Match match(const std::vector<ExpectedEntry>& expected, const std::vector<Journal::Entry>& actual,
+            bool worker_done) {
   std::map<std::string, Stream> streams;
   for (size_t i = 0; i < expected.size(); ++i) {
     streams[expected[i].stream].expected.push_back(i);
@@ -177,8 +178,8 @@ Match match(const std::vector<ExpectedEntry>& expected, const std::vector<Journa
   Match all = Match::kComplete;
   for (const auto& [name, stream] : streams) {
     const Match one = match_stream(expected, actual, stream, &places);
-    if (one == Match::kDifferent) {
-      return one;
+    if (one == Match::kDifferent || (one == Match::kMoreToCome && worker_done && name.empty())) {
+      return Match::kDifferent;
     }
     all = one == Match::kMoreToCome ? one : all;
   }

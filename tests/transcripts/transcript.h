@@ -59,6 +59,7 @@ bool fits(const std::string& pattern, const std::string& text);
 
 enum class Match { kComplete, kMoreToCome, kDifferent };
 
-// Compares stream by stream; between streams only breaks are looked at.
+// Compares stream by stream; between streams only breaks are looked at. Nothing more is to come
+// from a worker that has handled its line.
 Match match(const std::vector<ExpectedEntry>& expected,
-            const std::vector<handset::Journal::Entry>& actual);
+            const std::vector<handset::Journal::Entry>& actual, bool worker_done = false);
