@@ -126,6 +126,8 @@ std::string without_times(const std::string& text) {
 struct Compared {
   char mark;
   std::string text;
+  std::string block = {};  // of an expected line, as in ExpectedEntry
+  int block_line = 0;
 };
 
 // What is expected and what came; what was printed is a stream of its own.
@@ -205,7 +207,8 @@ std::vector<Compared> compare(const Sides& both) {
     }
     const bool any = expected[i].any_number;
     lines.push_back({move == Move::kTake || any ? ' ' : '-',
-                     (any ? "* " : "") + line_of(expected[i].stream, expected[i].text)});
+                     (any ? "* " : "") + line_of(expected[i].stream, expected[i].text),
+                     expected[i].block, expected[i].block_line});
     ++i;
     j += move == Move::kTake ? 1 : 0;
   }
@@ -221,6 +224,34 @@ std::vector<std::string> counted(const std::vector<std::string>& lines) {
       ++end;
     }
     all.push_back(lines[i] + (end - i > 1 ? " x" + std::to_string(end - i) : ""));
+    i = end;
+  }
+  return all;
+}
+
+// What a recorded step says: all that came, whole blocks by their name.
+std::vector<std::string> kept(const std::vector<Compared>& lines) {
+  std::vector<std::string> all;
+  for (size_t i = 0; i < lines.size();) {
+    size_t end = i + 1;
+    bool whole = lines[i].block_line != 0 && lines[i].mark == ' ';
+    while (lines[i].block_line != 0 && end < lines.size() &&
+           lines[end].block_line == lines[i].block_line) {
+      whole = whole && lines[end].mark == ' ';
+      ++end;
+    }
+    // A line too much within a block takes it apart.
+    for (size_t j = end; j < lines.size(); ++j) {
+      whole = whole && lines[j].block_line != lines[i].block_line;
+    }
+    for (size_t j = i; j < end && !whole; ++j) {
+      if (lines[j].mark != '-') {
+        all.push_back(lines[j].text);
+      }
+    }
+    if (whole) {
+      all.push_back(lines[i].block);
+    }
     i = end;
   }
   return all;
@@ -248,15 +279,12 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
         recorded += joined(step.source);
         continue;
       }
-      std::vector<std::string> kept;
+      const std::vector<Compared> lines = compare(sides(step, played));
       std::vector<std::string> difference;
-      for (const Compared& line : compare(sides(step, played))) {
+      for (const Compared& line : lines) {
         difference.push_back(std::string("  ") + line.mark + " " + line.text);
-        if (line.mark != '-') {
-          kept.push_back(line.text);
-        }
       }
-      recorded += step.action + "\n" + joined(counted(kept));
+      recorded += step.action + "\n" + joined(counted(kept(lines)));
       for (const std::string& line : step.source) {
         recorded += line[0] == '#' ? line + "\n" : "";
       }
