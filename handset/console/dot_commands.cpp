@@ -535,7 +535,7 @@ struct DotCommand {
   void (*run)(Handset&, const Line&, std::ostream&);
 };
 
-// Values take the escapes \n, \r, \t, \\ and \xHH.
+// Values take the escapes \n, \r, \t, \\, \xHH, and \{512*k} for 512 times "k".
 const DotCommand kDotCommands[] = {
     {".help", "", "this list", 1, help},
     {".node", "PATH [VALUE]", "show a kernel node, or set it (a line feed is added)", 2, node},
@@ -646,8 +646,18 @@ std::string unescaped(std::string_view text) {
     static const std::map<char, char> kLetters = {
         {'n', '\n'}, {'r', '\r'}, {'t', '\t'}, {'\\', '\\'}};
     unsigned value = 0;
-    if (after.size() >= 3 && after[0] == 'x' &&
-        std::from_chars(&after[1], &after[1] + 2, value, 16).ptr == &after[1] + 2) {
+    size_t star = 0;
+    if (after.starts_with("{") && (star = after.find('*')) < after.find('}') &&
+        after.find('}') != std::string_view::npos) {
+      const size_t close = after.find('}');
+      const std::string part = unescaped(after.substr(star + 1, close - star - 1));
+      for (auto times = number<size_t>(std::string(after.substr(1, star - 1))); times > 0;
+           --times) {
+        bytes += part;
+      }
+      i += close + 1;
+    } else if (after.size() >= 3 && after[0] == 'x' &&
+               std::from_chars(&after[1], &after[1] + 2, value, 16).ptr == &after[1] + 2) {
       bytes += static_cast<char>(value);
       i += 3;
     } else if (!after.empty() && kLetters.count(after[0]) != 0) {
