@@ -25,8 +25,8 @@ int file_write_string(const char* path, const char* text);
 // nothing to read, kFileCannotOpen (without a log line) or kFileNoPath.
 int file_read_string(const char* path, char* buffer, int count);
 
-// The decimal number that a text begins with; 0 when there is none, the nearest int when it is
-// beyond the range of int.
+// The decimal number that a text begins with, behind blanks and a sign; 0 when there is none, the
+// nearest int when it is beyond the range of int. Every number of the system is read like this.
 int parse_int(const char* text);
 
 // The number that the first count bytes of a node begin with (128 at most); 0 when nothing can be

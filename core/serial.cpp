@@ -40,8 +40,8 @@ void at_command_thread() {
   FTM_LOGD(TAG "%s\n", __func__);
   for (;;) {
     memset(line, 0, sizeof(line));
-    // No pause and no log line on a failed read, on purpose: a line that never opened makes this
-    // loop spin.
+    // Deliberately no pause and no log line on a failed read: a line that never opened makes
+    // this loop spin.
     if (read(reply_port(), line, kMaxCommand) < 1) {
       continue;
     }

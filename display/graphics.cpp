@@ -24,6 +24,7 @@ static constexpr int kNotOneChannel = -7;
 static GRFont* gr_font = nullptr;  // made once, kept for the life of the process
 static MinuiBackendDrm* gr_backend = nullptr;
 static GRSurface* gr_draw = nullptr;
+// The size of the first surface. Nothing reads it: kept as it stands.
 static int overscan_width = 0;
 static int overscan_height = 0;
 static uint32_t gr_current = 0xffffffff;  // bytes in memory order red, green, blue, alpha

@@ -40,27 +40,27 @@ static void report(const char* format, ...) {
   fflush(stdout);
 }
 
-static bool is_usable(const drmModeConnector* connector) {
+static bool is_usable(const DrmConnector& connector) {
   return connector != nullptr && connector->connection == DRM_MODE_CONNECTED &&
          connector->count_modes > 0;
 }
 
-// The first usable connector, of a type when it is not 0.
-static DrmConnector find_connector(int fd, const drmModeRes* resources, uint32_t type) {
-  for (int i = 0; i < resources->count_connectors; ++i) {
-    DrmConnector connector(drmModeGetConnector(fd, resources->connectors[i]));
-    if (is_usable(connector.get()) && (type == 0 || connector->connector_type == type)) {
-      return connector;
+// Takes the first usable connector out of the list, of a type when that is not 0.
+static DrmConnector take_connector(std::vector<DrmConnector>* connectors, uint32_t type) {
+  for (DrmConnector& connector : *connectors) {
+    if (is_usable(connector) && (type == 0 || connector->connector_type == type)) {
+      return std::move(connector);
     }
   }
   return nullptr;
 }
 
-static DrmConnector FindMainMonitor(int fd, const drmModeRes* resources, int* mode_index) {
+// Takes the connector of the panel out of the list, or null.
+static DrmConnector FindMainMonitor(std::vector<DrmConnector>* connectors, int* mode_index) {
   DrmConnector connector;
   for (const uint32_t type :
        {DRM_MODE_CONNECTOR_LVDS, DRM_MODE_CONNECTOR_eDP, DRM_MODE_CONNECTOR_DSI, 0}) {
-    connector = find_connector(fd, resources, type);
+    connector = take_connector(connectors, type);
     if (connector != nullptr) {
       break;
     }
@@ -103,9 +103,9 @@ uint32_t MinuiBackendDrm::Properties::Id(const char* name) const {
 
 MinuiBackendDrm::Properties MinuiBackendDrm::GetProperties(uint32_t object, uint32_t type) const {
   Properties found;
-  const DrmObjectProperties list(drmModeObjectGetProperties(drm_fd_, object, type));
+  const DrmObjectProperties list(drmModeObjectGetProperties(drm_fd_.get(), object, type));
   for (uint32_t i = 0; list != nullptr && i < list->count_props; ++i) {
-    const DrmProperty property(drmModeGetProperty(drm_fd_, list->props[i]));
+    const DrmProperty property(drmModeGetProperty(drm_fd_.get(), list->props[i]));
     if (property != nullptr) {
       // The name is an array of the record. NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker)
       const size_t length = strnlen(property->name, sizeof(property->name));
@@ -217,7 +217,7 @@ int MinuiBackendDrm::UpdatePlaneFB() {
                              surfaces_[current_buffer_]->fb_id);
   }
   const int result =
-      drmModeAtomicCommit(drm_fd_, request.get(), DRM_MODE_ATOMIC_ALLOW_MODESET, nullptr);
+      drmModeAtomicCommit(drm_fd_.get(), request.get(), DRM_MODE_ATOMIC_ALLOW_MODESET, nullptr);
   if (result != 0) {
     report("Atomic commit failed ret=%d\n", result);
   }
@@ -235,7 +235,7 @@ GRSurfaceDrm* MinuiBackendDrm::DrmCreateSurface(int width, int height) {
   create.width = static_cast<uint32_t>(width);
   create.height = static_cast<uint32_t>(height);
   create.bpp = 32;
-  int result = drmIoctl(drm_fd_, DRM_IOCTL_MODE_CREATE_DUMB, &create);
+  int result = drmIoctl(drm_fd_.get(), DRM_IOCTL_MODE_CREATE_DUMB, &create);
   if (result != 0) {
     report("DRM_IOCTL_MODE_CREATE_DUMB failed ret=%d\n", result);
     DrmDestroySurface(surface);
@@ -250,7 +250,7 @@ GRSurfaceDrm* MinuiBackendDrm::DrmCreateSurface(int width, int height) {
   const uint32_t handles[4] = {create.handle};
   const uint32_t pitches[4] = {create.pitch};
   const uint32_t offsets[4] = {};
-  result = drmModeAddFB2(drm_fd_, create.width, create.height, DRM_FORMAT_XBGR8888, handles,
+  result = drmModeAddFB2(drm_fd_.get(), create.width, create.height, DRM_FORMAT_XBGR8888, handles,
                          pitches, offsets, &surface->fb_id, 0);
   if (result != 0) {
     report("drmModeAddFB2 failed ret=%d\n", result);
@@ -260,14 +260,15 @@ GRSurfaceDrm* MinuiBackendDrm::DrmCreateSurface(int width, int height) {
 
   drm_mode_map_dumb map = {};
   map.handle = create.handle;
-  result = drmIoctl(drm_fd_, DRM_IOCTL_MODE_MAP_DUMB, &map);
+  result = drmIoctl(drm_fd_.get(), DRM_IOCTL_MODE_MAP_DUMB, &map);
   if (result != 0) {
     report("DRM_IOCTL_MODE_MAP_DUMB failed ret=%d\n", result);
     DrmDestroySurface(surface);
     return nullptr;
   }
-  void* pixels = mmap(nullptr, static_cast<size_t>(create.pitch) * create.height,
-                      PROT_READ | PROT_WRITE, MAP_SHARED, drm_fd_, static_cast<off_t>(map.offset));
+  void* pixels =
+      mmap(nullptr, static_cast<size_t>(create.pitch) * create.height, PROT_READ | PROT_WRITE,
+           MAP_SHARED, drm_fd_.get(), static_cast<off_t>(map.offset));
   if (pixels == MAP_FAILED) {
     perror("mmap() failed");
     DrmDestroySurface(surface);
@@ -286,7 +287,7 @@ void MinuiBackendDrm::DrmDestroySurface(GRSurfaceDrm* surface) {
            static_cast<size_t>(surface->row_bytes) * static_cast<size_t>(surface->height));
   }
   if (surface->fb_id != 0) {
-    const int result = drmModeRmFB(drm_fd_, surface->fb_id);
+    const int result = drmModeRmFB(drm_fd_.get(), surface->fb_id);
     if (result != 0) {
       report("drmModeRmFB failed ret=%d\n", result);
     }
@@ -294,7 +295,7 @@ void MinuiBackendDrm::DrmDestroySurface(GRSurfaceDrm* surface) {
   if (surface->handle != 0) {
     drm_gem_close close = {};
     close.handle = surface->handle;
-    const int result = drmIoctl(drm_fd_, DRM_IOCTL_GEM_CLOSE, &close);
+    const int result = drmIoctl(drm_fd_.get(), DRM_IOCTL_GEM_CLOSE, &close);
     if (result != 0) {
       report("DRM_IOCTL_GEM_CLOSE failed ret=%d\n", result);
     }
@@ -304,40 +305,45 @@ void MinuiBackendDrm::DrmDestroySurface(GRSurfaceDrm* surface) {
 
 // ---- Set-up
 
-// Keeps the first card that can show something and returns its resources.
-DrmResources MinuiBackendDrm::OpenDevice() {
+// Keeps the first card that can show something and returns what it has; no resources when there is
+// none.
+MinuiBackendDrm::CardResources MinuiBackendDrm::OpenDevice() {
   for (int card = 0; card < kDrmCards; ++card) {
     char path[64];
     snprintf(path, sizeof(path), "%s/card%d", kDrmFolder, card);
-    const int fd = open(path, O_RDWR);
-    if (fd < 0) {
+    UniqueFd fd(open(path, O_RDWR));
+    uint64_t dumb_buffers = 0;
+    if (!fd.ok() || drmGetCap(fd.get(), DRM_CAP_DUMB_BUFFER, &dumb_buffers) != 0 ||
+        dumb_buffers == 0) {
       continue;
     }
-    uint64_t dumb_buffers = 0;
-    if (drmGetCap(fd, DRM_CAP_DUMB_BUFFER, &dumb_buffers) == 0 && dumb_buffers != 0) {
-      DrmResources resources(drmModeGetResources(fd));
-      if (resources != nullptr && resources->count_crtcs > 0 &&
-          find_connector(fd, resources.get(), 0) != nullptr) {
-        drm_fd_ = fd;
-        return resources;
-      }
+    DrmResources resources(drmModeGetResources(fd.get()));
+    if (resources == nullptr || resources->count_crtcs == 0) {
+      continue;
     }
-    close(fd);
+    std::vector<DrmConnector> connectors;
+    for (int i = 0; i < resources->count_connectors; ++i) {
+      connectors.emplace_back(drmModeGetConnector(fd.get(), resources->connectors[i]));
+    }
+    if (std::any_of(connectors.begin(), connectors.end(), is_usable)) {
+      drm_fd_ = std::move(fd);
+      return {std::move(resources), std::move(connectors)};
+    }
   }
-  return nullptr;
+  return {};
 }
 
-void MinuiBackendDrm::DisableNonMainCrtcs(const drmModeRes* resources) {
+// Of all connectors but the main one, which has been taken out of the list.
+void MinuiBackendDrm::DisableNonMainCrtcs(const CardResources& card) {
   const DrmRequest request(drmModeAtomicAlloc());
   if (request == nullptr) {
     return;
   }
-  for (int i = 0; i < resources->count_connectors; ++i) {
-    const DrmConnector connector(drmModeGetConnector(drm_fd_, resources->connectors[i]));
-    if (connector == nullptr || connector->connector_id == main_monitor_connector_->connector_id) {
+  for (const DrmConnector& connector : card.connectors) {
+    if (connector == nullptr) {
       continue;
     }
-    const DrmCrtc crtc = find_crtc_for_connector(drm_fd_, resources, connector.get());
+    const DrmCrtc crtc = find_crtc_for_connector(drm_fd_.get(), card.all.get(), connector.get());
     if (crtc == nullptr || crtc->crtc_id == main_monitor_crtc_->crtc_id) {
       continue;
     }
@@ -347,7 +353,8 @@ void MinuiBackendDrm::DisableNonMainCrtcs(const drmModeRes* resources) {
     }
   }
   // The message stands on the success path: kept as it stands.
-  if (drmModeAtomicCommit(drm_fd_, request.get(), DRM_MODE_ATOMIC_ALLOW_MODESET, nullptr) == 0) {
+  if (drmModeAtomicCommit(drm_fd_.get(), request.get(), DRM_MODE_ATOMIC_ALLOW_MODESET, nullptr) ==
+      0) {
     report("Atomic Commit failed in DisableNonMainCrtcs\n");
   }
 }
@@ -359,7 +366,8 @@ void MinuiBackendDrm::ReadTopology() {
     if (property.name != "mode_properties") {
       continue;
     }
-    const DrmBlob blob(drmModeGetPropertyBlob(drm_fd_, static_cast<uint32_t>(property.value)));
+    const DrmBlob blob(
+        drmModeGetPropertyBlob(drm_fd_.get(), static_cast<uint32_t>(property.value)));
     std::string text;
     if (blob != nullptr && blob->data != nullptr) {
       text.assign(static_cast<const char*>(blob->data), blob->length);
@@ -385,8 +393,7 @@ void MinuiBackendDrm::ReadTopology() {
 }
 
 // False when the card has fewer planes than the topology needs.
-bool MinuiBackendDrm::GetPlanes() {
-  const DrmPlaneResources resources(drmModeGetPlaneResources(drm_fd_));
+bool MinuiBackendDrm::GetPlanes(const drmModePlaneRes* resources) {
   if (resources == nullptr || resources->count_planes < number_of_lms_) {
     return false;
   }
@@ -394,29 +401,28 @@ bool MinuiBackendDrm::GetPlanes() {
     const uint32_t id = resources->planes[i];
     planes_.push_back({id, GetProperties(id, DRM_MODE_OBJECT_PLANE)});
   }
-  fb_prop_id_ = planes_[0].properties.Id("FB_ID");
   return true;
 }
 
 GRSurface* MinuiBackendDrm::Init() {
-  const DrmResources resources = OpenDevice();
-  if (resources == nullptr) {
+  CardResources card = OpenDevice();
+  if (card.all == nullptr) {
     perror("cannot find/open a drm device");
     return nullptr;
   }
   int mode_index = 0;
-  main_monitor_connector_ = FindMainMonitor(drm_fd_, resources.get(), &mode_index);
+  main_monitor_connector_ = FindMainMonitor(&card.connectors, &mode_index);
   if (main_monitor_connector_ == nullptr) {
     report("main_monitor_connector not found\n");
     return nullptr;
   }
   main_monitor_crtc_ =
-      find_crtc_for_connector(drm_fd_, resources.get(), main_monitor_connector_.get());
+      find_crtc_for_connector(drm_fd_.get(), card.all.get(), main_monitor_connector_.get());
   if (main_monitor_crtc_ == nullptr) {
     report("main_monitor_crtc not found\n");
     return nullptr;
   }
-  DisableNonMainCrtcs(resources.get());
+  DisableNonMainCrtcs(card);
 
   main_monitor_crtc_->mode = main_monitor_connector_->modes[mode_index];
   for (GRSurfaceDrm*& surface : surfaces_) {
@@ -427,20 +433,22 @@ GRSurface* MinuiBackendDrm::Init() {
     }
   }
 
-  drmSetClientCap(drm_fd_, DRM_CLIENT_CAP_UNIVERSAL_PLANES, 1);
-  drmSetClientCap(drm_fd_, DRM_CLIENT_CAP_ATOMIC, 1);
+  drmSetClientCap(drm_fd_.get(), DRM_CLIENT_CAP_UNIVERSAL_PLANES, 1);
+  drmSetClientCap(drm_fd_.get(), DRM_CLIENT_CAP_ATOMIC, 1);
+  const DrmPlaneResources plane_resources(drmModeGetPlaneResources(drm_fd_.get()));
   crtc_properties_ = GetProperties(main_monitor_crtc_->crtc_id, DRM_MODE_OBJECT_CRTC);
   connector_properties_ =
       GetProperties(main_monitor_connector_->connector_id, DRM_MODE_OBJECT_CONNECTOR);
   ReadTopology();
-  if (!GetPlanes()) {
+  if (!GetPlanes(plane_resources.get())) {
     return nullptr;
   }
-  if (drmModeCreatePropertyBlob(drm_fd_, &main_monitor_crtc_->mode,
+  if (drmModeCreatePropertyBlob(drm_fd_.get(), &main_monitor_crtc_->mode,
                                 sizeof(main_monitor_crtc_->mode), &mode_blob_) != 0) {
     report("failed to create mode blob\n");
     return nullptr;
   }
+  fb_prop_id_ = planes_[0].properties.Id("FB_ID");
   Blank(false);
   return surfaces_[0];
 }
@@ -461,7 +469,7 @@ void MinuiBackendDrm::Blank(bool blank) {
     return;
   }
   const int committed =
-      drmModeAtomicCommit(drm_fd_, request.get(), DRM_MODE_ATOMIC_ALLOW_MODESET, nullptr);
+      drmModeAtomicCommit(drm_fd_.get(), request.get(), DRM_MODE_ATOMIC_ALLOW_MODESET, nullptr);
   if (committed == 0) {
     // A success in spite of its words: kept as they stand.
     report("Atomic Commit failed, rc = %d\n", committed);
@@ -476,16 +484,15 @@ GRSurface* MinuiBackendDrm::Flip() {
 }
 
 MinuiBackendDrm::~MinuiBackendDrm() {
-  if (drm_fd_ < 0) {
+  if (!drm_fd_.ok()) {
     return;
   }
   // Not by the overridable name: a destructor is past its overrides.
   MinuiBackendDrm::Blank(true);
   if (mode_blob_ != 0) {
-    drmModeDestroyPropertyBlob(drm_fd_, mode_blob_);
+    drmModeDestroyPropertyBlob(drm_fd_.get(), mode_blob_);
   }
   for (GRSurfaceDrm* surface : surfaces_) {
     DrmDestroySurface(surface);
   }
-  close(drm_fd_);
 }

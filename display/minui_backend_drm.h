@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "core/unique.h"
 #include "display/surface.h"
 
 struct GRSurfaceDrm : GRSurface {
@@ -61,16 +62,22 @@ class MinuiBackendDrm {
     std::vector<Property> all;
     uint32_t Id(const char* name) const;  // 0 when the object has no such property
   };
+  // What a card has. Its connectors are probed once, in the card's order; one that cannot be read
+  // is null.
+  struct CardResources {
+    DrmResources all;
+    std::vector<DrmConnector> connectors;
+  };
   struct Plane {
     uint32_t id;
     Properties properties;
   };
 
-  DrmResources OpenDevice();
+  CardResources OpenDevice();
   Properties GetProperties(uint32_t object, uint32_t type) const;
-  void DisableNonMainCrtcs(const drmModeRes* resources);
+  void DisableNonMainCrtcs(const CardResources& card);
   void ReadTopology();
-  bool GetPlanes();
+  bool GetPlanes(const drmModePlaneRes* resources);
   GRSurfaceDrm* DrmCreateSurface(int width, int height);
   void DrmDestroySurface(GRSurfaceDrm* surface);
   int AddProperty(drmModeAtomicReq* request, uint32_t object, const Properties& properties,
@@ -85,7 +92,7 @@ class MinuiBackendDrm {
   int current_buffer_ = 0;
   DrmCrtc main_monitor_crtc_;
   DrmConnector main_monitor_connector_;
-  int drm_fd_ = -1;
+  UniqueFd drm_fd_;
   uint32_t fb_prop_id_ = 0;
   Properties connector_properties_;
   Properties crtc_properties_;

@@ -94,7 +94,7 @@ static bool try_suspend() {
     return false;
   }
 
-  // Flushed before every attempt, and logged as errors, on purpose.
+  // Flushed before every attempt, and logged as errors: kept as it stands.
   LOG(ERROR) << "sync";
   sync();
   LOG(ERROR) << "sync end";

@@ -307,7 +307,7 @@ static bool decode_attr(pb_istream_t* stream, const pb_field_t*, void**) {
   if (!pb_decode(stream, sns_std_attr_fields, &attribute)) {
     return false;
   }
-  // A sensor without a hardware id is never enabled, on purpose.
+  // A sensor without a hardware id is never enabled.
   if (attr_id == kHardwareIdAttribute && (!is_second_sensor(get(&SensorTestState::type_id)) ||
                                           get(&SensorTestState::hardware_id) == kSecondSensor)) {
     send_enable_req();
@@ -383,7 +383,7 @@ static bool decode_hall_event(pb_istream_t* stream) {
   }
   const float values[] = {static_cast<float>(event.state), static_cast<float>(event.accuracy)};
   set_values(values, 2);
-  // The proximity event's words and the misspelling are kept on purpose.
+  // The proximity event's words and the misspelling are kept as they stand.
   SENSOR_LOG("PROX EVENT, status %d, accurancy %d", static_cast<int>(event.state),
              static_cast<int>(event.accuracy));
   return true;

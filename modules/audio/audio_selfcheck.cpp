@@ -51,7 +51,7 @@ static int reply_registered(const char* node, const char* present, const char* a
   return 0;
 }
 
-// Codec and switch without a leading slash on purpose: the daemon's working directory is the root.
+// Codec and switch without a leading slash: kept as it stands. The daemon works in the root.
 static int audio_codec_check_call(const char*) {
   return reply_registered("proc/wcd_codec_exist", "%s: codec already register\n",
                           "%s: codec not register\n", __func__);

@@ -38,6 +38,8 @@ static const char kRecorder[] =
 
 static constexpr int kThreadAttempts = 6;
 static constexpr useconds_t kBeforeTestUs = 200 * 1000;
+// The name in the detector's log lines.
+static const char kTestName[] = "start_wcd_mic_test";
 static constexpr useconds_t kStepUs = 10 * 1000;
 static constexpr useconds_t kRecordUs = 1000 * 1000;
 
@@ -116,6 +118,27 @@ static void* wcd_mic_die_test_record_thread_start(void*) {
   return nullptr;
 }
 
+// One step of the detector with the enable setting written. kPassed or the code of its failure.
+static uint32_t run_step(const Setting& enable, const Setting& interrupt, mixer_ctl* det_int1_ctl,
+                         mixer_ctl* det_out_ctl) {
+  const uint32_t step = enable.code << 16 | interrupt.code << 8;
+  usleep(kStepUs);
+  if (mixer_ctl_set_enum_by_string(det_int1_ctl, interrupt.text) != 0) {
+    const uint32_t code = step | kWriteFailed;
+    FTM_LOGE("%s: *** det_int1_ctl set value %8x error ***", kTestName, code);
+    return code;
+  }
+  usleep(kStepUs);
+  const int det_out = mixer_ctl_get_value(det_out_ctl, 0);
+  if (det_out != 0) {
+    const uint32_t code = kCracked | step | static_cast<uint32_t>(det_out);
+    FTM_LOGE("%s: *** wcd mic check result det_out is %8x error ***", kTestName, code);
+    return code;
+  }
+  FTM_LOGI("%s: *** wcd mic check result det_out is %8x pass ***", kTestName, step);
+  return kPassed;
+}
+
 // Runs the detector. kPassed or the code of the step that failed.
 static uint32_t start_wcd_mic_test() {
   mixer* card = mixer_handle.get();
@@ -138,21 +161,10 @@ static uint32_t start_wcd_mic_test() {
       return code;
     }
     for (const Setting& interrupt : kInterrupts) {
-      const uint32_t step = enable.code << 16 | interrupt.code << 8;
-      usleep(kStepUs);
-      if (mixer_ctl_set_enum_by_string(det_int1_ctl, interrupt.text) != 0) {
-        const uint32_t code = step | kWriteFailed;
-        FTM_LOGE("%s: *** det_int1_ctl set value %8x error ***", __func__, code);
+      const uint32_t code = run_step(enable, interrupt, det_int1_ctl, det_out_ctl);
+      if (code != kPassed) {
         return code;
       }
-      usleep(kStepUs);
-      const int det_out = mixer_ctl_get_value(det_out_ctl, 0);
-      if (det_out != 0) {
-        const uint32_t code = kCracked | step | static_cast<uint32_t>(det_out);
-        FTM_LOGE("%s: *** wcd mic check result det_out is %8x error ***", __func__, code);
-        return code;
-      }
-      FTM_LOGI("%s: *** wcd mic check result det_out is %8x pass ***", __func__, step);
       if (&interrupt != std::end(kInterrupts) - 1) {
         usleep(kStepUs);
       }
@@ -175,7 +187,7 @@ static bool start_record_thread() {
 static int at_wcd_mic_die_test_on(const char*) {
   FTM_LOGD(TAG "%s:: entry \n", __func__);
   if (test_started) {
-    // Not cleared by a pass, on purpose: a repeat answers the last failure, or "0".
+    // Not cleared by a pass: a repeat answers the last failure, or "0".
     at_send_result(result_text);
     FTM_LOGD(TAG "%s: repeat cmd\n", __func__);
     return 0;

@@ -8,8 +8,7 @@
 
 #define TAG "[FTM-AUDIO]"
 
-// Start-up's results, on purpose not those of the retries: a card that came late is opened anew by
-// each start.
+// Start-up's results, not those of the retries: a card that came late is opened anew by each start.
 static bool mixer_ready = false;
 static bool route_ready = false;
 

@@ -91,7 +91,7 @@ static const char* battery_status_info_get() {
                      record->voltage / 1000.0, record->temperature / 10.0, "0.00",
                      record->current / 1000.0, record->charge / 1000.0);
   FTM_LOGD("BATTERY STATUS INFO:\n");
-  // Logs the empty text behind the report, not the report, on purpose.
+  // Logs the empty text behind the report, not the report: kept as it stands.
   FTM_LOGD("%s\n", record->report + length);
   return record->report;
 }

@@ -111,8 +111,8 @@ int at_camera_front_QR_code_get(const char*) {
                            " CAMERA_FRONT_QR_CODE:", " CAMERA_FRONT__QR_CODE READ FAILED\r\n");
 }
 
-// An exception on purpose: the second and third file are both read, into one buffer, and the second
-// alone does not count as found.
+// Unlike the others, and kept as it stands: the second and third file are both read, into one
+// buffer, and the second alone does not count as found.
 int at_camera_back_aux_QR_code_get(const char*) {
   Code code = {};
   bool found = read_code(__func__, kBackAuxGc02m1, code);

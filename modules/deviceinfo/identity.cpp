@@ -33,7 +33,7 @@ static const ReportLine kReportLines[] = {
     {"Android Version: %s\n", "ro.build.version.release"},
     {"Kernel: %s\n", "ro.build.kernel.id"},
     {"Version: %s\n", "ro.build.display.id"},
-    {"Branch: %s\n", "ro.product.model"},  // the model once more, on purpose
+    {"Branch: %s\n", "ro.product.model"},  // the model once more
     {"Branch Version: %s\n", "ro.xxversion"},
     {"PCB Number: %s\n", nullptr},
     {"Build Time: %s\n", "ro.build.date.YmdHM"},
@@ -71,7 +71,7 @@ int at_software_version(const char*) {
 
 int at_serial_no(const char*) {
   static char reply[128];
-  // Left open after the read, on purpose; the next command's takes its place, so that one stays.
+  // Left open after the read; the next command's takes its place, so that one stays.
   static UniqueFile stream;
   memset(reply, 0, sizeof(reply));
   stream.reset(fopen(kSerialNumberNode, "r"));
@@ -80,9 +80,12 @@ int at_serial_no(const char*) {
     if (fread(text, 1, sizeof(text) - 1, stream.get()) == 0) {
       text[0] = '\0';
     }
-    // Serial numbers use all 32 bits; sixteen digits always fit a long.
-    bounded_format(reply, sizeof(reply), "SN: %x\n",
-                   static_cast<uint32_t>(strtol(text, nullptr, 10)));
+    // Only digits count, and serial numbers use all 32 bits.
+    uint32_t number = 0;
+    for (const char* digit = text; *digit >= '0' && *digit <= '9'; ++digit) {
+      number = number * 10 + static_cast<uint32_t>(*digit - '0');
+    }
+    bounded_format(reply, sizeof(reply), "SN: %x\n", number);
   } else {
     FTM_LOGE(TAG "failed read node, use property instead \n");
     char value[PROP_VALUE_MAX];
@@ -117,7 +120,7 @@ static const char kVendorChecksum[] =
 struct Tree {
   const char* checksum;
   const char* reference;
-  const char* failure;  // reply, without a line end on purpose
+  const char* failure;  // reply, without a line end
 };
 
 static const Tree kTrees[] = {

@@ -13,7 +13,7 @@
 static const char kMeminfo[] = "/proc/meminfo";
 static const char kCpuMaxFrequency[] = "/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq";
 
-// kB. A missing file counts as 1, on purpose: 0 is for a file without the line.
+// kB. A missing file counts as 1 (kept as it stands), a file without the line as 0.
 static int64_t get_mem_size() {
   const UniqueFile file(fopen(kMeminfo, "r"));
   if (file == nullptr) {

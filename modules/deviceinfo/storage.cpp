@@ -60,7 +60,7 @@ int at_get_emmc_size(const char*) {
 }
 
 int at_get_emmc_size_new(const char*) {
-  // Whole GiB: the decimals are always 00, on purpose.
+  // Whole GiB: the decimals are always 00.
   const int64_t whole_gib = get_emmc_size() / 1048576;
   const auto capacity = static_cast<float>(whole_gib);
   char text[64];
@@ -105,7 +105,7 @@ int at_get_ufsplus_status(const char*) {
   static const struct {
     int tw;
     int hpb;
-    const char* failure;  // null for none; without a line end on purpose
+    const char* failure;  // null for none; without a line end
   } kOutcomes[] = {
       {1, 1, nullptr},
       {1, 0, "HPB is not enable"},

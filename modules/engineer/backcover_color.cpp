@@ -14,8 +14,8 @@
 static constexpr size_t kColorLength = 8;
 
 // Opens the partition at the colour record. On failure the descriptor is none and the station has
-// had what it gets: no reply at all for a partition that does not open, on purpose (it counts on
-// the time-out), "ERROR\n" for a failed seek.
+// had what it gets: no reply at all for a partition that does not open (kept as it stands),
+// "ERROR\n" for a failed seek.
 static UniqueFd open_color_record(int flags) {
   UniqueFd fd(open(reserve_partition(), flags));
   if (!fd.ok()) {

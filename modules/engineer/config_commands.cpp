@@ -58,7 +58,7 @@ static int query_cfg(const char* handler, const char* file_name, const char* arg
     return 0;
   }
   at_send_result("OK\r\n");
-  // Lower case on purpose, name and value.
+  // Lower case, name and value.
   fold_to_lower_case(reply);
   at_send_result(reply);
   return 0;

@@ -6,7 +6,7 @@
 #include "core/at.h"
 
 static AtCommand rows[] = {
-    // The doubled g is kept on purpose: the name is known like this.
+    // The doubled g is kept as it stands.
     {.short_name = "enable enginggermode adb",
      .command = "AT^ENABLE_ENG_ADB",
      .handler = at_enable_engineermode_adb},

@@ -18,7 +18,7 @@ int at_enable_engineermode_adb(const char*) {
     return 0;
   }
   const char* partition = reserve_partition();
-  // Created when missing, on purpose.
+  // Created when missing: kept as it stands.
   const UniqueFd fd(open(partition, O_RDWR | O_CREAT, 0664));
   if (!fd.ok()) {
     FTM_LOGE(TAG "Unable to open %s\n", partition);
@@ -27,14 +27,14 @@ int at_enable_engineermode_adb(const char*) {
   }
   if (lseek(fd.get(), record_offset(kEngineerAdbRecord), SEEK_SET) < 0) {
     FTM_LOGE(TAG "lseek to reserve error  \n");
-    return 0;  // without a reply, on purpose
+    return 0;  // without a reply
   }
   if (write(fd.get(), kAdbMark, strlen(kAdbMark)) < 1) {
     FTM_LOGE(TAG "fail to write file %s\n", partition);
   } else {
     fsync(fd.get());
   }
-  // A failed write is acknowledged too, on purpose.
+  // A failed write is acknowledged too.
   at_send_result("OK\r\n");
   return 0;
 }

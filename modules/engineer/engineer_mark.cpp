@@ -42,7 +42,7 @@ static bool remove_test_records(const char* caller) {
   }
   bool removed_all = true;
   while (const dirent* entry = readdir(folder.get())) {
-    // The bit of regular files is also in the types of links and sockets: these go too, on purpose.
+    // The bit of regular files is also in the types of links and sockets: these go too.
     if ((entry->d_type & DT_REG) != 0 && !remove_test_record(caller, entry->d_name)) {
       removed_all = false;
     }

@@ -32,9 +32,9 @@ static std::string_view slot_text(const char* slot) {
   return {slot, strnlen(slot, kSlotSize)};
 }
 
-// The slot that an entry of this name goes to, or null. Two things are kept on purpose: a shorter
-// name takes a slot whose name begins with it, and a free slot wins over a later one of the same
-// name, which then stays.
+// The slot that an entry of this name goes to, or null. Two things are kept as they stand: a
+// shorter name takes a slot whose name begins with it, and a free slot wins over a later one of the
+// same name, which then stays.
 static char* find_slot(ProductInfo* info, std::string_view name) {
   for (char* slot : info->slots) {
     const std::string_view text = slot_text(slot);

@@ -14,8 +14,7 @@
 static const char kTarnPartition[] = "/dev/block/by-name/tarnreserve1";
 static const char kNorvaPartition[] = "/dev/block/by-name/norvareserve1";
 
-// Relative on purpose: the daemon works in the root. Anywhere else every record has its eMMC
-// offset.
+// Relative: the daemon works in the root. Anywhere else every record has its eMMC offset.
 static const char kUfsDevice[] = "dev/block/sda";
 
 const char* reserve_partition() {

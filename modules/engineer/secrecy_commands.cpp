@@ -122,7 +122,7 @@ static void write_secrecy_file(const char* caller, const UnlockedText& text) {
 
 // Unlocks the configuration in the file and in the record. Returns a negative number for a failure,
 // 0 when the record took nothing, else the bytes of the record, which decides alone: a failed file
-// does not count. A configuration with nothing to unlock is a success, on purpose.
+// does not count. A configuration with nothing to unlock is a success.
 static int unlockSecrecyCfg() {
   char buffer[kSecrecyTextSize] = {};
   const int count = read_secrecy_text(__func__, buffer);

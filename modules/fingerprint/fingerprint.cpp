@@ -31,5 +31,5 @@ static void at_fp_test_init() {
   FTM_LOGD(TAG "%s end\n", __func__);
 }
 
-// The init function is the exit function too, on purpose.
+// The init function is the exit function too: shut-down registers the row once more.
 FTM_MODULE_EXIT_IS_INIT(fp_test, 5, TAG)

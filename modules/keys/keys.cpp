@@ -34,6 +34,7 @@ static constexpr useconds_t kWaitUs = 700 * 1000;
 static constexpr uint64_t kWatchedTypes = 1U << EV_KEY | 1U << EV_REL | 1U << EV_SW;
 static constexpr uint64_t kPointerTypes = 1U << EV_REL | 1U << EV_ABS;
 
+// Runs when a device can be read, with its descriptor, the epoll event bits and its slot's data.
 using EvCallback = int (*)(int fd, uint32_t events, void* data);
 
 struct EvDevice {

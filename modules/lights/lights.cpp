@@ -14,7 +14,7 @@
 
 #define TAG "[FTM-LIGHTS]"
 
-// Without a leading slash on purpose: the daemon's working directory is the root.
+// Without a leading slash: the daemon's working directory is the root.
 static const char* const kLedNodes[] = {"sys/class/leds/red/brightness",
                                         "sys/class/leds/green/brightness",
                                         "sys/class/leds/blue/brightness"};
@@ -157,7 +157,7 @@ static void at_breathing_init() {
   open_panel_if_closed();
   file_write_int(kEsdStatus, 0);
   usleep(kSettleUs);
-  // Off twice, on purpose.
+  // Off twice: kept as it stands.
   lcd_set_backlight(0, get_backlight_max_level());
   usleep(kSettleUs);
   lcd_set_backlight(0, get_backlight_max_level());

@@ -16,7 +16,7 @@ static const char kCableNode[] = "/proc/tarn_rf/rf_cable";
 
 // The one project that has five ports; the others have one.
 static constexpr int kFivePortProject = 12;
-// The fifth port is named ANT7 on purpose.
+// The fifth port is ANT7, not ANT4.
 static const char* const kFivePorts[] = {" ANT0", " ANT1", " ANT2", " ANT3", " ANT7"};
 static const char kOnePort[] = " ANT0";
 
@@ -58,5 +58,5 @@ static void at_rf_cable_test_init() {
   at_register_rows(rows);
 }
 
-// The init function is the exit function too, on purpose.
+// The init function is the exit function too: shut-down registers the row once more.
 FTM_MODULE_EXIT_IS_INIT(rf_cable_test, 5, TAG)

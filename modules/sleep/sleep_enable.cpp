@@ -71,7 +71,7 @@ static int at_sleep_enable(const char*) {
 
 static int at_sleep_disable(const char*) {
   FTM_LOGD(TAG "%s\n", __func__);
-  // The engine stays enabled on purpose: the wake lock alone keeps the phone awake.
+  // The engine stays enabled: the wake lock alone keeps the phone awake.
   power_set_cannot_sleep();
   at_send_result("OK\r\n");
   return 0;

@@ -9,7 +9,7 @@
 #define TAG "[FTM-TP]"
 
 static const char kSuspendNode[] = "/sys/class/input/input0/suspend";
-// Without a leading slash on purpose: the daemon's working directory is the root.
+// Without a leading slash: the daemon's working directory is the root.
 static const char kBusTestNode[] = "proc/touchpanel/i2c_device_test";
 
 // What the node says is for the station to judge: any text at all counts as success.
@@ -33,5 +33,5 @@ static void at_tp_test_init() {
   FTM_LOGD(TAG "%s end\n", __func__);
 }
 
-// The init function is the exit function too, on purpose: shut-down suspends the panel again.
+// The init function is the exit function too: shut-down suspends the panel again.
 FTM_MODULE_EXIT_IS_INIT(tp_test, 5, TAG)

@@ -51,7 +51,7 @@ static bool vibrator_start() {
     return true;
   }
   // A failed write does not take the state back, and the state also stays on when the motor stops
-  // by itself after its duration: kept on purpose, the next on command then writes nothing.
+  // by itself after its duration: the next on command then writes nothing.
   set_motor_state(kMotorOn);
   return write_motor_nodes(kMotorDurationMs, 1);
 }

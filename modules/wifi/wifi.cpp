@@ -78,7 +78,7 @@ static void insmod(const char* path) {
 // matter.
 static int wifi_schedule_scan() {
   FTM_LOGD(TAG "%s: Start\n", __func__);
-  // Reported as a success whatever came of it, on purpose.
+  // Reported as a success whatever came of it.
   [[maybe_unused]] const int result = system("ifconfig wlan0 up");
   FTM_LOGE("set wlan0 up success\n");
   for (int left = kScans - 1; left >= 0; --left) {

@@ -110,46 +110,6 @@ TEST(Serial, AnEmptyTableAnswersEveryLine) {
   EXPECT_EQ(phone.command("AT^WITH_ARGS_SHOW:1\r\n"), Replies{kUndefined});
 }
 
-TEST(Serial, APortThatCannotBeOpenedLeavesTheDaemonRunning) {
-  Handset phone;
-  phone.start({.serial = "", .wait_ready = false});
-  for (int i = 0; i < 500 && phone.log().find("at_command_thread\n") == std::string::npos; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_NE(phone.log().find("[FTM-AT]at_open_port fail\n"), std::string::npos);
-  EXPECT_NE(phone.log().find("[FTM-AT]at_command_thread\n"), std::string::npos);
-  EXPECT_FALSE(phone.wait_exit(std::chrono::seconds(0)).has_value());
-}
-
-TEST(Serial, WithoutAWorkerTheDaemonRunsTheExitsAndEnds) {
-  if (FTM_THREAD_SANITIZER) {
-    GTEST_SKIP() << "the sanitizer's runtime needs a thread of its own";
-  }
-  Handset phone;
-  phone.start({.threads = false, .wait_ready = false});
-  const std::optional<int> status = phone.wait_exit();
-  ASSERT_TRUE(status.has_value());
-  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
-  std::string log = phone.log();
-  size_t from = 0;
-  for (const char* line :
-       {"[FTM-MAIN]enter factory main\n", "[FTM-AT]at_open_port, serial_port_fd",
-        "[FTM-MAIN]start at current test\n", "[FTM-AT]ftm_at_init start\n",
-        "[FTM-AT]ftm_at_init end\n", "[FTM-MAIN]try to create at thread 10 times still failed\n",
-        "[FTM-MAIN]watting ftm_at_thread finish\n", "[FTM-MAIN]ftm_at_thread finish error\n",
-        "[FTM-AT]ftm_at_deinit start\n", "[FTM-VIBRATOR]at_vibrator_exit start\n",
-        "[FTM-TP]at_tp_test_init start\n", "[FTM-AT]ftm_at_deinit end\n",
-        "[FTM-MAIN]exit at current test\n"}) {
-    const size_t at = log.find(line, from);
-    ASSERT_NE(at, std::string::npos) << line;
-    from = at;
-  }
-  // The touch module's init is its exit, too: the panel is suspended twice.
-  const Nodes::Write suspend = {"/sys/class/input/input0/suspend", "1\n"};
-  const std::vector<Nodes::Write> writes = phone.nodes.take_writes();
-  EXPECT_EQ(std::count(writes.begin(), writes.end(), suspend), 2);
-}
-
 TEST(Serial, ASerialProgramNobodyHereWroteGetsTheSameBytes) {
   Handset phone;
   phone.start();

@@ -2,8 +2,8 @@
 //
 //   run_transcripts [--record] FILE...
 //
-// Prints what differs, line by line, and ends with status 1 when something did. With --record every
-// step that differs is written into the file as it came out; read it before you keep it.
+// Prints what differs, line by line, and ends with status 1 when something did. With --record what
+// came is written into the file in place of what did not; read it before you keep it.
 
 #include <algorithm>
 #include <atomic>
@@ -57,9 +57,9 @@ void wait_for_main(Journal* journal) {
   }
 }
 
-// Sends a line and waits until it has been handled, or until the daemon has ended. The phone starts
-// with the first one, and what it does then belongs to no line.
-void send(Handset* phone, const std::string& bytes, size_t* seen) {
+// Sends a line and waits until it has been handled (true), or until the daemon has ended. The phone
+// starts with the first one, and what it does then belongs to no line.
+bool send(Handset* phone, const std::string& bytes, size_t* seen) {
   if (phone->pid() == 0) {
     Handset::StartOptions options;
     options.faults = true;
@@ -69,16 +69,17 @@ void send(Handset* phone, const std::string& bytes, size_t* seen) {
   }
   const int reads = phone->serial.reads();
   phone->serial.send(bytes);
-  phone->serial.wait_reads(reads + 1, std::chrono::seconds(60));
+  return phone->serial.wait_reads(reads + 1, std::chrono::seconds(60));
 }
 
 // Does one step and gathers what it brings about, until that is what is expected or clearly is not.
 Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
   std::ostringstream out;
   std::string sent;
+  bool handled = false;
   if (step.action[0] == '>') {
     sent = handset::sent_bytes(step.action);
-    send(phone, sent, seen);
+    handled = send(phone, sent, seen);
   } else {
     run_dot_command(phone, step.action, out);
   }
@@ -96,7 +97,7 @@ Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
   for (;;) {
     const size_t size = journal->size();
     played.entries = fold(journal->since(*seen), sent);
-    const Match found = match(step.entries, played.entries);
+    const Match found = match(step.entries, played.entries, handled);
     if (found == Match::kComplete) {
       *seen = size;
       played.matched = played.prints == step.prints;
@@ -112,8 +113,12 @@ Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
   }
 }
 
-std::string shown(const ExpectedEntry& entry) {
-  return (entry.any_number ? "* " : "") + handset::shown({entry.stream, entry.text});
+std::string joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) {
+    text += line + "\n";
+  }
+  return text;
 }
 
 // What differs from run to run whatever the daemon does.
@@ -122,64 +127,104 @@ std::string without_times(const std::string& text) {
   return std::regex_replace(text, kTimestamp, "timestamp {*}");
 }
 
-std::vector<std::string> shown(const Played& played) {
-  std::vector<std::string> lines;
-  for (const std::string& line : played.prints) {
-    lines.push_back("| " + line);
+// A line of a comparison: ' ' is as expected, '-' is missing, '+' is too much.
+struct Compared {
+  char mark;
+  std::string text;
+};
+
+// What is expected and what came as lines, the expected ones as patterns.
+struct Sides {
+  std::vector<ExpectedEntry> expected;
+  std::vector<std::string> actual;
+};
+
+Sides sides(const Step& step, const Played& played) {
+  Sides both;
+  for (const std::string& line : step.prints) {
+    both.expected.push_back({.stream = "", .text = "| " + line});
   }
-  for (const Journal::Entry& entry : count_repeats(played.entries)) {
-    lines.push_back(without_times(handset::shown(entry)));
+  for (ExpectedEntry entry : step.entries) {
+    entry.text = handset::shown({entry.stream, entry.text});
+    both.expected.push_back(entry);
+  }
+  for (const std::string& line : played.prints) {
+    both.actual.push_back("| " + line);
+  }
+  for (const Journal::Entry& entry : played.entries) {
+    both.actual.push_back(handset::shown(entry));
+  }
+  return both;
+}
+
+// The comparison with the fewest lines missing or too much, and of these the one that leaves the
+// fewest to the entries of any number.
+std::vector<Compared> compare(const Sides& both) {
+  constexpr size_t kWrong = 10000;  // of a line missing or too much; 1 of one left to any number
+  const std::vector<ExpectedEntry>& expected = both.expected;
+  const std::vector<std::string>& actual = both.actual;
+  // cost[i][j]: of what is expected from i on and came from j on. What to do there:
+  enum class Move { kTooMuch, kPass, kTake, kAbsorb };
+  const size_t width = actual.size() + 1;
+  std::vector<size_t> cost((expected.size() + 1) * width, 0);
+  std::vector<Move> moves(cost.size(), Move::kTooMuch);
+  for (size_t i = expected.size() + 1; i-- > 0;) {
+    for (size_t j = width; j-- > 0;) {
+      const size_t at = i * width + j;
+      size_t least = SIZE_MAX;
+      const auto offer = [&](Move move, size_t price) {
+        if (price < least) {
+          least = price;
+          moves[at] = move;
+        }
+      };
+      if (i < expected.size()) {
+        const bool any = expected[i].any_number;
+        if (j < actual.size() && fits(expected[i].text, actual[j])) {
+          any ? offer(Move::kAbsorb, cost[at + 1] + 1) : offer(Move::kTake, cost[at + width + 1]);
+        }
+        offer(Move::kPass, cost[at + width] + (any ? 0 : kWrong));
+      }
+      if (j < actual.size()) {
+        offer(Move::kTooMuch, cost[at + 1] + kWrong);
+      }
+      cost[at] = least == SIZE_MAX ? 0 : least;
+    }
+  }
+  std::vector<Compared> lines;
+  for (size_t i = 0, j = 0; i < expected.size() || j < actual.size();) {
+    const Move move = moves[i * width + j];
+    if (move == Move::kTooMuch) {
+      lines.push_back({'+', without_times(actual[j++])});
+      continue;
+    }
+    if (move == Move::kAbsorb) {
+      ++j;
+      continue;
+    }
+    if (expected[i].after_break) {
+      lines.push_back({' ', "--"});
+    }
+    const bool any = expected[i].any_number;
+    lines.push_back({move == Move::kTake || any ? ' ' : '-', (any ? "* " : "") + expected[i].text});
+    ++i;
+    j += move == Move::kTake ? 1 : 0;
   }
   return lines;
 }
 
-std::vector<std::string> shown(const Step& step) {
-  std::vector<std::string> lines;
-  for (const std::string& line : step.prints) {
-    lines.push_back("| " + line);
-  }
-  for (size_t i = 0; i < step.entries.size();) {
-    const std::string line = shown(step.entries[i]);
+// The lines as text, one that follows its like counted as "x3".
+std::vector<std::string> counted(const std::vector<std::string>& lines) {
+  std::vector<std::string> all;
+  for (size_t i = 0; i < lines.size();) {
     size_t end = i + 1;
-    while (end < step.entries.size() && !step.entries[end].after_break &&
-           shown(step.entries[end]) == line) {
+    while (end < lines.size() && lines[end] == lines[i]) {
       ++end;
     }
-    if (step.entries[i].after_break) {
-      lines.emplace_back("--");
-    }
-    lines.push_back(line + (end - i > 1 ? " x" + std::to_string(end - i) : ""));
+    all.push_back(lines[i] + (end - i > 1 ? " x" + std::to_string(end - i) : ""));
     i = end;
   }
-  return lines;
-}
-
-// The lines of both, with '-' before what is missing and '+' before what is too much.
-std::string difference(const std::vector<std::string>& expected,
-                       const std::vector<std::string>& actual) {
-  std::vector<std::vector<size_t>> common(expected.size() + 1,
-                                          std::vector<size_t>(actual.size() + 1, 0));
-  for (size_t i = expected.size(); i-- > 0;) {
-    for (size_t j = actual.size(); j-- > 0;) {
-      common[i][j] = expected[i] == actual[j] ? common[i + 1][j + 1] + 1
-                                              : std::max(common[i + 1][j], common[i][j + 1]);
-    }
-  }
-  std::string text;
-  size_t i = 0;
-  size_t j = 0;
-  while (i < expected.size() || j < actual.size()) {
-    if (i < expected.size() && j < actual.size() && expected[i] == actual[j]) {
-      text += "    " + expected[i++] + "\n";
-      ++j;
-    } else if (i < expected.size() &&
-               (j == actual.size() || common[i + 1][j] >= common[i][j + 1])) {
-      text += "  - " + expected[i++] + "\n";
-    } else {
-      text += "  + " + actual[j++] + "\n";
-    }
-  }
-  return text;
+  return all;
 }
 
 struct Outcome {
@@ -189,11 +234,8 @@ struct Outcome {
 
 Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
   Outcome outcome;
-  std::ostringstream recorded;
-  recorded << "== " << scenario.title << "\n";
-  for (const std::string& line : scenario.head) {
-    recorded << line << "\n";
-  }
+  std::string& recorded = outcome.recorded;
+  recorded = "== " + scenario.title + "\n" + joined(scenario.head);
   const auto report = [&](const Step& step, const std::string& text) {
     outcome.report += file + ":" + std::to_string(step.line) + ": " + scenario.title + "\n  " +
                       step.action + "\n" + text;
@@ -203,22 +245,34 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
     size_t seen = 0;
     for (const Step& step : scenario.steps) {
       const Played played = play(step, &phone, record, &seen);
-      const std::vector<std::string> kept = played.matched ? shown(step) : shown(played);
-      recorded << step.action << "\n";
-      for (const std::string& line : kept) {
-        recorded << line << "\n";
+      if (played.matched) {
+        recorded += joined(step.source);
+        continue;
       }
-      if (!played.matched) {
-        report(step, difference(shown(step), shown(played)));
-        if (!record) {
-          break;
+      std::vector<std::string> kept;
+      std::vector<std::string> difference;
+      for (const Compared& line : compare(sides(step, played))) {
+        difference.push_back(std::string("  ") + line.mark + " " + line.text);
+        if (line.mark != '-') {
+          kept.push_back(line.text);
         }
+      }
+      recorded += step.action + "\n" + joined(counted(kept));
+      for (const std::string& line : step.source) {
+        recorded += line[0] == '#' ? line + "\n" : "";
+      }
+      report(step, joined(counted(difference)));
+      if (!record) {
+        break;
       }
     }
   } catch (const std::exception& error) {
     outcome.report += file + ": " + scenario.title + ": " + error.what() + "\n";
+    recorded = "== " + scenario.title + "\n" + joined(scenario.head);  // as it stood
+    for (const Step& step : scenario.steps) {
+      recorded += joined(step.source);
+    }
   }
-  outcome.recorded = recorded.str();
   return outcome;
 }
 

@@ -52,8 +52,9 @@ std::vector<Scenario> read_transcript(const std::string& file) {
       continue;
     }
     if (line.empty() || line[0] == '#') {
-      if (!scenarios.empty() && scenarios.back().steps.empty() && !line.empty()) {
-        scenarios.back().head.push_back(line);
+      if (!scenarios.empty() && !line.empty()) {
+        Scenario& scenario = scenarios.back();
+        (scenario.steps.empty() ? scenario.head : scenario.steps.back().source).push_back(line);
       }
       continue;
     }
@@ -76,12 +77,12 @@ std::vector<Scenario> read_transcript(const std::string& file) {
         steps.back().entries.push_back(entry);
       }
     }
+    steps.back().source.push_back(line);
   }
   return scenarios;
 }
 
-// {*} takes any text.
-static bool fits(const std::string& pattern, const std::string& text) {
+bool fits(const std::string& pattern, const std::string& text) {
   size_t at = 0;
   size_t start = 0;
   for (bool first = true;; first = false) {
@@ -164,7 +165,8 @@ static bool keeps_breaks(const std::vector<ExpectedEntry>& expected,
   return true;
 }
 
-Match match(const std::vector<ExpectedEntry>& expected, const std::vector<Journal::Entry>& actual) {
+Match match(const std::vector<ExpectedEntry>& expected, const std::vector<Journal::Entry>& actual,
+            bool worker_done) {
   std::map<std::string, Stream> streams;
   for (size_t i = 0; i < expected.size(); ++i) {
     streams[expected[i].stream].expected.push_back(i);
@@ -176,8 +178,8 @@ Match match(const std::vector<ExpectedEntry>& expected, const std::vector<Journa
   Match all = Match::kComplete;
   for (const auto& [name, stream] : streams) {
     const Match one = match_stream(expected, actual, stream, &places);
-    if (one == Match::kDifferent) {
-      return one;
+    if (one == Match::kDifferent || (one == Match::kMoreToCome && worker_done && name.empty())) {
+      return Match::kDifferent;
     }
     all = one == Match::kMoreToCome ? one : all;
   }

@@ -32,6 +32,7 @@ struct ExpectedEntry {
 
 struct Step {
   std::string action;  // "> ..." or ". ..."; empty for what comes before the first
+  std::vector<std::string> source = {};  // its lines in the file, comments too
   std::vector<std::string> prints = {};
   std::vector<ExpectedEntry> entries = {};
   int line = 0;
@@ -53,8 +54,12 @@ std::string transcript_head(const std::string& file);
 // The entry that a line of a transcript stands for, one for each of its "x3".
 std::vector<ExpectedEntry> parse_entry(const std::string& line);
 
+// Whether a pattern stands for the text: {*} takes any part of it.
+bool fits(const std::string& pattern, const std::string& text);
+
 enum class Match { kComplete, kMoreToCome, kDifferent };
 
-// Compares stream by stream; between streams only breaks are looked at.
+// Compares stream by stream; between streams only breaks are looked at. Nothing more is to come
+// from a worker that has handled its line.
 Match match(const std::vector<ExpectedEntry>& expected,
-            const std::vector<handset::Journal::Entry>& actual);
+            const std::vector<handset::Journal::Entry>& actual, bool worker_done = false);

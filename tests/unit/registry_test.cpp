@@ -2,8 +2,11 @@
 
 #include "core/registry.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include "core/reply.h"
 #include "tests/unit/log_capture.h"
 
 static std::string order;
@@ -61,6 +64,27 @@ TEST(Registry, RefusesLevelsWithoutAList) {
   }
   expect_empty(at_init_list);
   expect_empty(at_exit_list);
+}
+
+// Sends a text and keeps the result.
+static int sent_at_exit = -1;
+static void replying() {
+  sent_at_exit = at_send_result("too late");
+}
+
+TEST(Registry, AnExitFunctionsReplyReachesNoPort) {
+  LogCapture log;
+  const int null = open("/dev/null", O_WRONLY);
+  reply_set_port(null);
+  at_module_exit_register(replying, 2);
+  ftm_at_deinit();
+  EXPECT_EQ(sent_at_exit, 0);
+  EXPECT_EQ(log.take(), (std::vector<LogCapture::Line>{
+                            debug_line("[FTM-AT]ftm_at_deinit start\n"),
+                            debug_line("[FTM-AT]at_send_result : result is : too late\n"),
+                            debug_line("[FTM-AT]at_send_result : serial_port_fd is : -1\n"),
+                            debug_line("[FTM-AT]ftm_at_deinit end\n")}));
+  close(null);
 }
 
 TEST(Registry, AppendsRowsAtTheTail) {
