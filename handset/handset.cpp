@@ -389,8 +389,12 @@ std::vector<std::string> Handset::command(std::string_view line, std::chrono::se
   return serial.take_replies();
 }
 
-void Handset::fail(const std::string& phone_path, int call, int error) {
-  faults_.fail(phone_path, call, error);
+void Handset::fail(const std::string& phone_path, int call, int error, int nth) {
+  faults_.fail(phone_path, call, error, nth);
+}
+
+void Handset::shorten(const std::string& phone_path, int call, size_t most, int nth) {
+  faults_.shorten(phone_path, call, most, nth);
 }
 
 }  // namespace handset

@@ -42,6 +42,11 @@ void Handset::route_calls() {
   };
   supervisor_.observe(
       [this](const TrappedCall& call, const Answer& answer) { recorder_.record(call, answer); });
+#ifdef SYS_unlink
+  for (const int call : {SYS_unlink, SYS_mkdir, SYS_chmod}) {
+    supervisor_.handle(call, [this](const TrappedCall& call) { return faults_.answer(call); });
+  }
+#endif
   for (const int call : kFaultCalls) {
     supervisor_.handle(call, [this](const TrappedCall& call) { return faults_.answer(call); });
   }
@@ -149,10 +154,8 @@ Answer Handset::on_openat(const TrappedCall& call) {
     opened = folder + "/" + opened;
   }
   opened = fs::path(opened).lexically_normal().string();
-  if (const int error = faults_.error(opened, SYS_openat); error != 0) {
-    return Answer::fail(error);
-  }
-  return devices_.open(call, opened);
+  const Answer failure = faults_.open(opened);
+  return failure.kind == Answer::Kind::kKernel ? devices_.open(call, opened) : failure;
 }
 
 Answer Handset::on_read(const TrappedCall& call) {
@@ -162,13 +165,13 @@ Answer Handset::on_read(const TrappedCall& call) {
     journal.set_worker(call.thread);
     serial.note_read();
   }
-  return Answer::fail(faults_.error(file, SYS_read));
+  return faults_.answer(call);
 }
 
 Answer Handset::on_write(const TrappedCall& call) {
   const std::string file = call.link(call.descriptor());
   if (file != kSerialTty) {
-    return Answer::fail(faults_.error(file, SYS_write));
+    return faults_.answer(call);
   }
   std::string text(call.arguments[2], '\0');
   if (!call.read(call.arguments[1], text.data(), text.size())) {

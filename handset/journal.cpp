@@ -3,7 +3,10 @@
 #include "handset/journal.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <iterator>
 #include <regex>
+#include <set>
 
 #include "handset/visible.h"
 
@@ -13,7 +16,7 @@ void Journal::begin(pid_t daemon) {
   const std::lock_guard lock(mutex_);
   daemon_ = daemon;
   worker_ = 0;
-  names_.clear();
+  threads_.clear();
 }
 
 void Journal::set_worker(pid_t thread) {
@@ -23,8 +26,29 @@ void Journal::set_worker(pid_t thread) {
 
 void Journal::add(pid_t thread, const std::string& text) {
   const std::lock_guard lock(mutex_);
+  note_thread(thread);
   records_.push_back({thread, text});
   added_.notify_all();
+}
+
+// The kernel numbers threads in the order in which they are made; one that is made earlier may come
+// to its first entry later.
+void Journal::note_thread(pid_t thread) {
+  const auto is_known = [this](pid_t id) {
+    return std::find(threads_.begin(), threads_.end(), id) != threads_.end();
+  };
+  if (thread == 0 || is_known(thread)) {
+    return;
+  }
+  std::set<pid_t> made = {thread};
+  std::error_code none;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(daemon_) + "/task", none)) {
+    made.insert(std::stoi(task.path().filename().string()));
+  }
+  made.erase(made.upper_bound(thread), made.end());
+  std::copy_if(made.begin(), made.end(), std::back_inserter(threads_),
+               [&](pid_t id) { return !is_known(id); });
 }
 
 void Journal::add_program(const std::string& text) {
@@ -41,8 +65,11 @@ Journal::Entry Journal::entry(const Record& record) const {
   if (record.thread == daemon_) {
     return {"main", record.text};
   }
-  const auto named = names_.try_emplace(record.thread, std::to_string(names_.size() + 1)).first;
-  return {named->second, record.text};
+  int number = 1;
+  for (auto other = threads_.begin(); other != threads_.end() && *other != record.thread; ++other) {
+    number += *other != worker_ && *other != daemon_ ? 1 : 0;
+  }
+  return {std::to_string(number), record.text};
 }
 
 std::vector<Journal::Entry> Journal::take() {

@@ -15,7 +15,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -26,7 +25,7 @@ class Journal {
  public:
   struct Entry {
     // Whose call it was: empty for the command worker, "main", "$" for the programs that the daemon
-    // has started, "1", "2", ... for its other threads in the order in which they first appear.
+    // has started, "1", "2", ... for its other threads in the order in which they were made.
     std::string stream;
     std::string text;
     bool operator==(const Entry&) const = default;
@@ -55,6 +54,7 @@ class Journal {
     std::string text;
   };
   Entry entry(const Record& record) const;
+  void note_thread(pid_t thread);
 
   mutable std::mutex mutex_;
   mutable std::condition_variable added_;
@@ -62,8 +62,9 @@ class Journal {
   size_t taken_ = 0;
   pid_t daemon_ = 0;
   pid_t worker_ = 0;
-  // Names are given when entries are read: only then it is known which thread is the worker.
-  mutable std::map<pid_t, std::string> names_;
+  // In the order in which they were made; the names are given when entries are read, because only
+  // then it is known which of them is the worker.
+  std::vector<pid_t> threads_;
 };
 
 // A log line as the desk's log writes it ("TAG P DATE TIME PID TID TEXT\n") as an entry; empty when

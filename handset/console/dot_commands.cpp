@@ -2,6 +2,7 @@
 
 #include "handset/console/dot_commands.h"
 
+#include <drm.h>
 #include <errno.h>
 #include <linux/input-event-codes.h>
 #include <string.h>
@@ -222,7 +223,15 @@ const std::map<std::string, int> kFailingCalls = {
     {"open", SYS_openat},   {"read", SYS_read},          {"write", SYS_write},
     {"seek", SYS_lseek},    {"sync", SYS_fsync},         {"datasync", SYS_fdatasync},
     {"pread", SYS_pread64}, {"truncate", SYS_ftruncate},
+#ifdef SYS_unlink
+    {"unlink", SYS_unlink}, {"mkdir", SYS_mkdir},        {"chmod", SYS_chmod},
+#endif
 };
+
+// The optional number of the one call that is meant, counted from now; 0 for each.
+int nth_call(const Line& line, size_t place) {
+  return line.size() > place ? number<int>(line[place]) : 0;
+}
 
 void fail(Handset& phone, const Line& line, std::ostream&) {
   if (line[1] == "thread" || line[1] == "process") {
@@ -234,18 +243,26 @@ void fail(Handset& phone, const Line& line, std::ostream&) {
   }
   const std::string& path = absolute(line[1]);
   const int error = error_number(line[3]);
-  if (is_node(path)) {
-    const std::map<std::string, Nodes::Operation> operations = {
-        {"open", Nodes::Operation::kOpen},
-        {"read", Nodes::Operation::kRead},
-        {"write", Nodes::Operation::kWrite}};
-    if (!phone.nodes.value(path).has_value()) {
-      refuse("no such node: " + path);
-    }
-    phone.nodes.fail(path, choice(operations, line[2]), error);
-  } else {
-    phone.fail(path, choice(kFailingCalls, line[2]), error);
+  const int call = choice(kFailingCalls, line[2]);
+  if (is_node(path) && !phone.nodes.value(path).has_value()) {
+    refuse("no such node: " + path);
   }
+  const std::map<int, Nodes::Operation> operations = {{SYS_openat, Nodes::Operation::kOpen},
+                                                      {SYS_read, Nodes::Operation::kRead},
+                                                      {SYS_write, Nodes::Operation::kWrite}};
+  const auto operation = operations.find(call);
+  if (is_node(path) && operation != operations.end() && line.size() == 4) {
+    phone.nodes.fail(path, operation->second, error);
+  }
+  if (!is_node(path) || operation == operations.end() || line.size() > 4 || error == 0) {
+    phone.fail(path, call, error, nth_call(line, 4));
+  }
+}
+
+void shorten(Handset& phone, const Line& line, std::ostream&) {
+  const std::map<std::string, int> calls = {{"read", SYS_read}, {"write", SYS_write}};
+  phone.shorten(absolute(line[1]), choice(calls, line[2]), number<size_t>(line[3]),
+                nth_call(line, 4));
 }
 
 // ---- devices
@@ -296,6 +313,20 @@ void remove_device(Handset& phone, const Line& line, std::ostream&) {
     refuse("no such device: " + line[1]);
   }
   phone.remove_device(line[1]);
+}
+
+void fail_display(Handset& phone, const Line& line, std::ostream&) {
+  static const std::map<std::string, uint32_t> kRequests = {
+      {"resources", DRM_IOCTL_MODE_GETRESOURCES},
+      {"buffer", DRM_IOCTL_MODE_CREATE_DUMB},
+      {"framebuffer", DRM_IOCTL_MODE_ADDFB2},
+      {"map", DRM_IOCTL_MODE_MAP_DUMB},
+      {"blob", DRM_IOCTL_MODE_CREATEPROPBLOB},
+      {"commit", DRM_IOCTL_MODE_ATOMIC},
+      {"remove", DRM_IOCTL_MODE_RMFB},
+      {"close", DRM_IOCTL_GEM_CLOSE}};
+  const int nth = std::max(1, nth_call(line, 3));
+  phone.display.fail(choice(kRequests, line[1]), error_number(line[2]), nth - 1);
 }
 
 void panel(Handset& phone, const Line& line, std::ostream& out) {
@@ -412,6 +443,16 @@ void wake(Handset& phone, const Line&, std::ostream&) {
   phone.power.wakeup_event();
 }
 
+void wake_lock(Handset& phone, const Line& line, std::ostream&) {
+  const int error =
+      choice(std::map<std::string, bool>{{"taken", true}, {"dropped", false}}, line[2])
+          ? phone.power.store_wake_lock(line[1])
+          : phone.power.store_wake_unlock(line[1]);
+  if (error != 0) {
+    refuse("no such wake lock: " + line[1]);
+  }
+}
+
 // ---- looks, and the run
 
 void journal(Handset& phone, const Line& line, std::ostream& out) {
@@ -494,15 +535,20 @@ struct DotCommand {
   void (*run)(Handset&, const Line&, std::ostream&);
 };
 
-// Values take the escapes \n, \r, \t, \\ and \xHH.
+// Values take the escapes \n, \r, \t, \\, \xHH, and \{512*k} for 512 times "k".
 const DotCommand kDotCommands[] = {
     {".help", "", "this list", 1, help},
     {".node", "PATH [VALUE]", "show a kernel node, or set it (a line feed is added)", 2, node},
     {".nodebytes", "PATH BYTES", "set a kernel node to exactly these bytes", 2, node_bytes},
     {".remove", "PATH", "take a node, a file or a folder away", 2, remove},
-    {".fail", "PATH CALL ERROR|works",
-     "make open, read, write, seek, sync, datasync, pread or truncate fail", 3, fail},
+    {".fail", "PATH CALL ERROR|works [N]",
+     "make open, read, write, seek, sync, datasync, pread, truncate, unlink, mkdir or chmod fail; "
+     "only the Nth from now",
+     3, fail},
     {".fail", "thread|process ERROR|works", "make no new one", 3, fail},
+    {".short", "PATH read|write BYTES [N]",
+     "let a read or write move that many bytes at most, until .fail says that it works", 4,
+     shorten},
     {".file", "PATH [TEXT]", "show a file or folder of the phone, or make the file", 2, file},
     {".folder", "PATH", "make a folder", 2, folder},
     {".link", "PATH TARGET", "make a symbolic link", 3, link},
@@ -519,6 +565,8 @@ const DotCommand kDotCommands[] = {
     {".mixerfail", "ERROR|works CONTROL", "make writes of a control fail", 3, fail_mixer},
     {".camerafail", "NUMBER up|down|control ERROR|works", "make a camera's request fail", 4,
      fail_camera},
+    {".displayfail", "resources|buffer|framebuffer|map|blob|commit|remove|close ERROR [N]",
+     "make the next request of the display fail, or the Nth from now", 3, fail_display},
     {".unplug", "PATH", "take a device away", 2, remove_device},
     {".card", "none | BLOCKSIZE BLOCKS FREE", "take the memory card out, or put one in", 2, card},
     {".module", "NAME loaded|unloaded|TIMES",
@@ -533,6 +581,7 @@ const DotCommand kDotCommands[] = {
     {".asleep", "", "wait until the phone sleeps", 1, wait_asleep},
     {".alarm", "", "let the RTC's alarm wake the phone now", 1, alarm},
     {".wake", "", "wake the phone by an event from outside", 1, wake},
+    {".wakelock", "NAME taken|dropped", "what another process does with a wake lock", 3, wake_lock},
     {".journal", "[KIND|raw|on|off]",
      "what the daemon has done since the last look, or with each command (console)", 1, journal},
     {".log", "[LINES]", "the end of the daemon's log", 1, log},
@@ -597,8 +646,18 @@ std::string unescaped(std::string_view text) {
     static const std::map<char, char> kLetters = {
         {'n', '\n'}, {'r', '\r'}, {'t', '\t'}, {'\\', '\\'}};
     unsigned value = 0;
-    if (after.size() >= 3 && after[0] == 'x' &&
-        std::from_chars(&after[1], &after[1] + 2, value, 16).ptr == &after[1] + 2) {
+    size_t star = 0;
+    if (after.starts_with("{") && (star = after.find('*')) < after.find('}') &&
+        after.find('}') != std::string_view::npos) {
+      const size_t close = after.find('}');
+      const std::string part = unescaped(after.substr(star + 1, close - star - 1));
+      for (auto times = number<size_t>(std::string(after.substr(1, star - 1))); times > 0;
+           --times) {
+        bytes += part;
+      }
+      i += close + 1;
+    } else if (after.size() >= 3 && after[0] == 'x' &&
+               std::from_chars(&after[1], &after[1] + 2, value, 16).ptr == &after[1] + 2) {
       bytes += static_cast<char>(value);
       i += 3;
     } else if (!after.empty() && kLetters.count(after[0]) != 0) {

@@ -238,8 +238,9 @@ const CallRecorder::Call CallRecorder::kCalls[] = {
 };
 
 // What a call came to, where the handset and not the kernel answered it.
-static std::string outcome(const Answer& answer) {
-  if (answer.kind != Answer::Kind::kResult || answer.value == 0) {
+static std::string outcome(const TrappedCall& call, const Answer& answer) {
+  const bool moves_bytes = call.number == SYS_read || call.number == SYS_write;
+  if (answer.kind != Answer::Kind::kResult || (answer.value == 0 && !moves_bytes)) {
     return "";
   }
   const char* name = answer.value < 0 ? strerrorname_np(static_cast<int>(-answer.value)) : nullptr;
@@ -266,7 +267,7 @@ void CallRecorder::record(const TrappedCall& call, const Answer& answer) {
   for (const Call& known : kCalls) {
     if (known.number == call.number) {
       if (const std::string text = (this->*known.text)(call); !text.empty()) {
-        journal_->add(call.thread, text + outcome(answer));
+        journal_->add(call.thread, text + outcome(call, answer));
       }
       return;
     }
@@ -278,7 +279,7 @@ void CallRecorder::note_clone(const TrappedCall& call, const Answer& answer) {
   call.read(call.arguments[0], &flags, sizeof(flags));
   const bool is_thread = (flags & CLONE_THREAD) != 0;
   if (is_thread || answer.kind == Answer::Kind::kResult) {
-    journal_->add(call.thread, (is_thread ? "thread" : "process") + outcome(answer));
+    journal_->add(call.thread, (is_thread ? "thread" : "process") + outcome(call, answer));
   } else {
     starting_ = call.thread;
   }

@@ -1,34 +1,98 @@
-// Failing system calls; see faults.h.
+// Failing and short system calls; see faults.h.
 
 #include "handset/links/faults.h"
 
+#include <errno.h>
 #include <sched.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 namespace handset {
 
-void Faults::fail(const std::string& path, int call, int error) {
+void Faults::fail(const std::string& path, int call, int error, int nth) {
   const std::lock_guard lock(mutex_);
   if (error == 0) {
-    errors_.erase({path, call});
+    faults_.erase({path, call});
   } else {
-    errors_[{path, call}] = error;
+    faults_[{path, call}] = {.error = error, .most = 0, .nth = nth};
   }
 }
 
-int Faults::error(const std::string& path, int call) const {
+void Faults::shorten(const std::string& path, int call, size_t most, int nth) {
   const std::lock_guard lock(mutex_);
-  const auto found = errors_.find({path, call});
-  return found == errors_.end() ? 0 : found->second;
+  faults_[{path, call}] = {.error = 0, .most = most, .nth = nth};
 }
 
-Answer Faults::answer(const TrappedCall& call) const {
-  if (call.number != SYS_clone3) {
-    return Answer::fail(error(call.link(call.descriptor()), call.number));
+std::optional<Faults::Fault> Faults::take(const std::string& path, int call) {
+  const std::lock_guard lock(mutex_);
+  const auto found = faults_.find({path, call});
+  if (found == faults_.end()) {
+    return std::nullopt;
   }
-  uint64_t flags = 0;  // the first field of the caller's record
-  call.read(call.arguments[0], &flags, sizeof(flags));
-  return Answer::fail(error((flags & CLONE_THREAD) != 0 ? "thread" : "process", SYS_clone3));
+  const Fault fault = found->second;
+  if (fault.nth > 1) {
+    --found->second.nth;
+    return std::nullopt;
+  }
+  if (fault.nth == 1) {
+    faults_.erase(found);
+  }
+  return fault;
+}
+
+// Does the first bytes of a read or write on the caller's own open file.
+static Answer move_some(const TrappedCall& call, size_t most) {
+  const int file = call.duplicate(call.descriptor());
+  if (file < 0) {
+    return Answer::fail(errno);
+  }
+  std::string bytes(most, '\0');
+  ssize_t count = 0;
+  if (call.number == SYS_read) {
+    count = read(file, bytes.data(), bytes.size());
+    call.write(call.arguments[1], bytes.data(), count < 0 ? 0 : static_cast<size_t>(count));
+  } else {
+    call.read(call.arguments[1], bytes.data(), bytes.size());
+    count = write(file, bytes.data(), bytes.size());
+  }
+  const int error = errno;
+  close(file);
+  return Answer::result(count < 0 ? -error : count);
+}
+
+Answer Faults::open(const std::string& path) {
+  const std::optional<Fault> fault = take(path, SYS_openat);
+  return Answer::fail(fault.has_value() ? fault->error : 0);
+}
+
+// What the call is on, as fail() names it.
+static std::string target(const TrappedCall& call) {
+  switch (call.number) {
+    case SYS_clone3: {
+      uint64_t flags = 0;  // the first field of the caller's record
+      call.read(call.arguments[0], &flags, sizeof(flags));
+      return (flags & CLONE_THREAD) != 0 ? "thread" : "process";
+    }
+#ifdef SYS_unlink
+    case SYS_unlink:
+    case SYS_mkdir:
+    case SYS_chmod:
+      return call.text(call.arguments[0]);
+#endif
+    default:
+      return call.link(call.descriptor());
+  }
+}
+
+Answer Faults::answer(const TrappedCall& call) {
+  const std::optional<Fault> fault = take(target(call), call.number);
+  if (!fault.has_value()) {
+    return Answer::kernel();
+  }
+  if (fault->error != 0) {
+    return Answer::fail(fault->error);
+  }
+  return call.arguments[2] > fault->most ? move_some(call, fault->most) : Answer::kernel();
 }
 
 }  // namespace handset

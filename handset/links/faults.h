@@ -1,9 +1,11 @@
-// System calls that are made to fail. Callable from any thread.
+// System calls that are made to fail, or to move fewer bytes than asked for. Callable from any
+// thread.
 
 #pragma once
 
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -13,20 +15,31 @@ namespace handset {
 
 class Faults {
  public:
-  // The call (SYS_...) on the path fails with an errno from now on; 0 makes it work again. For
-  // SYS_clone3 the "path" is "thread" or "process".
-  void fail(const std::string& path, int call, int error);
+  // The call (SYS_...) on the path fails with an errno: each from now on, or only the nth from now
+  // when nth is not 0. With error 0 it works again. For SYS_clone3 the "path" is "thread" or
+  // "process".
+  void fail(const std::string& path, int call, int error, int nth = 0);
+  // A read or write on the path moves this many bytes at most; nth as for fail.
+  void shorten(const std::string& path, int call, size_t most, int nth = 0);
 
-  // The errno that the call on the path is to fail with, or 0.
-  int error(const std::string& path, int call) const;
+  // Answers an openat of the path.
+  Answer open(const std::string& path);
 
-  // Answers a clone3, or a call on a descriptor that is its first argument: it fails, or is the
-  // kernel's.
-  Answer answer(const TrappedCall& call) const;
+  // Answers a clone3, a call on a descriptor that is its first argument, or one on a path that is:
+  // it fails, is short, or is the kernel's.
+  Answer answer(const TrappedCall& call);
 
  private:
-  mutable std::mutex mutex_;
-  std::map<std::pair<std::string, int>, int> errors_;
+  struct Fault {
+    int error;
+    size_t most;  // where error is 0
+    int nth;
+  };
+
+  std::optional<Fault> take(const std::string& path, int call);
+
+  std::mutex mutex_;
+  std::map<std::pair<std::string, int>, Fault> faults_;
 };
 
 }  // namespace handset

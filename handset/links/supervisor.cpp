@@ -7,11 +7,13 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <fstream>
 #include <utility>
 
 namespace handset {
@@ -58,6 +60,20 @@ std::string TrappedCall::link(int descriptor) const {
   char target[4096];
   const ssize_t length = readlink(path.c_str(), target, sizeof(target));
   return length < 0 ? "" : std::string(target, static_cast<size_t>(length));
+}
+
+int TrappedCall::duplicate(int descriptor) const {
+  pid_t process = 0;
+  std::ifstream status("/proc/" + std::to_string(thread) + "/status");
+  for (std::string line; process == 0 && std::getline(status, line);) {
+    process = line.starts_with("Tgid:") ? static_cast<pid_t>(std::stol(line.substr(5))) : 0;
+  }
+  const auto handle = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
+  const auto copy = static_cast<int>(syscall(SYS_pidfd_getfd, handle, descriptor, 0));
+  const int error = errno;
+  close(handle);
+  errno = error;
+  return copy;
 }
 
 Supervisor::~Supervisor() {

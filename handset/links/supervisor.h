@@ -38,6 +38,9 @@ class TrappedCall : public Caller {
   // What the caller's descriptor stands for: a path, "socket:[N]", "/memfd:NAME (deleted)"; empty
   // when it is not open.
   std::string link(int descriptor) const;
+  // A descriptor of the handset's own for the caller's open file, with the same place in it; -1
+  // with errno when there is none.
+  int duplicate(int descriptor) const;
 };
 
 // What a handler answers.

@@ -77,6 +77,11 @@ void PowerInterfaces::note_sync() {
   ++syncs_;
 }
 
+// A held wake lock is an event that has not ended, and so is a fired alarm for a moment.
+bool PowerInterfaces::event_in_progress() const {
+  return !wake_locks_.empty() || steady_clock::now() < alarm_handled_;
+}
+
 void PowerInterfaces::note_event() {
   ++wakeup_count_;
   asleep_ = false;
@@ -113,9 +118,11 @@ int PowerInterfaces::store_state(const std::string& text) {
   }
   Lock lock(mutex_);
   note_time();
-  const bool moved = written_count_.has_value() && *written_count_ != wakeup_count_;
+  // Who wrote no count does not care for events.
+  const bool refused =
+      written_count_.has_value() && (*written_count_ != wakeup_count_ || event_in_progress());
   written_count_.reset();
-  if (moved || !wake_locks_.empty()) {
+  if (refused) {
     return -EBUSY;
   }
   const Time start = steady_clock::now();
@@ -136,8 +143,7 @@ int PowerInterfaces::store_state(const std::string& text) {
 
 std::string PowerInterfaces::show_wakeup_count() {
   Lock lock(mutex_);
-  // A held wake lock is an event that has not ended: the count is not known before.
-  while ((!wake_locks_.empty() || steady_clock::now() < alarm_handled_) && wait_moment(lock)) {
+  while (event_in_progress() && wait_moment(lock)) {
   }
   note_time();
   return std::to_string(wakeup_count_) + "\n";
@@ -146,7 +152,8 @@ std::string PowerInterfaces::show_wakeup_count() {
 int PowerInterfaces::store_wakeup_count(const std::string& text) {
   const std::lock_guard lock(mutex_);
   note_time();
-  if (!wake_locks_.empty() || first_word(text) != std::to_string(wakeup_count_)) {
+  written_count_.reset();
+  if (event_in_progress() || first_word(text) != std::to_string(wakeup_count_)) {
     return -EINVAL;
   }
   written_count_ = wakeup_count_;
@@ -160,18 +167,22 @@ int PowerInterfaces::store_wake_lock(const std::string& text) {
   }
   const std::lock_guard lock(mutex_);
   wake_locks_.insert(name);
+  known_locks_.insert(name);
   asleep_ = false;
   changed_.notify_all();
   return 0;
 }
 
 int PowerInterfaces::store_wake_unlock(const std::string& text) {
+  const std::string name = text.substr(0, text.find_last_not_of('\n') + 1);
   const std::lock_guard lock(mutex_);
-  if (wake_locks_.erase(first_word(text)) == 0) {
+  if (known_locks_.count(name) == 0) {
     return -EINVAL;
   }
-  ++wakeup_count_;  // the event has ended
-  changed_.notify_all();
+  if (wake_locks_.erase(name) > 0) {
+    ++wakeup_count_;  // the event has ended
+    changed_.notify_all();
+  }
   return 0;
 }
 
@@ -179,7 +190,7 @@ std::string PowerInterfaces::show_wake_locks() {
   const std::lock_guard lock(mutex_);
   std::string names;
   for (const std::string& name : wake_locks_) {
-    names += name + " ";
+    names += (names.empty() ? "" : " ") + name;
   }
   return names + "\n";
 }
@@ -208,11 +219,7 @@ int PowerInterfaces::store_alarm(const std::string& text) {
 std::string PowerInterfaces::show_alarm() {
   Lock lock(mutex_);
   note_time();
-  if (!alarm_.has_value()) {
-    return "";
-  }
-  // Not at once, so that a process that asks again and again leaves the desk some time.
-  while (wait_moment(lock) && asleep_) {
+  while (asleep_ && wait_moment(lock)) {
   }
   return alarm_.has_value() ? alarm_text_ : "";
 }

@@ -51,9 +51,9 @@ class PowerInterfaces {
   // One of the phone's processes flushes the file systems.
   void note_sync();
 
-  // What a read of a node gives, and what comes of a write to it: 0 or a negative errno.
-  // store_state waits until the phone wakes up, show_wakeup_count until no event is in progress,
-  // show_alarm until the phone is awake, each until interrupted at most.
+  // What a read of a node gives, and what comes of a write to it: 0 or a negative errno. Whoever
+  // calls store_state and, while the phone sleeps, show_alarm waits until it wakes up, whoever calls
+  // show_wakeup_count until no event is in progress; each until interrupted at most.
   int store_state(const std::string& text);
   std::string show_wakeup_count();
   int store_wakeup_count(const std::string& text);
@@ -68,6 +68,7 @@ class PowerInterfaces {
   using Lock = std::unique_lock<std::mutex>;
 
   bool wait_moment(Lock& lock);
+  bool event_in_progress() const;
   void note_event();
   void note_alarm();
   void note_time();
@@ -82,6 +83,7 @@ class PowerInterfaces {
   uint64_t wakeup_count_ = 0;
   std::optional<uint64_t> written_count_;  // the next suspend is refused when it has moved since
   std::set<std::string> wake_locks_;
+  std::set<std::string> known_locks_;  // those that have ever been held
   std::optional<std::chrono::milliseconds> suspend_time_;
   std::optional<Time> alarm_;  // when the desk's clock makes it fire
   std::string alarm_text_;     // when the phone's clock does

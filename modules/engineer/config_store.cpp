@@ -8,6 +8,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "core/log.h"
@@ -17,11 +18,7 @@ static const char kConfigFolder[] = "/mnt/vendor/persist/engineermode/config";
 static constexpr size_t kPathSize = 256;
 static constexpr size_t kDocumentLimit = 4096;  // of the written text: this many bytes are too many
 
-// Other tools may leave a longer file than is ever written here, but one beyond this is no
-// configuration: it is refused before it costs memory.
-static constexpr size_t kReadLimit = 1024 * 1024;
-
-// The reader throws at a value inside a thousand brackets, which would end this process.
+// The reader ends this process at a value inside a thousand brackets.
 static constexpr size_t kNestingLimit = 999;
 
 static void make_path(char* path, const char* file_name) {
@@ -29,74 +26,45 @@ static void make_path(char* path, const char* file_name) {
   snprintf(path, kPathSize, "%s/%s", kConfigFolder, file_name);
 }
 
-// Where the string or comment that begins at start ends: the index of its last byte, or the end of
-// the text when it is not closed. Strings and comments end exactly where the reader ends them.
+// The index of the last byte of the string or comment that begins at start; the text's size when it
+// is not closed. Both end exactly where the reader ends them.
 static size_t token_end(const std::string& text, size_t start) {
+  size_t end = start;
   if (text[start] == '"') {
-    size_t i = start + 1;
-    while (i < text.size() && text[i] != '"') {
-      i += text[i] == '\\' ? 2 : 1;
+    for (++end; end < text.size() && text[end] != '"'; ++end) {
+      end += text[end] == '\\' ? 1 : 0;
     }
-    return i;
-  }
-  if (text.compare(start, 2, "//") == 0) {
-    return text.find_first_of("\r\n", start);
-  }
-  if (text.compare(start, 2, "/*") == 0) {
+  } else if (text.compare(start, 2, "//") == 0) {
+    end = text.find_first_of("\r\n", start);
+  } else if (text.compare(start, 2, "/*") == 0) {
     const size_t close = text.find("*/", start + 2);
-    return close == std::string::npos ? close : close + 1;
+    end = close == std::string::npos ? close : close + 1;
   }
-  return start;
+  return std::min(end, text.size());
 }
 
-// What the reader would throw at or pass over in silence, losing what stands there at the next
-// update. Null when there is nothing of the kind; a text with ordinary errors is left to the
-// reader.
-static const char* find_unreadable(const std::string& text) {
-  if (text.size() > kReadLimit) {
-    return "The file is too large.";
-  }
-  if (text.find('\0') != std::string::npos) {
-    return "The file holds a zero byte.";
-  }
+static bool nests_too_deep(const std::string& text) {
   size_t depth = 0;
-  bool complete = false;
   for (size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
-    if (complete && strchr(" \t\r\n/", c) == nullptr) {
-      return "Text follows the document.";
-    }
-    if (c == '{' || c == '[') {
-      if (++depth > kNestingLimit) {
-        return "The document nests too deep.";
-      }
-    } else if (c == '}' || c == ']') {
-      if (depth == 0) {
-        return nullptr;  // the reader stops here at the latest
-      }
-      complete = --depth == 0;
-    } else if (c == '"' || c == '/') {
+    if (c == '"' || c == '/') {
       i = token_end(text, i);
-      if (i >= text.size()) {
-        return nullptr;
+    } else if (c == '{' || c == '[') {
+      if (++depth > kNestingLimit) {
+        return true;
       }
+    } else if ((c == '}' || c == ']') && (depth == 0 || --depth == 0)) {
+      return false;  // the reader goes no further
     }
   }
-  return nullptr;
+  return false;
 }
 
-// Whether the writer gives the document back as it was read. It does not for bytes that are no
-// UTF-8: it would replace them.
-static bool survives_rewriting(const Json::Value& document) {
-  Json::Value again;
-  return Json::Reader().parse(Json::StyledWriter().write(document), again, false) &&
-         again == document;
-}
-
-// Parses the text of a configuration file. Fills document, which is then an object, or errors.
+// Parses the text of a configuration file. Fills document, which then has members or is null, or
+// errors.
 static bool parse(const std::string& text, Json::Value* document, std::string* errors) {
-  if (const char* reason = find_unreadable(text); reason != nullptr) {
-    *errors = reason;
+  if (nests_too_deep(text)) {
+    *errors = "The document nests too deep.";
     return false;
   }
   Json::Reader reader;
@@ -104,33 +72,27 @@ static bool parse(const std::string& text, Json::Value* document, std::string* e
     *errors = reader.getFormattedErrorMessages();
     return false;
   }
-  if (!document->isObject()) {
+  // The library ends this process when a member of anything else is asked for.
+  if (!document->isObject() && !document->isNull()) {
     *errors = "The document is no object.";
-    return false;
-  }
-  if (!survives_rewriting(*document)) {
-    *errors = "The document is not UTF-8.";
     return false;
   }
   return true;
 }
 
-// Reads the file's whole text, or one byte more than the limit. False when reading fails.
-static bool read_text(FILE* file, std::string* text) {
+// A file that cannot be read to its end is what was read of it.
+static std::string read_text(FILE* file) {
+  std::string text;
   char part[kDocumentLimit];
-  size_t count = 0;
-  while (text->size() <= kReadLimit && (count = fread(part, 1, sizeof(part), file)) > 0) {
-    text->append(part, count);
+  while (const size_t count = fread(part, 1, sizeof(part), file)) {
+    text.append(part, count);
   }
-  return ferror(file) == 0;
+  return text;
 }
 
 static bool load(const char* caller, const char* file_name, FILE* file, Json::Value* document) {
-  std::string text;
   std::string errors;
-  if (!read_text(file, &text)) {
-    errors = strerror(errno);
-  } else if (parse(text, document, &errors)) {
+  if (parse(read_text(file), document, &errors)) {
     return true;
   }
   FTM_LOGD("%s Failed to read configuration file %s\n", caller, file_name);

@@ -56,12 +56,13 @@ int at_get_secrecy_imei(const char*) {
   if (!read_cfg(&cfg)) {
     return 0;
   }
-  at_send_result("OK\r\n");
   if (cfg.imei[0] == '\0') {
     FTM_LOGE(TAG "not exist imei\n");
+    at_send_result("OK\r\n");
     at_send_result(" NO IMEI");
     return 0;
   }
+  at_send_result("OK\r\n");
   at_send_result(" IMEI: ");
   at_send_result(cfg.imei);
   return 0;

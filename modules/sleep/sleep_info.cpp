@@ -113,15 +113,15 @@ static void start_file_copy(const char* source, const char* output) {
   start_copy(program, output);
 }
 
-// A shell sees the name: one that it could take for anything but a name is left out.
+// A shell sees the name: one that it could take for anything but a part of a word is left out.
 static bool is_plain_name(const char* name) {
   return name[strspn(name,
                      "abcdefghijklmnopqrstuvwxyz"
-                     "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.")] == '\0';
+                     "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.:+=,@%")] == '\0';
 }
 
 static bool is_captured(const dirent& entry) {
-  return entry.d_type == DT_DIR && is_plain_name(entry.d_name) &&
+  return entry.d_type == DT_DIR &&
          std::any_of(std::begin(kIpcPrefixes), std::end(kIpcPrefixes), [&](const char* prefix) {
            return strncmp(entry.d_name, prefix, strlen(prefix)) == 0;
          });
@@ -141,8 +141,9 @@ static void copy_ipc_logs(const Snapshot& snapshot) {
     const int source_length = snprintf(source, sizeof(source), snapshot.ipc_log, entry->d_name);
     const int output_length = snprintf(output, sizeof(output), "%s/ipc_logging_%s.txt",
                                        snapshot.directory, entry->d_name);
-    if (std::max(source_length, output_length) >= static_cast<int>(kPathSize)) {
-      FTM_LOGE(TAG "%s name is too long: %s\n", __func__, entry->d_name);
+    if (!is_plain_name(entry->d_name) ||
+        std::max(source_length, output_length) >= static_cast<int>(kPathSize)) {
+      FTM_LOGE(TAG "%s skips %s\n", __func__, entry->d_name);
       continue;
     }
     start_file_copy(source, output);

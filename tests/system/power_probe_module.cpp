@@ -56,9 +56,6 @@ static void at_sleep_enable_init() {
   at_register_rows(rows);
 }
 
-// Runs where no thread can be made.
-static void at_sleep_enable_exit() {
-  FTM_LOGD(TAG "enabled: %d\n", ops()->enable());
-}
+static void at_sleep_enable_exit() {}
 
 FTM_MODULE(sleep_enable, 0, TAG)

@@ -32,8 +32,7 @@ struct Played {
   std::vector<Journal::Entry> entries;
 };
 
-// How long a step may take to bring about what is still to come, and how long it is silent when it
-// has brought about all.
+// How long a step may take to bring about all, and how long it is silent when it has.
 constexpr std::chrono::milliseconds kPatience(20000);
 constexpr std::chrono::milliseconds kSilence(300);
 
@@ -85,8 +84,13 @@ Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
     run_dot_command(phone, step.action, out);
   }
   const Journal* journal = &phone->journal;
-  while (record && step.entries.empty() && journal->wait_more(journal->size(), kSilence)) {
-    // nothing is stated yet: all that it brings about is wanted
+  const auto start = std::chrono::steady_clock::now();
+  const auto is_before = [&](std::chrono::milliseconds limit) {
+    return std::chrono::steady_clock::now() < start + limit;
+  };
+  // With nothing stated yet all that it brings about is wanted; some of it may never end.
+  while (record && step.entries.empty() && is_before(10 * kSilence) &&
+         journal->wait_more(journal->size(), kSilence)) {
   }
   Played played;
   played.prints = lines_of(out.str());
@@ -100,7 +104,8 @@ Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
       return played;
     }
     // A reply whose log lines are still on their way looks like a difference, too.
-    if (!journal->wait_more(size, found == Match::kMoreToCome ? kPatience : kSilence)) {
+    if (!is_before(kPatience) ||
+        !journal->wait_more(size, found == Match::kMoreToCome ? kPatience : kSilence)) {
       *seen = size;
       played.matched = false;
       return played;

@@ -168,16 +168,29 @@ TEST(PowerInterfaces, LetNothingSleepWhileAnEventIsInProgressOrUnseen) {
                        {&Power::store_wake_lock, " \n", -EINVAL},
                        {&Power::store_wake_lock, "lock 100\n", 0},
                        {&Power::store_wakeup_count, "0", -EINVAL},
-                       {&Power::store_state, "mem", -EBUSY}});
-  EXPECT_EQ(power.show_wake_locks(), "lock \n");
-  expect_steps(power, {{&Power::store_wake_unlock, "lock", 0},
-                       {&Power::store_wakeup_count, "0", -EINVAL},  // the lock's end has moved it
-                       {&Power::store_wakeup_count, "1\n", 0}});
+                       {&Power::store_state, "mem", -EINTR},  // nobody has asked for the events
+                       {&Power::store_wake_lock, "b", 0}});
+  EXPECT_EQ(power.show_wake_locks(), "b lock\n");
+  expect_steps(power, {{&Power::store_wake_unlock, "b\n", 0},
+                       {&Power::store_wake_unlock, "b\n", 0},  // known, though no longer held
+                       {&Power::store_wakeup_count, "1", -EINVAL},
+                       {&Power::store_wake_unlock, "lock", 0},
+                       {&Power::store_wakeup_count, "1", -EINVAL},  // the lock's end has moved it
+                       {&Power::store_wakeup_count, "2\n", 0}});
+  EXPECT_EQ(power.show_wake_locks(), "\n");
   power.wakeup_event();
   expect_steps(power, {{&Power::store_state, "disk", -EINVAL},
                        {&Power::store_state, "mem\n", -EBUSY},
                        {&Power::store_state, "mem\n", -EINTR}});  // the count is asked once
-  EXPECT_EQ(power.show_wakeup_count(), "2\n");
+  EXPECT_EQ(power.show_wakeup_count(), "3\n");
+  expect_steps(power, {{&Power::store_wakeup_count, "3", 0},
+                       {&Power::store_wake_lock, "b", 0},
+                       {&Power::store_state, "mem", -EBUSY},
+                       {&Power::store_wake_unlock, "b", 0},
+                       {&Power::store_wakeup_count, "4", 0}});
+  power.wakeup_event();
+  expect_steps(power, {{&Power::store_wakeup_count, "4", -EINVAL},  // takes the accepted one back
+                       {&Power::store_state, "mem", -EINTR}});
   EXPECT_EQ(power.suspends(), 0);
   expect_steps(power, {{&Power::store_alarm, "7", -EINVAL},
                        {&Power::store_alarm, "+7", 0},
