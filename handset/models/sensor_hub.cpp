@@ -95,7 +95,9 @@ static std::string attributes(const SensorHub::Sensor& sensor) {
 
 static std::string measured(const SensorHub::Sensor& sensor) {
   const auto value = [&sensor](size_t i) {
-    return i < sensor.values.size() ? static_cast<uint32_t>(sensor.values[i]) : 0U;
+    constexpr float kLargest = 4294967040.0F;  // of the floats that an uint32_t can hold
+    const float asked = i < sensor.values.size() ? sensor.values[i] : 0;
+    return asked > 0 ? static_cast<uint32_t>(std::min(asked, kLargest)) : 0U;
   };
   if (sensor.event == kProximityEvent) {
     sns_proximity_event event;
