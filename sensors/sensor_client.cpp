@@ -63,9 +63,11 @@ enum MessageId : uint32_t {
 };
 
 static constexpr unsigned kServiceWaitMs = 200;
+static constexpr int32_t kImpossibleLength = -1000;  // none of the library's error numbers
 static constexpr float kSampleRateHz = 10.0F;
 static constexpr int32_t kHardwareIdAttribute = 19;
 static constexpr int64_t kSecondSensor = 1;  // the hardware id of the second of two sensors
+static constexpr int kDeepestList = 8;       // of the lists nested in an attribute's own
 // A request to this SUID looks sensors up, and an event from it tells what was found.
 static constexpr sns_suid_value kLookupSuid = {0xABABABABABABABAB, 0xABABABABABABABAB};
 
@@ -180,7 +182,7 @@ static void resp_msg_cb(qmi_client_type, unsigned msg_id, void* buffer, unsigned
   const Allocated<sns_client_resp_msg_v01> response(static_cast<sns_client_resp_msg_v01*>(data));
   SENSOR_LOG("%s: Received response; error %i, msg_id %i, size %i", __func__, transport_error,
              static_cast<int>(msg_id), static_cast<int>(size));
-  if (transport_error == 0) {
+  if (transport_error == 0 && buffer != nullptr && size >= sizeof(sns_client_resp_msg_v01)) {
     const auto* received = static_cast<const sns_client_resp_msg_v01*>(buffer);
     SENSOR_LOG("%s: Received client ID %ld result %i", __func__,
                static_cast<long>(received->client_id), static_cast<int>(received->result));
@@ -260,12 +262,16 @@ static bool decode_event(const char* name, pb_istream_t* stream, const pb_msgdes
   return true;
 }
 
-// One entry of an attribute's list. A nested list comes back here, as deep as the event's bytes
-// reach: two hundred lists or so, each some hundred bytes of stack.
-static bool decode_attr_value(pb_istream_t* stream, const pb_field_t*, void**) {
+// One entry of an attribute's list; the argument is the number of lists around that. A nested list
+// comes back here. The lists below the deepest are skipped: an event has room for some two hundred,
+// and each takes about 1 kB of the library's thread's stack.
+static bool decode_attr_value(pb_istream_t* stream, const pb_field_t*, void** argument) {
+  int depth = *static_cast<const int*>(*argument) + 1;
   Span text;
   sns_std_attr_value_data data = sns_std_attr_value_data_init_default;
-  data.nested.values = decoded_by(decode_attr_value);
+  if (depth <= kDeepestList) {
+    data.nested.values = decoded_by(decode_attr_value, &depth);
+  }
   data.text = decoded_by(capture_span, &text);
   if (!pb_decode(stream, sns_std_attr_value_data_fields, &data)) {
     return false;
@@ -303,7 +309,8 @@ static bool decode_attr(pb_istream_t* stream, const pb_field_t*, void**) {
   SENSOR_LOG("%s: attr id %d", __func__, attr_id);
 
   attribute = sns_std_attr_init_default;
-  attribute.value.values = decoded_by(decode_attr_value);
+  int depth = 0;
+  attribute.value.values = decoded_by(decode_attr_value, &depth);
   if (!pb_decode(stream, sns_std_attr_fields, &attribute)) {
     return false;
   }
@@ -323,7 +330,7 @@ static bool decode_attr_event(pb_istream_t* stream) {
 }
 
 struct Samples {
-  float data[16];
+  float data[16] = {};
   uint8_t count = 0;
 };
 
@@ -346,12 +353,10 @@ static bool decode_std_sensor_event(pb_istream_t* stream) {
   if (!decode_event(__func__, stream, sns_std_sensor_event_fields, &event)) {
     return false;
   }
-  // A sample of fewer values leaves the others as they are.
-  set_values(samples.data, std::min<int>(samples.count, kSensorValues));
-  float values[kSensorValues] = {};
-  std::copy_n(samples.data, std::min<int>(samples.count, kSensorValues), values);
-  SENSOR_LOG("STD EVENT, data[3](%f, %f, %f)", static_cast<double>(values[0]),
-             static_cast<double>(values[1]), static_cast<double>(values[2]));
+  // What a sample of fewer values does not have is 0: kNoSensorData says that no sample came.
+  set_values(samples.data, kSensorValues);
+  SENSOR_LOG("STD EVENT, data[3](%f, %f, %f)", static_cast<double>(samples.data[0]),
+             static_cast<double>(samples.data[1]), static_cast<double>(samples.data[2]));
   return true;
 }
 
@@ -499,7 +504,7 @@ static void ind_msg_cb(qmi_client_type, unsigned msg_id, void* buffer, unsigned 
       qmi_idl_message_decode(sensor_service(), QMI_IDL_INDICATION, static_cast<uint16_t>(msg_id),
                              buffer, size, report.get(), sizeof(*report));
   if (error == 0 && report->payload_len > sizeof(report->payload)) {
-    error = QMI_MALFORMED_MSG;  // the length is the hub's word
+    error = kImpossibleLength;  // the length is the hub's word
   }
   if (error != 0) {
     SENSOR_LOG("%s: QMI decode error %d", __func__, error);

@@ -83,14 +83,14 @@ static int test_sensor(const char* handler, int type_id, FormatReply format,
   const std::unique_ptr<float, FreeMemory> values(
       static_cast<float*>(malloc(kSensorValues * sizeof(float))));
   if (values == nullptr) {
-    FTM_LOGD(TAG "malloc fail at step 1");
+    FTM_LOGE(TAG "malloc fail at step 1");
     at_send_result("ERROR\n");
     return 0;
   }
   std::fill_n(values.get(), kSensorValues, kNoSensorData);
   const std::unique_ptr<char, FreeMemory> reply(static_cast<char*>(calloc(1, kReplySize)));
   if (reply == nullptr) {
-    FTM_LOGD(TAG "malloc fail at step 2");
+    FTM_LOGE(TAG "malloc fail at step 2");
     at_send_result("ERROR\n");
     return 0;
   }
@@ -98,13 +98,13 @@ static int test_sensor(const char* handler, int type_id, FormatReply format,
     type_id = light_sensor_type();
     if (type_id < 0) {
       at_send_result("ERROR\n");
-      FTM_LOGD(TAG "open ALS_TYPE_PATH fail\n");
+      FTM_LOGE(TAG "open ALS_TYPE_PATH fail\n");
       return 0;
     }
   }
   if (open_sensor(type_id) != 0) {
     at_send_result("ERROR\n");
-    FTM_LOGD(TAG "open_sensor fail\n");
+    FTM_LOGE(TAG "open_sensor fail\n");
     return 0;
   }
   usleep(wait);
@@ -113,7 +113,7 @@ static int test_sensor(const char* handler, int type_id, FormatReply format,
   FTM_LOGD("data_buff %s", reply.get());
   close_sensor(type_id);
   if (length < 0 || static_cast<size_t>(length) >= kReplySize) {
-    // Only axes of more than thirty digits each come here; a cut line could be taken for a value.
+    // Only axes of some thirty digits each come here; a cut line could be taken for a value.
     at_send_result("ERROR\n");
     return 0;
   }

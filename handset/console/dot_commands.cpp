@@ -297,15 +297,52 @@ void fail_mixer(Handset& phone, const Line& line, std::ostream&) {
   phone.sound.fail(line.rest(2), error_number(line[1]));
 }
 
+CameraSensor& camera(Handset& phone, const std::string& text) {
+  const int camera = number<int>(text);
+  if (camera < 0 || camera >= Cameras::kSensors) {
+    refuse("the cameras are 0 to 5");
+  }
+  return phone.cameras.sensor(camera);
+}
+
+void cameras(Handset& phone, const Line& line, std::ostream& out) {
+  if (line.size() > 1) {
+    camera(phone, line[1]).set_id(number<int>(line.size() > 2 ? line[2] : ""));
+    return;
+  }
+  const size_t media = phone.open_devices("media");  // what is closed by now is not counted
+  std::string on;
+  std::string open;
+  for (int i = 0; i < Cameras::kSensors; ++i) {
+    const CameraSensor& sensor = phone.cameras.sensor(i);
+    const std::string name = " " + std::to_string(i);
+    on += sensor.powered() ? name : "";
+    for (int times = 0; times < sensor.opened(); ++times) {
+      open += name;
+    }
+  }
+  out << "on:" << on << "; open:" << open << "; open media devices: " << media << "\n";
+}
+
+void media(Handset& phone, const Line& line, std::ostream&) {
+  MediaDevice& device =
+      *choice(std::map<std::string, MediaDevice*>{{"0", &phone.cameras.video},
+                                                  {"1", &phone.cameras.request_manager}},
+              line[1]);
+  if (line[2] == "model") {
+    device.set_model(line[3]);
+  } else if (line[2] == "fail") {
+    device.fail(error_number(line[3]));
+  } else {
+    refuse("model and fail are what can be set");
+  }
+}
+
 void fail_camera(Handset& phone, const Line& line, std::ostream&) {
   const std::map<std::string, uint32_t> requests = {{"up", CameraSensor::kPowerUp},
                                                     {"down", CameraSensor::kPowerDown},
                                                     {"control", CameraSensor::kControl}};
-  const auto camera = number<int>(line[1]);
-  if (camera < 0 || camera >= Cameras::kSensors) {
-    refuse("the cameras are 0 to 5");
-  }
-  phone.cameras.sensor(camera).fail(choice(requests, line[2]), error_number(line[3]));
+  camera(phone, line[1]).fail(choice(requests, line[2]), error_number(line[3]));
 }
 
 void remove_device(Handset& phone, const Line& line, std::ostream&) {
@@ -366,6 +403,16 @@ void party(Handset& phone, const Line& line, std::ostream&) {
 
 // ---- sensors
 
+// The rest of a line as numbers.
+template <typename Number>
+std::vector<Number> numbers(const Line& line, size_t first) {
+  std::vector<Number> all;
+  for (size_t i = first; i < line.size(); ++i) {
+    all.push_back(number<Number>(line[i]));
+  }
+  return all;
+}
+
 void sensor(Handset& phone, const Line& line, std::ostream& out) {
   if (line.size() == 1) {
     for (const SensorHub::Sensor& sensor : phone.sensors.sensors()) {
@@ -381,13 +428,33 @@ void sensor(Handset& phone, const Line& line, std::ostream& out) {
     phone.sensors.remove_sensor(line[1]);
     return;
   }
-  std::vector<float> values;
-  for (size_t i = 2; i < line.size(); ++i) {
-    values.push_back(number<float>(line[i]));
-  }
-  if (!phone.sensors.set_values(line[1], values)) {
+  if (!phone.sensors.set_values(line[1], numbers<float>(line, 2))) {
     refuse("no such sensor: " + line[1]);
   }
+}
+
+void set_sensor(Handset& phone, const Line& line, std::ostream&) {
+  SensorHub::Sensor sensor = {.name = line[1], .data_type = line[2]};
+  if (line[3] == "-") {
+    sensor.hardware_id.reset();
+  } else {
+    sensor.hardware_id = number<int64_t>(line[3]);
+  }
+  sensor.event = line[4] == "-" ? 0 : number<uint32_t>(line[4]);
+  sensor.values = numbers<float>(line, 5);
+  phone.sensors.set_sensor(sensor);
+}
+
+void sample_period(Handset& phone, const Line& line, std::ostream&) {
+  phone.sensors.set_sample_period(std::chrono::milliseconds(number<int>(line[1])));
+}
+
+void extra_events(Handset& phone, const Line& line, std::ostream&) {
+  phone.sensors.set_extra_events(numbers<uint32_t>(line, 1));
+}
+
+void greeting(Handset& phone, const Line& line, std::ostream&) {
+  phone.hub_service.set_greeting(unescaped(line.rest(1)));
 }
 
 void hub(Handset& phone, const Line& line, std::ostream&) {
@@ -567,6 +634,10 @@ const DotCommand kDotCommands[] = {
      fail_camera},
     {".displayfail", "resources|buffer|framebuffer|map|blob|commit|remove|close ERROR [N]",
      "make the next request of the display fail, or the Nth from now", 3, fail_display},
+    {".camera", "[NUMBER ID]", "the cameras that are on and open, or set the id of one", 1,
+     cameras},
+    {".media", "0|1 model NAME | 0|1 fail ERROR|works",
+     "a media device's name (the request manager's is cam-req-mgr-devnode)", 4, media},
     {".unplug", "PATH", "take a device away", 2, remove_device},
     {".card", "none | BLOCKSIZE BLOCKS FREE", "take the memory card out, or put one in", 2, card},
     {".module", "NAME loaded|unloaded|TIMES",
@@ -574,8 +645,14 @@ const DotCommand kDotCommands[] = {
     {".party", "on|off", "whether \"cmd_off\" of the test tone is answered with \"cmd_finish\"", 2,
      party},
     {".sensor", "[NAME VALUE...|removed]", "the sensors, or what one of them measures", 1, sensor},
+    {".sensorset", "NAME TYPE ATTRIBUTE19|- EVENT|- VALUE...",
+     "put a sensor behind the hub; EVENT is the message id of its samples", 5, set_sensor},
     {".hub", "healthy|silent|garbage|refusing|absent|MS",
      "how the sensor hub is, or how long each of its answers takes", 2, hub},
+    {".hubperiod", "MS", "the time between samples, 0 for what is asked for", 2, sample_period},
+    {".hubevents", "[ID...]", "events without payload that come when a sensor is enabled", 1,
+     extra_events},
+    {".hubgreeting", "[BYTES]", "a report that each client of the hub is sent first", 1, greeting},
     {".panel", "FILE.png", "what the panel shows, as a picture", 2, panel},
     {".power", "", "asleep or awake, the alarm, the wake locks", 1, power},
     {".asleep", "", "wait until the phone sleeps", 1, wait_asleep},

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -146,7 +147,18 @@ void HubService::set_greeting(const std::string& payload) {
 // ---- the service's time
 
 HubService::Time HubService::now() const {
-  return steady_clock::now() + skipped_;
+  return skips_ > 0 ? stepped_ : steady_clock::now() + skipped_;
+}
+
+void HubService::go_to(Time time) {
+  stepped_ = std::max(stepped_, time);
+}
+
+void HubService::end_skip() {
+  const std::lock_guard lock(mutex_);
+  if (--skips_ == 0) {
+    skipped_ = stepped_ - steady_clock::now();
+  }
 }
 
 void HubService::wake() const {
@@ -170,7 +182,11 @@ bool HubService::settled() const {
 std::function<bool()> HubService::skip(nanoseconds time) {
   constexpr std::chrono::seconds kPatience(10);  // a daemon that hangs is waited for no longer
   const std::lock_guard lock(mutex_);
-  return [this, target = now() + time, give_up = steady_clock::now() + kPatience] {
+  stepped_ = now();
+  ++skips_;
+  // Ends with the last copy of the function.
+  const std::shared_ptr<void> skip(nullptr, [this](void*) { end_skip(); });
+  return [this, skip, target = now() + time, give_up = steady_clock::now() + kPatience] {
     return skip_towards(target, give_up);
   };
 }
@@ -181,11 +197,11 @@ bool HubService::skip_towards(Time target, Time give_up) {
     return steady_clock::now() > give_up;
   }
   if (!queue_.empty() && queue_.begin()->first <= target) {
-    skipped_ += std::max(nanoseconds(0), queue_.begin()->first - now());
+    go_to(queue_.begin()->first);
     wake();
     return false;
   }
-  skipped_ += std::max(nanoseconds(0), target - now());
+  go_to(target);
   return true;
 }
 

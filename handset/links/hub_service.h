@@ -52,7 +52,8 @@ class HubService {
   void set_greeting(const std::string& payload);
 
   // The service's time goes ahead by this much: what falls due meanwhile is sent and handled by the
-  // clients before the returned function (to be asked again and again) says true.
+  // clients before the returned function (to be asked again and again) says true. As long as that
+  // exists, the time takes these steps only, however slow the desk is.
   std::function<bool()> skip(std::chrono::nanoseconds time);
 
   // The message within a client's request packet; empty for any other packet.
@@ -76,6 +77,8 @@ class HubService {
   void close_socket();
   void wake() const;
   Time now() const;
+  void go_to(Time time);
+  void end_skip();
   int next_timeout() const;
   bool settled() const;
   bool skip_towards(Time target, Time give_up);
@@ -93,6 +96,8 @@ class HubService {
   std::chrono::milliseconds delay_{0};
   std::string greeting_;
   std::chrono::nanoseconds skipped_{0};
+  int skips_ = 0;      // under way
+  Time stepped_ = {};  // the time while there are any
   std::multimap<Time, Outgoing> queue_;
   std::map<int, Client> clients_;
   int last_client_ = 0;

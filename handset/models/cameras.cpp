@@ -38,7 +38,7 @@ class CameraSensorFile : public MemoryFile {
     if (power) {
       sensor_->requests_.push_back(request);
       const bool failing = sensor_->failures_.count(request) != 0;
-      caller.note("camera " + std::to_string(sensor_->id_) +
+      caller.note("camera " + std::to_string(sensor_->number_) +
                   (request == CameraSensor::kPowerUp ? " power up" : " power down") +
                   (failing ? " = " + error_name(sensor_->failures_.at(request)) : ""));
     }
@@ -74,6 +74,11 @@ class CameraSensorFile : public MemoryFile {
 
   CameraSensor* sensor_;
 };
+
+void CameraSensor::set_id(int32_t id) {
+  const std::lock_guard lock(mutex_);
+  id_ = id;
+}
 
 bool CameraSensor::powered() const {
   const std::lock_guard lock(mutex_);
@@ -122,6 +127,7 @@ class MediaFile : public MemoryFile {
 
  private:
   int64_t information(const Caller& caller, uint64_t argument) {
+    const std::lock_guard lock(device_->mutex_);
     if (device_->information_error_ != 0) {
       return -device_->information_error_;
     }
@@ -149,12 +155,28 @@ class MediaFile : public MemoryFile {
     *record = {};
     record->id = found->id;
     record->type = found->type;
+    record->revision = 3;  // these are no two alike, so that none is taken for another
+    record->flags = MEDIA_ENT_FL_DEFAULT;
+    record->group_id = 7;
+    record->pads = 2;
+    record->links = 4;
+    record->dvb = 81;
     found->name.copy(record->name, sizeof(record->name));
     return 0;
   }
 
   const MediaDevice* device_;
 };
+
+void MediaDevice::set_model(const std::string& model) {
+  const std::lock_guard lock(mutex_);
+  model_ = model;
+}
+
+void MediaDevice::fail(int error) {
+  const std::lock_guard lock(mutex_);
+  information_error_ = error;
+}
 
 OpenedDevice MediaDevice::open(const Caller&, int) {
   return open_memory_file<MediaFile>(this);

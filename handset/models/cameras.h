@@ -20,9 +20,10 @@ class CameraSensor : public Device {
   static constexpr uint32_t kPowerDown = 1;
   static constexpr uint32_t kControl = 0xC01856C0;
 
-  // id is what its driver reports.
-  explicit CameraSensor(int32_t id) : id_(id) {}
+  // The journal's number of it is also the id that its driver reports, until set_id.
+  explicit CameraSensor(int32_t number) : number_(number), id_(number) {}
 
+  void set_id(int32_t id);
   bool powered() const;
   // The power requests so far, failed ones included.
   std::vector<uint32_t> requests() const;
@@ -37,8 +38,9 @@ class CameraSensor : public Device {
  private:
   friend class CameraSensorFile;
 
-  const int32_t id_;
+  const int32_t number_;
   mutable std::mutex mutex_;
+  int32_t id_;
   bool powered_ = false;
   int opened_ = 0;
   std::vector<uint32_t> requests_;
@@ -57,17 +59,18 @@ class MediaDevice : public Device {
   MediaDevice(std::string model, std::vector<MediaEntity> entities)
       : model_(std::move(model)), entities_(std::move(entities)) {}
 
-  // Makes the information request fail with an errno.
-  void fail(int error) {
-    information_error_ = error;
-  }
+  // The name that it reports; a request manager has one of its own.
+  void set_model(const std::string& model);
+  // Makes the information request fail with an errno; 0 makes it work again.
+  void fail(int error);
 
   OpenedDevice open(const Caller& caller, int flags) override;
 
  private:
   friend class MediaFile;
 
-  const std::string model_;
+  mutable std::mutex mutex_;
+  std::string model_;
   const std::vector<MediaEntity> entities_;
   int information_error_ = 0;
 };
@@ -80,8 +83,8 @@ class Cameras {
 
   Cameras();
 
-  CameraSensor& sensor(int id) {
-    return sensors_[static_cast<size_t>(id)];
+  CameraSensor& sensor(int number) {
+    return sensors_[static_cast<size_t>(number)];
   }
 
   MediaDevice video;

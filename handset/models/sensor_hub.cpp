@@ -19,6 +19,7 @@ static constexpr uint64_t kSuidHigh = 0x5E45084855B00000;
 static constexpr uint64_t kSuidLow = 0x1100;  // of the first sensor
 
 enum MessageId : uint32_t {
+  kLookupRequest = 512,
   kAttributeRequest = 1,
   kAttributeEvent = 128,
   kEnableRequest = 513,
@@ -57,12 +58,6 @@ static std::string event_message(uint64_t low, uint64_t high,
   return message.SerializeAsString();
 }
 
-// Reads a message. True when this side's encoding of it has the same bytes.
-template <typename Message>
-static bool parse(const std::string& bytes, Message* message) {
-  return message->ParseFromString(bytes) && message->SerializeAsString() == bytes;
-}
-
 // What a sensor tells of itself: values of every kind, and ranges as lists in a list.
 static std::string attributes(const SensorHub::Sensor& sensor) {
   sns_std_attr_event event;
@@ -95,7 +90,9 @@ static std::string attributes(const SensorHub::Sensor& sensor) {
 
 static std::string measured(const SensorHub::Sensor& sensor) {
   const auto value = [&sensor](size_t i) {
-    return i < sensor.values.size() ? static_cast<uint32_t>(sensor.values[i]) : 0U;
+    constexpr float kLargest = 4294967040.0F;  // of the floats that an uint32_t can hold
+    const float asked = i < sensor.values.size() ? sensor.values[i] : 0;
+    return asked > 0 ? static_cast<uint32_t>(std::min(asked, kLargest)) : 0U;
   };
   if (sensor.event == kProximityEvent) {
     sns_proximity_event event;
@@ -199,11 +196,6 @@ void SensorHub::set_extra_events(const std::vector<uint32_t>& ids) {
   extra_events_ = ids;
 }
 
-std::vector<SensorHub::Request> SensorHub::take_requests() {
-  const std::lock_guard lock(mutex_);
-  return std::exchange(requests_, {});
-}
-
 uint64_t SensorHub::suid_low(const Sensor& sensor) const {
   return kSuidLow + static_cast<uint64_t>(&sensor - sensors_.data());
 }
@@ -238,28 +230,27 @@ std::string SensorHub::spoilt(std::string message) {
   }
 }
 
+static bool is_lookup(const sns_client_request_msg& message) {
+  return message.suid().low() == kLookupSuid && message.suid().high() == kLookupSuid &&
+         message.msg_id() == kLookupRequest;
+}
+
 std::optional<SensorHub::Reply> SensorHub::answer(const std::string& message) {
   sns_client_request_msg parsed;
   if (!parsed.ParseFromString(message)) {
     return std::nullopt;
   }
   const std::lock_guard lock(mutex_);
-  const uint64_t low = parsed.suid().low();
-  const uint64_t high = parsed.suid().high();
   const std::string& payload = parsed.request().payload();
-  const Sensor* sensor = find(low, high);
-  Request request = {.sensor = sensor == nullptr ? "" : sensor->name,
-                     .msg_id = parsed.msg_id(),
-                     .same_encoded = parsed.SerializeAsString() == message};
+  const Sensor* sensor = find(parsed.suid().low(), parsed.suid().high());
   Reply reply;
-  if (low == kLookupSuid && high == kLookupSuid) {
-    reply = lookup(payload, &request);
-  } else if (sensor != nullptr && request.msg_id == kAttributeRequest) {
-    reply = tell_attributes(*sensor, payload, &request);
-  } else if (sensor != nullptr && request.msg_id == kEnableRequest) {
-    reply = enable(*sensor, payload, &request);
+  if (is_lookup(parsed)) {
+    reply = lookup(payload);
+  } else if (sensor != nullptr && parsed.msg_id() == kAttributeRequest) {
+    reply = tell_attributes(*sensor);
+  } else if (sensor != nullptr && parsed.msg_id() == kEnableRequest) {
+    reply = enable(*sensor, payload);
   }
-  requests_.push_back(request);
   if (state_ == State::kSilent) {
     return std::nullopt;
   }
@@ -275,7 +266,7 @@ std::string SensorHub::describe(const std::string& message) const {
     return "nonsense";
   }
   const std::string& payload = parsed.request().payload();
-  if (parsed.suid().low() == kLookupSuid && parsed.suid().high() == kLookupSuid) {
+  if (is_lookup(parsed)) {
     sns_suid_req lookup;
     lookup.ParseFromString(payload);
     return "lookup " + lookup.data_type() + (lookup.default_only() ? " default" : " all");
@@ -293,11 +284,9 @@ std::string SensorHub::describe(const std::string& message) const {
   return text.str();
 }
 
-SensorHub::Reply SensorHub::lookup(const std::string& payload, Request* request) {
+SensorHub::Reply SensorHub::lookup(const std::string& payload) {
   sns_suid_req lookup;
-  request->same_encoded &= parse(payload, &lookup);
-  request->data_type = lookup.data_type();
-  request->default_only = lookup.default_only();
+  lookup.ParseFromString(payload);
   sns_suid_event event;
   event.set_data_type(lookup.data_type());
   for (const Sensor& sensor : sensors_) {
@@ -312,21 +301,16 @@ SensorHub::Reply SensorHub::lookup(const std::string& payload, Request* request)
               event_message(kLookupSuid, kLookupSuid, {{kSuidEvent, event.SerializeAsString()}})}};
 }
 
-SensorHub::Reply SensorHub::tell_attributes(const Sensor& sensor, const std::string& payload,
-                                            Request* request) {
-  sns_attr_req asked;
-  request->same_encoded &= parse(payload, &asked);
+SensorHub::Reply SensorHub::tell_attributes(const Sensor& sensor) {
   return {.events = {
               event_message(suid_low(sensor), kSuidHigh, {{kAttributeEvent, attributes(sensor)}})}};
 }
 
 // Echoes the configuration, tells what became of it, and begins to stream.
-SensorHub::Reply SensorHub::enable(const Sensor& sensor, const std::string& payload,
-                                   Request* request) {
+SensorHub::Reply SensorHub::enable(const Sensor& sensor, const std::string& payload) {
   sns_sample_rate_config asked;
-  request->same_encoded &= parse(payload, &asked);
+  asked.ParseFromString(payload);
   const float rate = asked.sample_rate();
-  request->sample_rate = rate;
   if (!(rate > 0)) {
     return {};
   }

@@ -25,17 +25,6 @@ class SensorHub {
     std::vector<float> values = {};
   };
 
-  // A request as the hub understood it.
-  struct Request {
-    std::string sensor = {};  // its name; empty for the lookup
-    uint32_t msg_id = 0;
-    std::string data_type = {};  // of a lookup
-    bool default_only = true;
-    float sample_rate = 0;      // of an enabling
-    bool same_encoded = false;  // this side's encoding of the same message has the same bytes
-    bool operator==(const Request&) const = default;
-  };
-
   // What the hub sends on its own after a request: samples of a sensor.
   struct Stream {
     std::string sensor;
@@ -67,7 +56,6 @@ class SensorHub {
   void set_sample_period(std::chrono::microseconds period);
   // A sensor that is enabled also sends an event of each of these ids, without a payload.
   void set_extra_events(const std::vector<uint32_t>& ids);
-  std::vector<Request> take_requests();
 
   // What a client's request message asks for: "lookup accel default", "attributes accel", "message
   // 513 accel 10 Hz".
@@ -80,9 +68,9 @@ class SensorHub {
   std::optional<std::string> sample(const std::string& sensor);
 
  private:
-  Reply lookup(const std::string& payload, Request* request);
-  Reply tell_attributes(const Sensor& sensor, const std::string& payload, Request* request);
-  Reply enable(const Sensor& sensor, const std::string& payload, Request* request);
+  Reply lookup(const std::string& payload);
+  Reply tell_attributes(const Sensor& sensor);
+  Reply enable(const Sensor& sensor, const std::string& payload);
 
   std::string spoilt(std::string message);
   Sensor* find(const std::string& name);
@@ -94,7 +82,6 @@ class SensorHub {
   State state_ = State::kHealthy;
   std::chrono::microseconds sample_period_{0};
   std::vector<uint32_t> extra_events_;
-  std::vector<Request> requests_;
   std::mt19937 random_;
 };
 

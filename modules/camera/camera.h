@@ -1,5 +1,5 @@
-// What the camera module's files share: camera.cpp lists the commands and finds the sensors, the
-// others answer.
+// What the camera module's files share: camera.cpp lists the commands, enumeration.cpp finds the
+// sensors, the others answer.
 
 #pragma once
 

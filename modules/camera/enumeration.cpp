@@ -54,16 +54,20 @@ int camera_role_fd(CameraRole role) {
 }
 
 // The number is kept taken by a file that refuses every request: a later command on the slot fails
-// as on a closed descriptor, and cannot hit another file that was given the number meanwhile.
+// as on a closed descriptor, and cannot hit another file that was given the number meanwhile. Where
+// that file cannot be had, the descriptor is just closed.
 void close_camera_role(CameraRole role) {
   const int fd = camera_role_fds[role];
+  if (fd < 0) {
+    return;
+  }
   const UniqueFd nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
-  if (fd >= 0 && nothing.ok()) {
-    dup2(nothing.get(), fd);
+  if (!nothing.ok() || dup2(nothing.get(), fd) < 0) {
+    close(fd);
   }
 }
 
-// Asks the driver for the camera id, -1 when it tells none.
+// Asks the driver for the camera id; -1 is the id when it tells none. Returns the request's result.
 static int query_camera_id(int fd, int32_t* camera_id) {
   uint32_t result[256] = {UINT32_MAX};
   CamControl control = {.op_code = kQueryCameraId,
@@ -85,15 +89,18 @@ static void add_sensor(const char* entity_name) {
   } else {
     FTM_LOGE("CAM-AT open %s fail", sensor.path);
   }
-  const int rc = query_camera_id(fd.get(), &sensor.camera_id);
-  FTM_LOGD("Find sensor CamSubDeV[%d] %s --> cameraId %d open fd : %d rc = %d ",
-           static_cast<int>(sensors.size()), sensor.path, sensor.camera_id, fd.get(), rc);
-  sensors.push_back(sensor);
-  // An id without a slot is refused; its descriptor is closed here.
+  const int opened = fd.get();
+  const int rc = query_camera_id(opened, &sensor.camera_id);
+  // An id without a slot is refused; its descriptor is closed when this returns. Of two sensors
+  // with one id the later one has the slot, and the first one's descriptor, which no command could
+  // reach any more, is closed.
   if (sensor.camera_id >= 0 && sensor.camera_id < kCameras) {
     const UniqueFd replaced(camera_device_fds[sensor.camera_id]);
     camera_device_fds[sensor.camera_id] = fd.release();
   }
+  FTM_LOGD("Find sensor CamSubDeV[%d] %s --> cameraId %d open fd : %d rc = %d ",
+           static_cast<int>(sensors.size()), sensor.path, sensor.camera_id, opened, rc);
+  sensors.push_back(sensor);
 }
 
 static void enumerate_entities(int media) {
@@ -111,8 +118,8 @@ static void enumerate_entities(int media) {
     FTM_LOGD(
         "entity name %s type %d, group id %d, revision %d,entity flags %d,entity pads %d,entity "
         "dvb %d,entity links %d",
-        name, entity.type, entity.group_id, entity.revision, entity.flags, entity.pads,
-        entity.dev.major, entity.links);
+        name, entity.type, entity.group_id, entity.revision, entity.flags, entity.pads, entity.dvb,
+        entity.links);
     if (entity.type == kSensorSubDevice) {
       add_sensor(name);
     }
@@ -154,7 +161,7 @@ void find_cameras() {
   for (int n = 0;; ++n) {
     char path[32];
     bounded_format(path, sizeof(path), "/dev/media%d", n);
-    const UniqueFd media(open(path, O_RDWR | O_NONBLOCK));
+    UniqueFd media(open(path, O_RDWR | O_NONBLOCK));
     if (!media.ok()) {
       FTM_LOGD("No more media devices found on %s,error:%s", path, strerror(errno));
       return;
@@ -171,6 +178,7 @@ void find_cameras() {
       continue;
     }
     enumerate_entities(media.get());
+    media.reset();
     if (!map_roles_by_configuration()) {
       std::copy(std::begin(camera_device_fds), std::end(camera_device_fds), camera_role_fds);
     }

@@ -58,7 +58,7 @@ using Code = char[kCodeSize + 1];
 // False when the file does not open. What it holds replaces what the buffer held; an empty file
 // leaves that as it was.
 static bool read_code(const char* handler, const QrFile& file, Code& code) {
-  const UniqueFd fd(open(file.path, O_RDONLY));
+  UniqueFd fd(open(file.path, O_RDONLY));
   if (!fd.ok()) {
     FTM_LOGE(file.missing, handler);
     return false;
@@ -67,6 +67,7 @@ static bool read_code(const char* handler, const QrFile& file, Code& code) {
   if (read(fd.get(), held, kCodeSize) > 0) {
     memcpy(code, held, sizeof(code));
   }
+  fd.reset();
   FTM_LOGD(file.found, handler, code);
   return true;
 }

@@ -93,10 +93,7 @@ TEST(SensorHub, LooksUpTheSensorsOfADataType) {
     ASSERT_TRUE(reply.has_value() && reply->events.size() == 1);
     EXPECT_EQ(without_time(reply->events[0]), event(kLookup, 768, told));
     EXPECT_FALSE(reply->stream.has_value());
-    EXPECT_EQ(hub.take_requests(), std::vector<SensorHub::Request>({{.msg_id = 512,
-                                                                     .data_type = c.data_type,
-                                                                     .default_only = c.default_only,
-                                                                     .same_encoded = true}}));
+    EXPECT_TRUE(hub.answer(request(kLookup, 1, asked))->events.empty());
   }
 }
 
@@ -134,17 +131,13 @@ TEST(SensorHub, HasNoEventForWhatItDoesNotKnow) {
     ASSERT_TRUE(reply.has_value());
     EXPECT_TRUE(reply->events.empty() && !reply->stream.has_value()) << msg_id;
   }
-  EXPECT_EQ(hub.take_requests().size(), 3U);
-
   const std::string whole = request(suid_of(0), 1, "");
   for (size_t size = 0; size < whole.size(); ++size) {
     EXPECT_FALSE(hub.answer(whole.substr(0, size)).has_value()) << size;
   }
-  EXPECT_TRUE(hub.take_requests().empty());
   EXPECT_NE(hub.answer(whole)->events.at(0).find("accel"), std::string::npos);
   hub.set_state(SensorHub::State::kSilent);
   EXPECT_FALSE(hub.answer(whole).has_value());
-  EXPECT_EQ(hub.take_requests().size(), 2U);
 }
 
 // ---- power
