@@ -258,6 +258,35 @@ void keys(Handset& phone, const Line& line, std::ostream&) {
   }
 }
 
+InputDevice& input_device(Handset& phone, const std::string& name) {
+  const std::map<std::string, InputDevice*> devices = {
+      {"event0", &phone.volume_keys}, {"event1", &phone.power_key}, {"event2", &phone.pointer}};
+  return *choice(devices, name);
+}
+
+void event(Handset& phone, const Line& line, std::ostream&) {
+  InputDevice& device = input_device(phone, line[1]);
+  phone.open_devices();  // who has closed its device no longer listens
+  if (line[2] == "raw") {
+    device.send_raw(unescaped(line.rest(3)));
+  } else {
+    device.send(number<uint16_t>(line[2]), number<int32_t>(line[3]));
+  }
+}
+
+void fail_input(Handset& phone, const Line& line, std::ostream&) {
+  InputDevice& device = input_device(phone, line[1]);
+  if (choice(std::map<std::string, bool>{{"types", true}, {"epoll", false}}, line[2])) {
+    device.fail_types(ENOTTY);
+  } else {
+    device.fail_epoll();
+  }
+}
+
+void controls(Handset& phone, const Line& line, std::ostream&) {
+  phone.sound.describe(unescaped(line.rest(1)));
+}
+
 void mixer(Handset& phone, const Line& line, std::ostream& out) {
   const std::string control = phone.sound.show(line.rest(1));
   if (control.empty()) {
@@ -278,6 +307,17 @@ void fail_mixer(Handset& phone, const Line& line, std::ostream&) {
     refuse("no such control: " + line.rest(2));
   }
   phone.sound.fail(line.rest(2), error_number(line[1]));
+}
+
+// The codec's detector measures when its second setting is written.
+void crack(Handset& phone, const Line& line, std::ostream&) {
+  const std::string enable = "DIE_CRK_DET_EN = " + line[2];
+  const std::string interrupt = "DIE_CRK_DET_INT1 = " + line[3];
+  phone.sound.on_write("DIE_CRK_DET_INT1", [&phone, value = line[1], enable, interrupt] {
+    const bool here = phone.sound.show("DIE_CRK_DET_EN") == enable &&
+                      phone.sound.show("DIE_CRK_DET_INT1") == interrupt;
+    phone.sound.set("DIE_CRK_DET_OUT", here ? value : "0");
+  });
 }
 
 void fail_camera(Handset& phone, const Line& line, std::ostream&) {
@@ -452,6 +492,10 @@ void pause(Handset&, const Line& line, std::ostream&) {
   std::this_thread::sleep_for(std::chrono::milliseconds(number<int>(line[1])));
 }
 
+void waits(Handset& phone, const Line& line, std::ostream&) {
+  phone.clock.set_factor(number<double>(line[1]));
+}
+
 void where(Handset& phone, const Line&, std::ostream& out) {
   out << "serial line: " << phone.serial.desk_tty() << "\n"
       << "the phone's files: " << phone.path("/").string() << "\n";
@@ -513,10 +557,18 @@ const DotCommand kDotCommands[] = {
      record},
     {".prop", "NAME [VALUE]", "show or set a system property", 2, property},
     {".key", "power|volup|voldown ...", "press keys, now or as soon as AT+KEY listens", 2, keys},
+    {".event", "event0|1|2 CODE VALUE | event0|1|2 raw BYTES",
+     "an input device reports a key's event, or these bytes", 4, event},
+    {".eventfail", "event0|1|2 types|epoll",
+     "an input device does not tell its types, or is refused by epoll", 3, fail_input},
+    {".controls", "LINE\\nLINE...", "give the sound card these controls (dev/snd/controls)", 2,
+     controls},
     {".mixer", "CONTROL", "a mixer control's values", 2, mixer},
     {".mixerset", "VALUE CONTROL", "set a control's first value: a number or an item", 3,
      set_mixer},
     {".mixerfail", "ERROR|works CONTROL", "make writes of a control fail", 3, fail_mixer},
+    {".crack", "VALUE ENABLE INTERRUPT",
+     "what the die-crack detector measures at these two settings", 4, crack},
     {".camerafail", "NUMBER up|down|control ERROR|works", "make a camera's request fail", 4,
      fail_camera},
     {".unplug", "PATH", "take a device away", 2, remove_device},
@@ -539,6 +591,7 @@ const DotCommand kDotCommands[] = {
     {".wait", "SECONDS", "wait for a reply that comes after its command, that long at most", 2,
      wait},
     {".pause", "MS", "wait, as a script between commands", 2, pause},
+    {".waits", "FACTOR", "what part of its time each wait takes: 1 all, 0 none", 2, waits},
     {".line", "", "where another serial program attaches", 1, where},
     {".start", "[no-line] [no-wait]",
      "start the daemon, anew if it runs; without a serial line, without waiting for it", 1, start},
