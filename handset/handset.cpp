@@ -388,8 +388,8 @@ std::vector<std::string> Handset::command(std::string_view line, std::chrono::se
   return serial.take_replies();
 }
 
-void Handset::fail(const std::string& phone_path, int call, int error) {
-  faults_.fail(phone_path, call, error);
+void Handset::fail(const std::string& phone_path, int call, int error, int times) {
+  faults_.fail(phone_path, call, error, times);
 }
 
 }  // namespace handset

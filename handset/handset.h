@@ -100,10 +100,10 @@ class Handset {
   std::optional<std::string> read_file(const std::string& phone_path) const;
 
   // Makes a call (SYS_openat, SYS_write; with StartOptions::faults also those of kFaultCalls) fail
-  // with an errno on a file of the phone, whoever makes it; 0 makes it work again. The path is the
-  // file's own (for an open: the one that the caller names), not that of a link to it.
-  // For SYS_clone3 the "path" is "thread" or "process": no new one is made.
-  void fail(const std::string& phone_path, int call, int error);
+  // with an errno on a file of the phone, whoever makes it, that many times; 0 makes it work again.
+  // The path is the file's own (for an open: the one that the caller names), not that of a link to
+  // it. For SYS_clone3 the "path" is "thread" or "process": no new one is made.
+  void fail(const std::string& phone_path, int call, int error, int times = Faults::kAlways);
 
   void set_property(const std::string& name, const std::string& value);
   std::optional<std::string> property(const std::string& name) const;

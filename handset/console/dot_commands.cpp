@@ -244,7 +244,8 @@ void fail(Handset& phone, const Line& line, std::ostream&) {
     }
     phone.nodes.fail(path, choice(operations, line[2]), error);
   } else {
-    phone.fail(path, choice(kFailingCalls, line[2]), error);
+    const int times = line.size() > 4 ? number<int>(line[4]) : Faults::kAlways;
+    phone.fail(path, choice(kFailingCalls, line[2]), error, times);
   }
 }
 
@@ -544,7 +545,7 @@ const DotCommand kDotCommands[] = {
     {".node", "PATH [VALUE]", "show a kernel node, or set it (a line feed is added)", 2, node},
     {".nodebytes", "PATH BYTES", "set a kernel node to exactly these bytes", 2, node_bytes},
     {".remove", "PATH", "take a node, a file or a folder away", 2, remove},
-    {".fail", "PATH CALL ERROR|works",
+    {".fail", "PATH CALL ERROR|works [TIMES]",
      "make open, read, write, seek, sync, datasync, pread or truncate fail", 3, fail},
     {".fail", "thread|process ERROR|works", "make no new one", 3, fail},
     {".file", "PATH [TEXT]", "show a file or folder of the phone, or make the file", 2, file},

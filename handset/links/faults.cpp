@@ -7,22 +7,29 @@
 
 namespace handset {
 
-void Faults::fail(const std::string& path, int call, int error) {
+void Faults::fail(const std::string& path, int call, int error, int times) {
   const std::lock_guard lock(mutex_);
   if (error == 0) {
-    errors_.erase({path, call});
+    faults_.erase({path, call});
   } else {
-    errors_[{path, call}] = error;
+    faults_[{path, call}] = {error, times};
   }
 }
 
-int Faults::error(const std::string& path, int call) const {
+int Faults::error(const std::string& path, int call) {
   const std::lock_guard lock(mutex_);
-  const auto found = errors_.find({path, call});
-  return found == errors_.end() ? 0 : found->second;
+  const auto found = faults_.find({path, call});
+  if (found == faults_.end()) {
+    return 0;
+  }
+  const int error = found->second.error;
+  if (found->second.times != kAlways && --found->second.times == 0) {
+    faults_.erase(found);
+  }
+  return error;
 }
 
-Answer Faults::answer(const TrappedCall& call) const {
+Answer Faults::answer(const TrappedCall& call) {
   if (call.number != SYS_clone3) {
     return Answer::fail(error(call.link(call.descriptor()), call.number));
   }

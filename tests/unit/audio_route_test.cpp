@@ -180,6 +180,10 @@ TEST_F(AudioRoute, WrongElementsAreLoggedAndPassedOver) {
        {"NULL enum value string passed to mixer_enum_string_to_value() for ctl Select",
         "unknown enum value string One for ctl Select"},
        {"Select = 0 1"}},
+      // Of an enum only the first value is read from the card.
+      {"<path name='p'><ctl name='Select' value='two'/><ctl name='Select' id='1' value='zero'/>"
+       "</path>",
+       {}},
       {"<path name='p'><ctl name='Volume'/><ctl name='Bytes'/><ctl name='Empty' value='1'/></path>",
        {},
        {"Volume = 0 0 0", "Bytes = 0 0"}},
