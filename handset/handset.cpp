@@ -389,12 +389,13 @@ std::vector<std::string> Handset::command(std::string_view line, std::chrono::se
   return serial.take_replies();
 }
 
-void Handset::fail(const std::string& phone_path, int call, int error, int nth) {
-  faults_.fail(phone_path, call, error, nth);
+void Handset::fail(const std::string& phone_path, int call, int error, const Faults::Which& which) {
+  faults_.fail(phone_path, call, error, which);
 }
 
-void Handset::shorten(const std::string& phone_path, int call, size_t most, int nth) {
-  faults_.shorten(phone_path, call, most, nth);
+void Handset::shorten(const std::string& phone_path, int call, size_t most,
+                      const Faults::Which& which) {
+  faults_.shorten(phone_path, call, most, which);
 }
 
 }  // namespace handset

@@ -99,14 +99,16 @@ class Handset {
   void write_file(const std::string& phone_path, const std::string& content);
   std::optional<std::string> read_file(const std::string& phone_path) const;
 
-  // Makes a call (SYS_openat, SYS_write, SYS_unlink, SYS_mkdir, SYS_chmod; with StartOptions::faults
-  // also those of kFaultCalls) fail with an errno on a file of the phone, whoever makes it: each
-  // from now on, or only the nth when nth is not 0. With error 0 it works again. The path is the
-  // file's own (for a call that names a path: that one), not that of a link to it.
-  // For SYS_clone3 the "path" is "thread" or "process": no new one is made.
-  void fail(const std::string& phone_path, int call, int error, int nth = 0);
-  // Lets a SYS_read or SYS_write of such a file move this many bytes at most; nth as for fail.
-  void shorten(const std::string& phone_path, int call, size_t most, int nth = 0);
+  // Makes a call (SYS_openat, SYS_write, SYS_unlink, SYS_mkdir, SYS_chmod; with
+  // StartOptions::faults also those of kFaultCalls) fail with an errno on a file of the phone,
+  // whoever makes it: from now on, or only in some of its calls. With error 0 it works again. The
+  // path is the file's own (for a call that names a path: that one), not that of a link to it. For
+  // SYS_clone3 the "path" is "thread" or "process": no new one is made.
+  void fail(const std::string& phone_path, int call, int error,
+            const Faults::Which& which = Faults::Which());
+  // Lets a SYS_read or SYS_write of such a file move this many bytes at most.
+  void shorten(const std::string& phone_path, int call, size_t most,
+               const Faults::Which& which = Faults::Which());
 
   void set_property(const std::string& name, const std::string& value);
   std::optional<std::string> property(const std::string& name) const;

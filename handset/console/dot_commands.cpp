@@ -228,9 +228,19 @@ const std::map<std::string, int> kFailingCalls = {
 #endif
 };
 
-// The optional number of the one call that is meant, counted from now; 0 for each.
-int nth_call(const Line& line, size_t place) {
-  return line.size() > place ? number<int>(line[place]) : 0;
+// Which calls, counted from now: "2" the second, "1-3" the first three, nothing all.
+Faults::Which which_calls(const Line& line, size_t place) {
+  Faults::Which which;
+  if (line.size() > place) {
+    const std::string& text = line[place];
+    const size_t dash = text.find('-');
+    which.first = number<int>(text.substr(0, dash));
+    which.last = dash == std::string::npos ? which.first : number<int>(text.substr(dash + 1));
+    if (which.first < 1 || which.last < which.first) {
+      refuse("calls are counted from 1: " + text);
+    }
+  }
+  return which;
 }
 
 void fail(Handset& phone, const Line& line, std::ostream&) {
@@ -255,14 +265,14 @@ void fail(Handset& phone, const Line& line, std::ostream&) {
     phone.nodes.fail(path, operation->second, error);
   }
   if (!is_node(path) || operation == operations.end() || line.size() > 4 || error == 0) {
-    phone.fail(path, call, error, nth_call(line, 4));
+    phone.fail(path, call, error, which_calls(line, 4));
   }
 }
 
 void shorten(Handset& phone, const Line& line, std::ostream&) {
   const std::map<std::string, int> calls = {{"read", SYS_read}, {"write", SYS_write}};
   phone.shorten(absolute(line[1]), choice(calls, line[2]), number<size_t>(line[3]),
-                nth_call(line, 4));
+                which_calls(line, 4));
 }
 
 // ---- devices
@@ -273,6 +283,35 @@ void keys(Handset& phone, const Line& line, std::ostream&) {
       refuse("power, volup and voldown are the keys: " + line[i]);
     }
   }
+}
+
+InputDevice& input_device(Handset& phone, const std::string& name) {
+  const std::map<std::string, InputDevice*> devices = {
+      {"event0", &phone.volume_keys}, {"event1", &phone.power_key}, {"event2", &phone.pointer}};
+  return *choice(devices, name);
+}
+
+void event(Handset& phone, const Line& line, std::ostream&) {
+  InputDevice& device = input_device(phone, line[1]);
+  phone.open_devices();  // who has closed its device no longer listens
+  if (line[2] == "raw") {
+    device.send_raw(unescaped(line.rest(3)));
+  } else {
+    device.send(number<uint16_t>(line[2]), number<int32_t>(line[3]));
+  }
+}
+
+void fail_input(Handset& phone, const Line& line, std::ostream&) {
+  InputDevice& device = input_device(phone, line[1]);
+  if (choice(std::map<std::string, bool>{{"types", true}, {"epoll", false}}, line[2])) {
+    device.fail_types(ENOTTY);
+  } else {
+    device.fail_epoll();
+  }
+}
+
+void controls(Handset& phone, const Line& line, std::ostream&) {
+  phone.sound.describe(unescaped(line.rest(1)));
 }
 
 void mixer(Handset& phone, const Line& line, std::ostream& out) {
@@ -295,6 +334,17 @@ void fail_mixer(Handset& phone, const Line& line, std::ostream&) {
     refuse("no such control: " + line.rest(2));
   }
   phone.sound.fail(line.rest(2), error_number(line[1]));
+}
+
+// The codec's detector measures when its second setting is written.
+void crack(Handset& phone, const Line& line, std::ostream&) {
+  const std::string enable = "DIE_CRK_DET_EN = " + line[2];
+  const std::string interrupt = "DIE_CRK_DET_INT1 = " + line[3];
+  phone.sound.on_write("DIE_CRK_DET_INT1", [&phone, value = line[1], enable, interrupt] {
+    const bool here = phone.sound.show("DIE_CRK_DET_EN") == enable &&
+                      phone.sound.show("DIE_CRK_DET_INT1") == interrupt;
+    phone.sound.set("DIE_CRK_DET_OUT", here ? value : "0");
+  });
 }
 
 CameraSensor& camera(Handset& phone, const std::string& text) {
@@ -362,8 +412,8 @@ void fail_display(Handset& phone, const Line& line, std::ostream&) {
       {"commit", DRM_IOCTL_MODE_ATOMIC},
       {"remove", DRM_IOCTL_MODE_RMFB},
       {"close", DRM_IOCTL_GEM_CLOSE}};
-  const int nth = std::max(1, nth_call(line, 3));
-  phone.display.fail(choice(kRequests, line[1]), error_number(line[2]), nth - 1);
+  phone.display.fail(choice(kRequests, line[1]), error_number(line[2]),
+                     which_calls(line, 3).first - 1);
 }
 
 void panel(Handset& phone, const Line& line, std::ostream& out) {
@@ -560,6 +610,10 @@ void pause(Handset&, const Line& line, std::ostream&) {
   std::this_thread::sleep_for(std::chrono::milliseconds(number<int>(line[1])));
 }
 
+void waits(Handset& phone, const Line& line, std::ostream&) {
+  phone.clock.set_factor(number<double>(line[1]));
+}
+
 void where(Handset& phone, const Line&, std::ostream& out) {
   out << "serial line: " << phone.serial.desk_tty() << "\n"
       << "the phone's files: " << phone.path("/").string() << "\n";
@@ -610,7 +664,7 @@ const DotCommand kDotCommands[] = {
     {".remove", "PATH", "take a node, a file or a folder away", 2, remove},
     {".fail", "PATH CALL ERROR|works [N]",
      "make open, read, write, seek, sync, datasync, pread, truncate, unlink, mkdir or chmod fail; "
-     "only the Nth from now",
+     "only the Nth from now, or N-M",
      3, fail},
     {".fail", "thread|process ERROR|works", "make no new one", 3, fail},
     {".short", "PATH read|write BYTES [N]",
@@ -626,10 +680,18 @@ const DotCommand kDotCommands[] = {
      record},
     {".prop", "NAME [VALUE]", "show or set a system property", 2, property},
     {".key", "power|volup|voldown ...", "press keys, now or as soon as AT+KEY listens", 2, keys},
+    {".event", "event0|1|2 CODE VALUE | event0|1|2 raw BYTES",
+     "an input device reports a key's event, or these bytes", 4, event},
+    {".eventfail", "event0|1|2 types|epoll",
+     "an input device does not tell its types, or is refused by epoll", 3, fail_input},
+    {".controls", "LINE\\nLINE...", "give the sound card these controls (dev/snd/controls)", 2,
+     controls},
     {".mixer", "CONTROL", "a mixer control's values", 2, mixer},
     {".mixerset", "VALUE CONTROL", "set a control's first value: a number or an item", 3,
      set_mixer},
     {".mixerfail", "ERROR|works CONTROL", "make writes of a control fail", 3, fail_mixer},
+    {".crack", "VALUE ENABLE INTERRUPT",
+     "what the die-crack detector measures at these two settings", 4, crack},
     {".camerafail", "NUMBER up|down|control ERROR|works", "make a camera's request fail", 4,
      fail_camera},
     {".displayfail", "resources|buffer|framebuffer|map|blob|commit|remove|close ERROR [N]",
@@ -665,6 +727,7 @@ const DotCommand kDotCommands[] = {
     {".wait", "SECONDS", "wait for a reply that comes after its command, that long at most", 2,
      wait},
     {".pause", "MS", "wait, as a script between commands", 2, pause},
+    {".waits", "FACTOR", "what part of its time each wait takes: 1 all, 0 none", 2, waits},
     {".line", "", "where another serial program attaches", 1, where},
     {".start", "[no-line] [no-wait]",
      "start the daemon, anew if it runs; without a serial line, without waiting for it", 1, start},

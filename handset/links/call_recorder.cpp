@@ -77,7 +77,8 @@ static std::string path_at(const TrappedCall& call, uint64_t address, int folder
 std::string CallRecorder::written(const TrappedCall& call) const {
   const std::string file = call.link(call.descriptor());
   const std::string bytes = bytes_at(call, call.arguments[1], call.arguments[2]);
-  if (call.descriptor() == STDOUT_FILENO) {
+  // A program's standard output may be a node: echo 1 > /sys/...
+  if (call.descriptor() == STDOUT_FILENO && !is_node(file)) {
     return "print " + visible(bytes);
   }
   if (call.descriptor() == STDERR_FILENO || !is_file(file)) {

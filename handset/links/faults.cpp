@@ -7,20 +7,22 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace handset {
 
-void Faults::fail(const std::string& path, int call, int error, int nth) {
+void Faults::fail(const std::string& path, int call, int error, const Which& which) {
   const std::lock_guard lock(mutex_);
   if (error == 0) {
     faults_.erase({path, call});
   } else {
-    faults_[{path, call}] = {.error = error, .most = 0, .nth = nth};
+    faults_[{path, call}] = {.error = error, .most = 0, .which = which};
   }
 }
 
-void Faults::shorten(const std::string& path, int call, size_t most, int nth) {
+void Faults::shorten(const std::string& path, int call, size_t most, const Which& which) {
   const std::lock_guard lock(mutex_);
-  faults_[{path, call}] = {.error = 0, .most = most, .nth = nth};
+  faults_[{path, call}] = {.error = 0, .most = most, .which = which};
 }
 
 std::optional<Faults::Fault> Faults::take(const std::string& path, int call) {
@@ -30,14 +32,13 @@ std::optional<Faults::Fault> Faults::take(const std::string& path, int call) {
     return std::nullopt;
   }
   const Fault fault = found->second;
-  if (fault.nth > 1) {
-    --found->second.nth;
-    return std::nullopt;
-  }
-  if (fault.nth == 1) {
+  Which& left = found->second.which;
+  left.first = std::max(left.first - 1, 1);
+  left.last -= left.last == INT_MAX ? 0 : 1;
+  if (left.last == 0) {
     faults_.erase(found);
   }
-  return fault;
+  return fault.which.first > 1 ? std::nullopt : std::optional(fault);
 }
 
 // Does the first bytes of a read or write on the caller's own open file.

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <climits>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -15,12 +16,17 @@ namespace handset {
 
 class Faults {
  public:
-  // The call (SYS_...) on the path fails with an errno: each from now on, or only the nth from now
-  // when nth is not 0. With error 0 it works again. For SYS_clone3 the "path" is "thread" or
-  // "process".
-  void fail(const std::string& path, int call, int error, int nth = 0);
-  // A read or write on the path moves this many bytes at most; nth as for fail.
-  void shorten(const std::string& path, int call, size_t most, int nth = 0);
+  // Which calls from now on, the first being 1.
+  struct Which {
+    int first = 1;
+    int last = INT_MAX;
+  };
+
+  // The call (SYS_...) on the path fails with an errno; with error 0 it works again. For SYS_clone3
+  // the "path" is "thread" or "process".
+  void fail(const std::string& path, int call, int error, const Which& which);
+  // A read or write on the path moves this many bytes at most.
+  void shorten(const std::string& path, int call, size_t most, const Which& which);
 
   // Answers an openat of the path.
   Answer open(const std::string& path);
@@ -33,7 +39,7 @@ class Faults {
   struct Fault {
     int error;
     size_t most;  // where error is 0
-    int nth;
+    Which which;
   };
 
   std::optional<Fault> take(const std::string& path, int call);

@@ -25,7 +25,7 @@ Clock::Wait Clock::wait(nanoseconds asked) {
   if (on_wait_) {
     on_wait_(std::chrono::duration_cast<microseconds>(asked));
   }
-  Wait wait = {.time = std::chrono::duration_cast<nanoseconds>(asked * factor_)};
+  Wait wait = {.time = std::chrono::duration_cast<nanoseconds>(asked * factor_.load())};
   if (on_skip != nullptr && asked > wait.time) {
     wait.ready = on_skip(asked - wait.time);
   }

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <mutex>
@@ -18,6 +19,10 @@ class Clock {
 
   double factor() const {
     return factor_;
+  }
+  // For the waits that begin from now on.
+  void set_factor(double factor) {
+    factor_ = factor;
   }
 
   // Waits in the order they began; take_waits also forgets them.
@@ -44,7 +49,7 @@ class Clock {
   std::function<std::function<bool()>(std::chrono::nanoseconds)> on_skip;
 
  private:
-  const double factor_;
+  std::atomic<double> factor_;
   mutable std::mutex mutex_;
   std::vector<std::chrono::microseconds> waits_;
   std::function<void(std::chrono::microseconds)> on_wait_;

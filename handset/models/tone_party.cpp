@@ -3,9 +3,9 @@
 #include "handset/models/tone_party.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -21,51 +21,65 @@ static const char kSession[] = "vendor.norva.mm.ftm_spk";
 
 void ToneParty::attend(const fs::path& folder) {
   folder_ = folder;
-  const int events = inotify_init1(IN_CLOEXEC);
+  events_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   // A property is written aside and renamed.
-  if (events < 0 || inotify_add_watch(events, folder.c_str(), IN_MOVED_TO) < 0 ||
-      pipe2(stop_, O_CLOEXEC) != 0) {
+  if (events_ < 0 || wake_ < 0 || inotify_add_watch(events_, folder.c_str(), IN_MOVED_TO) < 0) {
     throw std::runtime_error(std::string("this machine gives no inotify: ") + strerror(errno));
   }
-  thread_ = std::thread([this, events] { watch(events); });
+  thread_ = std::thread([this] { watch(); });
 }
 
 ToneParty::~ToneParty() {
   if (thread_.joinable()) {
-    close(stop_[1]);
+    ended_ = true;
+    eventfd_write(wake_, 1);
     thread_.join();
-    close(stop_[0]);
+  }
+  for (const int fd : {events_, wake_}) {
+    if (fd >= 0) {
+      close(fd);
+    }
   }
 }
 
 void ToneParty::set_answering(bool answering) {
-  answering_ = answering;
-  look();
+  {
+    const std::lock_guard lock(mutex_);
+    answering_ = answering;
+  }
+  if (wake_ >= 0) {
+    eventfd_write(wake_, 1);
+  }
 }
 
-void ToneParty::watch(int events) {
-  for (;;) {
-    pollfd waiting[] = {{events, POLLIN, 0}, {stop_[0], POLLIN, 0}};
-    if (poll(waiting, 2, -1) < 0 && errno != EINTR) {
-      break;
-    }
-    if (waiting[1].revents != 0) {
-      break;
-    }
+void ToneParty::watch() {
+  while (!ended_) {
+    look();
+    pollfd waiting[] = {{events_, POLLIN, 0}, {wake_, POLLIN, 0}};
+    poll(waiting, 2, -1);
     alignas(inotify_event) char buffer[4096];
-    if (waiting[0].revents != 0 && read(events, buffer, sizeof(buffer)) > 0) {
-      look();
+    while (read(events_, buffer, sizeof(buffer)) > 0 || read(wake_, buffer, sizeof(buffer)) > 0) {
+      // what has happened is seen by looking
     }
   }
-  close(events);
 }
 
-void ToneParty::look() const {
+std::string ToneParty::session() const {
   std::ifstream stream(folder_ / kSession);
-  const std::string session{std::istreambuf_iterator<char>(stream), {}};
-  if (answering_ && session == "cmd_off") {
-    std::ofstream(folder_ / ".party") << "cmd_finish";
-    fs::rename(folder_ / ".party", folder_ / kSession);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+void ToneParty::look() {
+  const std::lock_guard lock(mutex_);
+  if (!answering_ || session() != "cmd_off") {
+    return;
+  }
+  std::ofstream(folder_ / ".party") << "cmd_finish";
+  // Looked at again: the daemon may have begun another session, which this answer would end.
+  if (session() == "cmd_off") {
+    std::error_code ignored;
+    fs::rename(folder_ / ".party", folder_ / kSession, ignored);
   }
 }
 

@@ -15,6 +15,14 @@
 using Lines = std::vector<LogCapture::Line>;
 using Writes = std::vector<std::string>;
 
+// The engine's lines have a tag of their own.
+static LogCapture::Line engine_debug(const std::string& text) {
+  return {ANDROID_LOG_DEBUG, "audio_route", text};
+}
+static LogCapture::Line engine_error(const std::string& text) {
+  return {ANDROID_LOG_ERROR, "audio_route", text};
+}
+
 class AudioRoute : public testing::Test {
  protected:
   AudioRoute() {
@@ -60,10 +68,10 @@ TEST_F(AudioRoute, DefaultsReachTheCardInItsOwnOrder) {
            "<ctl name='Missing' value='1'/><ctl value='1'/></mixer>"));
   // Nothing for the switch, which is off already; the enum's second value stays.
   EXPECT_EQ(take_writes(), (Writes{"Volume = 8 8 -16", "Select = 1 1", "Bytes = 254 254"}));
-  EXPECT_EQ(log_.take(), (Lines{error_line("value id out of range for mixer ctl 'Volume'"),
-                                error_line("value id out of range for mixer ctl 'Volume'"),
-                                error_line("Control 'Missing' doesn't exist - skipping"),
-                                error_line("Control '(null)' doesn't exist - skipping")}));
+  EXPECT_EQ(log_.take(), (Lines{engine_error("value id out of range for mixer ctl 'Volume'"),
+                                engine_error("value id out of range for mixer ctl 'Volume'"),
+                                engine_error("Control 'Missing' doesn't exist - skipping"),
+                                engine_error("Control '(null)' doesn't exist - skipping")}));
 }
 
 TEST_F(AudioRoute, PathsWriteWhatChangesAndComeBackInReverse) {
@@ -72,7 +80,7 @@ TEST_F(AudioRoute, PathsWriteWhatChangesAndComeBackInReverse) {
            "<ctl name='Select' value='zero'/><ctl name='Switch' value='0'/>"
            "<ctl name='Volume' id='1' value='3'/><ctl name='Digital' value='3'/></path>"
            "<path name='one element'><ctl name='Volume' id='2' value='4'/></path></mixer>"));
-  EXPECT_EQ(log_.take(), Lines{error_line("unsupported type 4")});
+  EXPECT_EQ(log_.take(), Lines{engine_error("unsupported type 4")});
   EXPECT_EQ(audio_route_apply_path(route_.get(), "a"), 0);
   EXPECT_EQ(take_writes(), Writes{});
   EXPECT_EQ(audio_route_update_path(route_.get(), "a", kAudioRouteApply), 0);
@@ -84,8 +92,8 @@ TEST_F(AudioRoute, PathsWriteWhatChangesAndComeBackInReverse) {
   // The first value follows the one that is named.
   audio_route_apply_and_update_path(route_.get(), "one element");
   EXPECT_EQ(take_writes(), Writes{"Volume = 4 0 4"});
-  const LogCapture::Line a = debug_line("Apply path: a");
-  EXPECT_EQ(log_.take(), (Lines{a, a, debug_line("Apply path: one element")}));
+  const LogCapture::Line a = engine_debug("Apply path: a");
+  EXPECT_EQ(log_.take(), (Lines{a, a, engine_debug("Apply path: one element")}));
 }
 
 TEST_F(AudioRoute, ASharedControlStaysWhileItIsNeeded) {
@@ -103,10 +111,19 @@ TEST_F(AudioRoute, ASharedControlStaysWhileItIsNeeded) {
   EXPECT_EQ(take_writes(), Writes{});
   const std::string skip = "audio_route_update_path: skip to reset mixer control '";
   const std::string needed = "' in path 'a' because it is still needed by other paths";
-  EXPECT_EQ(log_.take(),
-            (Lines{debug_line(skip + "Volume" + needed), debug_line(skip + "Switch" + needed)}));
+  EXPECT_EQ(log_.take(), (Lines{engine_debug(skip + "Volume" + needed),
+                                engine_debug(skip + "Switch" + needed)}));
+  audio_route_update_mixer(route_.get());
+  EXPECT_EQ(take_writes(), Writes{});  // what the other path needs is wanted still
   audio_route_reset_path(route_.get(), "b");
   audio_route_update_path(route_.get(), "b", kAudioRouteReset);
+  EXPECT_EQ(take_writes(), (Writes{"Volume = 5 6 7", "Switch = 0"}));
+  // A reset of what is not applied does not count below none.
+  audio_route_update_path(route_.get(), "b", kAudioRouteReset);
+  audio_route_apply_and_update_path(route_.get(), "a");
+  take_writes();
+  audio_route_reset_path(route_.get(), "a");
+  audio_route_update_path(route_.get(), "a", kAudioRouteReset);
   EXPECT_EQ(take_writes(), (Writes{"Volume = 5 6 7", "Switch = 0"}));
 
   for (const char* path : {"a", "b", "b"}) {
@@ -127,6 +144,18 @@ TEST_F(AudioRoute, WrongElementsAreLoggedAndPassedOver) {
   const std::string failed = "path created failed, please check the path if existed";
   const std::vector<Case> cases = {
       {"<path/><path name='p'/>", {"Unnamed path!"}},
+      // One without a name leaves the path before it the current one, ...
+      {"<path name='p'/><path><ctl name='Switch' value='1'/></path>",
+       {"Unnamed path!"},
+       {"Switch = 1"}},
+      // ... one of a name already taken leaves none, but what is in it is looked at.
+      {"<path name='p'/><path name='p'><path name='later'/><ctl name='Select' value='?'/>"
+       "<ctl name='Volume' id='9'/></path>",
+       {exists, failed, "unable to find sub path 'later'",
+        "unknown enum value string ? for ctl Select"}},
+      {"<path name='p'><ctl name='Digital' id='1'/><ctl name='Digital'/></path>",
+       {"mixer index 1 is out of range for 'Digital'", "unsupported type 4"}},
+      {"<path name='p'><ctl name='Switch' value='0x1'/></path>", {}, {"Switch = 1"}},
       {"<path name='p'><ctl name='Switch' value='1'/></path>"
        "<path name='p'><ctl name='Volume' value='1'/><path name='p'/></path>",
        {exists, failed},
@@ -151,6 +180,10 @@ TEST_F(AudioRoute, WrongElementsAreLoggedAndPassedOver) {
        {"NULL enum value string passed to mixer_enum_string_to_value() for ctl Select",
         "unknown enum value string One for ctl Select"},
        {"Select = 0 1"}},
+      // Of an enum only the first value is read from the card.
+      {"<path name='p'><ctl name='Select' value='two'/><ctl name='Select' id='1' value='zero'/>"
+       "</path>",
+       {}},
       {"<path name='p'><ctl name='Volume'/><ctl name='Bytes'/><ctl name='Empty' value='1'/></path>",
        {},
        {"Volume = 0 0 0", "Bytes = 0 0"}},
@@ -164,7 +197,7 @@ TEST_F(AudioRoute, WrongElementsAreLoggedAndPassedOver) {
     ASSERT_TRUE(load("<mixer>" + std::string(c.inside) + "</mixer>"));
     Lines lines;
     for (const std::string& error : c.errors) {
-      lines.push_back(error_line(error));
+      lines.push_back(engine_error(error));
     }
     EXPECT_EQ(log_.take(), lines);
     EXPECT_EQ(audio_route_apply_and_update_path(route_.get(), "p"), 0);
@@ -207,7 +240,7 @@ TEST_F(AudioRoute, HostileFilesEndInALineAndNothingOpen) {
   for (const auto& [file, loads] : files) {
     SCOPED_TRACE(file.substr(0, 60));
     EXPECT_EQ(load(file), loads);
-    EXPECT_EQ(log_.take(), loads ? Lines{} : Lines{error_line(broken)});
+    EXPECT_EQ(log_.take(), loads ? Lines{} : Lines{engine_error(broken)});
     EXPECT_EQ(fake_card.open_mixers, loads ? 1 : 0);
     EXPECT_EQ(take_writes(), Writes{});
   }
@@ -228,12 +261,13 @@ TEST_F(AudioRoute, FailuresSayWhy) {
   EXPECT_EQ(audio_route_reset_path(nullptr, "p"), -1);
   EXPECT_EQ(audio_route_update_path(nullptr, "p", kAudioRouteReset), -1);
   const std::string missing = ": No such file or directory";
-  const LogCapture::Line unknown = error_line("unable to find path 'p'");
-  const LogCapture::Line invalid = error_line("invalid audio_route");
-  EXPECT_EQ(log_.take(), (Lines{error_line("Failed to open /nowhere/paths.xml" + missing),
-                                error_line("Failed to open /system/etc/mixer_paths.xml" + missing),
-                                error_line("Unable to open the mixer, aborting."), unknown, unknown,
-                                unknown, invalid, invalid, invalid}));
+  const LogCapture::Line unknown = engine_error("unable to find path 'p'");
+  const LogCapture::Line invalid = engine_error("invalid audio_route");
+  EXPECT_EQ(log_.take(),
+            (Lines{engine_error("Failed to open /nowhere/paths.xml" + missing),
+                   engine_error("Failed to open /system/etc/mixer_paths.xml" + missing),
+                   engine_error("Unable to open the mixer, aborting."), unknown, unknown, unknown,
+                   invalid, invalid, invalid}));
 }
 
 // Also far more controls and paths than one growth step, defined out of their names' order.

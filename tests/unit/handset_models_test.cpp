@@ -1,10 +1,18 @@
 // The handset's models by themselves: what they answer to bytes, texts and names, without a daemon.
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <thread>
@@ -16,6 +24,7 @@
 #include "handset/models/memory_card.h"
 #include "handset/models/power_interfaces.h"
 #include "handset/models/sensor_hub.h"
+#include "handset/models/tone_party.h"
 
 using namespace handset;
 using std::chrono::milliseconds;
@@ -268,4 +277,75 @@ TEST(MemoryCard, IsMissedWhenItIsOut) {
   EXPECT_TRUE(status.f_bsize == 512 && status.f_blocks == 9 && status.f_bavail == 4);
   card.insert(std::nullopt);
   EXPECT_EQ(card.status(&status), -ENOENT);
+}
+
+// ---- the test tone's other party
+
+class TonePartyTest : public testing::Test {
+ protected:
+  ~TonePartyTest() override {
+    std::filesystem::remove_all(folder_);
+  }
+
+  void set(const std::string& session) const {
+    std::ofstream(folder_ + "/.test") << session;
+    std::filesystem::rename(folder_ + "/.test", kSession);
+  }
+  std::string session() const {
+    std::ifstream stream(kSession);
+    return {std::istreambuf_iterator<char>(stream), {}};
+  }
+  bool becomes(const std::string& wanted) const {
+    for (int i = 0; i < 4000 && session() != wanted; ++i) {
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    return session() == wanted;
+  }
+
+  std::string template_ = testing::TempDir() + "party.XXXXXX";
+  const std::string folder_ = mkdtemp(template_.data());
+  const std::string kSession = folder_ + "/vendor.norva.mm.ftm_spk";
+};
+
+TEST_F(TonePartyTest, AnswersOnlyOffAndOnlyWhileItShall) {
+  ToneParty party;
+  party.set_answering(false);
+  party.attend(folder_);
+  set("cmd_off");
+  party.set_answering(true);
+  EXPECT_TRUE(becomes("cmd_finish"));
+  for (int i = 0; i < 200; ++i) {
+    set("cmd_off");
+    party.set_answering(true);
+    ASSERT_TRUE(becomes("cmd_finish"));
+  }
+  set("cmd_on");
+  party.set_answering(false);
+  set("cmd_off");
+  std::this_thread::sleep_for(milliseconds(20));
+  EXPECT_EQ(session(), "cmd_off");
+}
+
+// Its answer is held up in a full pipe while the next session begins.
+TEST_F(TonePartyTest, DoesNotEndTheNextSession) {
+  const std::string aside = folder_ + "/.party";
+  ASSERT_EQ(mkfifo(aside.c_str(), 0600), 0);
+  const int pipe = open(aside.c_str(), O_RDWR | O_NONBLOCK);
+  std::string bytes(4096, 'x');
+  while (write(pipe, bytes.data(), bytes.size()) > 0) {
+  }
+  const int opens = inotify_init1(0);
+  ASSERT_GE(inotify_add_watch(opens, aside.c_str(), IN_OPEN), 0);
+  ToneParty party;
+  party.attend(folder_);
+  set("cmd_off");
+  EXPECT_GT(read(opens, bytes.data(), bytes.size()), 0);
+  set("cmd_on");
+  while (read(pipe, bytes.data(), bytes.size()) > 0) {
+  }
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_TRUE(std::filesystem::exists(aside));  // the answer is not given
+  set("cmd_on");
+  close(opens);
+  close(pipe);
 }

@@ -12,15 +12,17 @@ class LogCapture {
  public:
   struct Line {
     int priority;
+    std::string tag;  // empty for the program's own
     std::string text;
     bool operator==(const Line&) const = default;
   };
 
   LogCapture() {
     current() = this;
+    __android_log_set_default_tag("");
     __android_log_set_logger([](const __android_logger_data* data, const char* text) {
       const std::lock_guard lock(current()->mutex_);
-      current()->lines_.push_back({data->priority, text});
+      current()->lines_.push_back({data->priority, data->tag, text});
     });
   }
   ~LogCapture() {
@@ -44,8 +46,8 @@ class LogCapture {
 };
 
 inline LogCapture::Line debug_line(const std::string& text) {
-  return {ANDROID_LOG_DEBUG, text};
+  return {ANDROID_LOG_DEBUG, "", text};
 }
 inline LogCapture::Line error_line(const std::string& text) {
-  return {ANDROID_LOG_ERROR, text};
+  return {ANDROID_LOG_ERROR, "", text};
 }
