@@ -54,5 +54,3 @@ uint32_t path_place(const audio_route* route, const char* name, bool* found) {
   *found = place != last && strcmp(route->mixer_path[*place].name, name) == 0;
   return static_cast<uint32_t>(place - first);
 }
-
-// Logs why there is none.

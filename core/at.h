@@ -42,6 +42,7 @@ void at_register_rows(AtCommand (&rows)[kCount]) {
   FTM_MODULE(name, level, tag)
 
 #define FTM_MODULE_WITH_EXIT(name, level, tag, exit_function)                           \
+  static_assert((level) < kModuleLevels, "a module's level is 0 to 6");                 \
   FTM_CONSTRUCTOR(FTM_LOAD_PRIORITY(name)) register_at_module_at_##name##_init() {      \
     FTM_LOGD(tag "%s : level = %d start \n", __func__, level);                          \
     at_module_init_register(at_##name##_init, level);                                   \

@@ -6,12 +6,33 @@
 
 #include <stdint.h>
 
+// A command's text, which no line matches that is folded to upper case unless the text is so, too.
+struct CommandText {
+  const char* text = nullptr;
+
+  CommandText() = default;
+  // A text with a small letter does not compile.
+  consteval CommandText(const char* given) : text(given) {  // NOLINT(google-explicit-constructor)
+    for (const char* c = given; *c != '\0'; ++c) {
+      if (*c >= 'a' && *c <= 'z') {
+        is_not_upper_case();
+      }
+    }
+  }
+  operator const char*() const {  // NOLINT(google-explicit-constructor)
+    return text;
+  }
+
+ private:
+  static void is_not_upper_case() {}
+};
+
 // One row of the command table: a static record of its module, linked by address, never freed.
 struct AtCommand {
   AtCommand* next = nullptr;  // set by at_register
   AtCommand* prev = nullptr;
-  const char* short_name = nullptr;  // label for the programmer, used by nothing
-  const char* command = nullptr;     // upper-case text that a received line must begin with
+  const char* short_name = nullptr;                // label for the programmer, used by nothing
+  CommandText command = {};                        // what a received line must begin with
   int (*handler)(const char* argument) = nullptr;  // argument or null; the result is ignored
 };
 

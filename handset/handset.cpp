@@ -77,6 +77,7 @@ void Handset::lay_phone(const fs::path& profile) {
   put_pcba_record(reserve, "NV2401170042");
   put_download_marks(reserve, "download start", "download over");
   modules.set_loaded("cfg80211", true);
+  modules.set_needs("wlan", {"cfg80211"});
 }
 
 void Handset::plug_devices() {

@@ -18,15 +18,24 @@ install_packages() {
     "${missing[@]}" >&2 </dev/null
 }
 
-# build PRESET [TARGET...]: shows its progress the first time and is silent afterwards.
+# build PRESET [TARGET...]: shows its progress the first time and is silent afterwards. One builds at a
+# time; the others wait. A folder of another user is used as it is.
 build() {
   local preset=$1 folder=build/$1
   shift
-  if [ -f "$folder/build.ninja" ]; then
-    ninja -C "$folder" --quiet "$@" | sed '/^ninja: no work to do/d' >&2
-  else
-    echo "Setting up and building $folder" >&2
-    cmake --preset "$preset" >&2
-    ninja -C "$folder" "$@" >&2
+  if [ -f "$folder/build.ninja" ] && [ ! -w "$folder" ]; then
+    echo "$folder belongs to another user and is used as it was built" >&2
+    return
   fi
+  mkdir -p build
+  (
+    flock 9
+    if [ -f "$folder/build.ninja" ]; then
+      ninja -C "$folder" --quiet "$@" | sed '/^ninja: no work to do/d' >&2
+    else
+      echo "Setting up and building $folder" >&2
+      cmake --preset "$preset" >&2
+      ninja -C "$folder" "$@" >&2
+    fi
+  ) 9>build/lock
 }

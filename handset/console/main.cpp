@@ -10,11 +10,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <deque>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -32,6 +31,8 @@ struct Console {
   bool quit = false;
   bool shows_journal = false;  // with each command all that it brings about, not its replies alone
   bool failed = false;         // a line was none that could be carried out
+  std::deque<std::string> typed = {};  // at the terminal, not yet sent or done
+  int awaited_reads = 0;               // of the daemon, by which the last sent line is handled
 };
 
 Console console;
@@ -67,6 +68,10 @@ bool run_command(const std::string& line) {
   Handset& phone = *console.phone;
   const int reads = phone.serial.reads();
   const std::string sent = sent_bytes(line);
+  if (!console.shows_journal && !phone.serial.replies().empty()) {
+    std::cout << "replies to another program:" << std::endl;
+    print_replies();
+  }
   phone.serial.send(sent);
   bool handled = false;
   bool ended = false;
@@ -101,8 +106,8 @@ bool run_batch_line(const std::string& line) {
   return run_command(line);
 }
 
-// Walks every command of the phone once, with a line of progress for each.
-bool run_demo() {
+// Every command of the phone, and the dot commands that some need beforehand.
+std::vector<std::string> demo_lines() {
   std::ifstream stream(FTM_DEMO);
   std::vector<std::string> lines;
   for (std::string line; std::getline(stream, line);) {
@@ -110,6 +115,12 @@ bool run_demo() {
       lines.push_back(line);
     }
   }
+  return lines;
+}
+
+// Walks every command of the phone once, with a line of progress for each.
+bool run_demo() {
+  const std::vector<std::string> lines = demo_lines();
   const auto is_command = [](const std::string& line) { return line[0] != '.'; };
   const auto all = std::count_if(lines.begin(), lines.end(), is_command);
   int number = 0;
@@ -137,27 +148,14 @@ void start_phone() {
   console.phone->start(options);
 }
 
-// Every text in the daemon that looks like a command, for completion.
+// What can be typed: the commands of the demonstration, which has them all, and the dot commands.
 std::set<std::string> known_commands() {
-  std::ifstream stream(FTM_DAEMON, std::ios::binary);
-  const std::string binary{std::istreambuf_iterator<char>(stream), {}};
-  const std::regex command("AT[+^_][A-Z][A-Z0-9_+^=,a-z]*");
-  std::set<std::string> found;
-  // Texts between zero bytes, so that the expression never sees the whole binary.
-  for (size_t start = 0; start < binary.size();) {
-    const size_t end = std::min(binary.find('\0', start), binary.size());
-    if (end - start < 64 && end - start > 4 && binary.compare(start, 2, "AT") == 0) {
-      const std::string text = binary.substr(start, end - start);
-      if (std::regex_match(text, command)) {
-        found.insert(text);
-      }
-    }
-    start = end + 1;
-  }
+  const std::vector<std::string> demo = demo_lines();
+  std::set<std::string> known(demo.begin(), demo.end());
   for (const std::string& name : dot_command_names()) {
-    found.insert(name);
+    known.insert(name);
   }
-  return found;
+  return known;
 }
 
 char* complete(const char* text, int state) {
@@ -186,11 +184,28 @@ void on_line(char* typed) {
     return;
   }
   add_history(line.c_str());
-  if (line[0] == '.') {
-    run_dot_line(line);
-  } else {
+  console.typed.push_back(line);
+}
+
+// Does what has been typed, but sends no line before the last one has been handled: the daemon
+// takes what has come by its next read for one command.
+void do_typed() {
+  SerialLine& serial = console.phone->serial;
+  while (!console.typed.empty() && !console.quit) {
+    const std::string line = console.typed.front();
+    const bool at_once = line[0] == '.' && line != ".quit";  // a key is pressed while AT+KEY waits
+    if (!at_once && serial.reads() < console.awaited_reads) {
+      return;
+    }
+    console.typed.pop_front();
+    if (line[0] == '.') {
+      run_dot_line(line);
+      continue;
+    }
     try {
-      console.phone->serial.send(sent_bytes(line));
+      const std::string bytes = sent_bytes(line);
+      console.awaited_reads = serial.reads() + 1;
+      serial.send(bytes);
     } catch (const std::exception& error) {
       std::cout << error.what() << "\n";
     }
@@ -225,6 +240,7 @@ void run_terminal() {
     if (poll(&input, 1, kLook) > 0) {
       rl_callback_read_char();
     }
+    do_typed();
     if (!console.phone->serial.replies().empty()) {
       print_above_prompt([] {
         print_replies();
@@ -238,6 +254,7 @@ void run_terminal() {
       print_above_prompt([] {
         std::cout << "the daemon has ended; starting it anew (.log shows its last lines)\n";
         start_phone();
+        console.awaited_reads = 0;
       });
     }
   }

@@ -1,6 +1,6 @@
 // The sensor client service as the phone's QMI clients meet it: a socket in /dev/socket, requests
-// in, responses and report indications out, each in its packet. What is said, the handler given to
-// start knows. Callable from any thread; the service has one of its own.
+// in, responses and report indications out, each in its packet. The handler given to start answers
+// the messages. Callable from any thread; the service has one of its own.
 
 #pragma once
 

@@ -73,6 +73,8 @@ DisplayCard::DisplayCard(const Card& card) : card_(card) {
   }
   for (uint32_t i = 0; i < card_.connectors.size(); ++i) {
     give(kConnectors + i, kConnectorCrtc);
+    const int crtc = card_.connectors[i].crtc;
+    driving_crtcs_.push_back(crtc < 0 ? 0 : kCrtcs + static_cast<uint32_t>(crtc));
     if (const std::string& text = card_.connectors[i].mode_properties; !text.empty()) {
       blobs_[next_id_] = text;
       values_[kConnectors + i][id] = next_id_++;
@@ -168,8 +170,25 @@ void DisplayCard::turn_off(uint32_t crtc) {
   for (uint32_t i = 0; i < card_.connectors.size(); ++i) {
     if (value(values_, kConnectors + i, kConnectorCrtc) == crtc) {
       reset(kConnectors + i, kConnectorCrtc);
+      driving_crtcs_[i] = 0;
     }
   }
+}
+
+uint32_t DisplayCard::driving_crtc(uint32_t index) const {
+  const std::lock_guard lock(mutex_);
+  return driving_crtcs_[index];
+}
+
+DisplayCard::Shown DisplayCard::shown(uint32_t crtc) const {
+  const std::lock_guard lock(mutex_);
+  Shown shown = {.mode = static_cast<uint32_t>(value(values_, crtc, "MODE_ID")), .framebuffer = 0};
+  for (uint32_t i = 0; i < static_cast<uint32_t>(card_.planes) && shown.framebuffer == 0; ++i) {
+    if (value(values_, kPlanes + i, "CRTC_ID") == crtc) {
+      shown.framebuffer = static_cast<uint32_t>(value(values_, kPlanes + i, "FB_ID"));
+    }
+  }
+  return shown;
 }
 
 void DisplayCard::count_buffers(int added) {
@@ -274,6 +293,9 @@ int DisplayCard::check_plane(const Values& values, uint32_t plane) const {
   if ((framebuffer != 0) != (crtc != 0) || (crtc != 0 && !is_crtc(crtc))) {
     return -EINVAL;
   }
+  if (crtc != 0 && ((card_.plane_crtcs >> (crtc - kCrtcs)) & 1) == 0) {
+    return -EINVAL;
+  }
   if (framebuffer == 0) {
     return 0;
   }
@@ -331,6 +353,12 @@ int DisplayCard::commit(const std::vector<Change>& changes, uint32_t flags) {
   }
   const int error = check(next);
   if (error == 0 && (flags & DRM_MODE_ATOMIC_TEST_ONLY) == 0) {
+    for (uint32_t i = 0; i < card_.connectors.size(); ++i) {
+      const auto crtc = static_cast<uint32_t>(value(next, kConnectors + i, kConnectorCrtc));
+      if (crtc != value(values_, kConnectors + i, kConnectorCrtc)) {
+        driving_crtcs_[i] = crtc;
+      }
+    }
     values_ = next;
     first_pixels_.push_back(first_pixel());
   }

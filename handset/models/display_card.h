@@ -38,14 +38,15 @@ class DisplayCard : public Device {
     uint32_t type = 16;  // DRM_MODE_CONNECTOR_DSI
     bool connected = true;
     std::vector<Mode> modes = {};
-    int crtc = 0;                 // the CRTC that its encoder drives from the start; -1 for none
+    int crtc = 0;                 // the CRTC that drives it until the first commit; -1 for none
     uint32_t possible_crtcs = 3;  // mask of those it can drive
     std::string mode_properties = {};  // text of that blob; no such property when empty
   };
   struct Card {
     bool dumb_buffers = true;
     int crtcs = 2;
-    int planes = 4;
+    int planes = 4;                 // the first one of each CRTC is its primary, the rest overlays
+    uint32_t plane_crtcs = ~0U;     // mask of the CRTCs that they can be shown on
     uint32_t pitch_alignment = 32;  // bytes
     bool mappable = true;           // false: its buffers cannot be mapped
     std::string lacks = {};         // a property that none of its objects has
@@ -144,6 +145,15 @@ class DisplayCard : public Device {
   // negative errno that a kernel gives.
   int commit(const std::vector<Change>& changes, uint32_t flags);
 
+  // The CRTC that drives a connector, by the connector's index; 0 for none.
+  uint32_t driving_crtc(uint32_t index) const;
+  // What a CRTC shows: the blob of its mode and the framebuffer of its first plane, 0 for none.
+  struct Shown {
+    uint32_t mode;
+    uint32_t framebuffer;
+  };
+  Shown shown(uint32_t crtc) const;
+
   // What is lit: "1080x2340 0xffffff" with the first pixel's colour, or "off".
   std::string lit() const;
 
@@ -175,6 +185,7 @@ class DisplayCard : public Device {
   size_t made_blobs_ = 0;
   const void* master_ = nullptr;
   Values values_;
+  std::vector<uint32_t> driving_crtcs_;  // by connector
   uint32_t next_id_ = 1000;
   std::vector<uint32_t> first_pixels_;                // one for each commit
   std::map<uint32_t, std::pair<int, int>> failures_;  // request to errno and calls to skip

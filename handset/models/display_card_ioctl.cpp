@@ -5,8 +5,10 @@
 #include <drm_mode.h>
 #include <errno.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
@@ -57,6 +59,7 @@ class DisplayCardFile : public MemoryFile {
   DisplayCard* card_;
   uint64_t memory_size_ = 0;
   bool atomic_ = false;
+  bool universal_planes_ = false;
   uint32_t next_handle_ = 1;
   std::map<uint32_t, DisplayCard::Buffer> buffers_;
   std::set<uint32_t> framebuffers_;
@@ -158,11 +161,20 @@ int DisplayCardFile::capability(const Caller&, drm_get_cap* record) {
 }
 
 int DisplayCardFile::client_capability(const Caller&, drm_set_client_cap* record) {
-  if (record->capability == DRM_CLIENT_CAP_ATOMIC) {
-    atomic_ = record->value != 0;
-    return 0;
+  if (record->value > 1) {
+    return -EINVAL;
   }
-  return record->capability == DRM_CLIENT_CAP_UNIVERSAL_PLANES ? 0 : -EINVAL;
+  switch (record->capability) {
+    case DRM_CLIENT_CAP_ATOMIC:
+      atomic_ = record->value != 0;
+      universal_planes_ = atomic_;
+      return 0;
+    case DRM_CLIENT_CAP_UNIVERSAL_PLANES:
+      universal_planes_ = record->value != 0;
+      return 0;
+    default:
+      return -EINVAL;
+  }
 }
 
 int DisplayCardFile::resources(const Caller& caller, drm_mode_card_res* record) {
@@ -207,7 +219,7 @@ int DisplayCardFile::connector(const Caller& caller, drm_mode_get_connector* rec
   for (const DisplayCard::Mode& mode : connector.modes) {
     modes.push_back(mode_info(mode));
   }
-  record->encoder_id = connector.crtc >= 0 ? DisplayCard::kEncoders + index : 0;
+  record->encoder_id = card_->driving_crtc(index) != 0 ? DisplayCard::kEncoders + index : 0;
   record->connector_type = connector.type;
   record->connector_type_id = 1;
   record->connection = connector.connected ? 1 : 2;
@@ -229,8 +241,7 @@ int DisplayCardFile::encoder(const Caller&, drm_mode_get_encoder* record) {
   }
   const DisplayCard::Connector& connector = card_->hardware().connectors[index];
   record->encoder_type = DRM_MODE_ENCODER_DSI;
-  record->crtc_id =
-      connector.crtc >= 0 ? DisplayCard::kCrtcs + static_cast<uint32_t>(connector.crtc) : 0;
+  record->crtc_id = card_->driving_crtc(index);
   record->possible_crtcs = connector.possible_crtcs;
   record->possible_clones = 0;
   return 0;
@@ -243,13 +254,22 @@ int DisplayCardFile::crtc(const Caller&, drm_mode_crtc* record) {
   }
   *record = {};
   record->crtc_id = id;
+  const DisplayCard::Shown shown = card_->shown(id);
+  if (const auto mode = card_->blob(shown.mode); mode.has_value()) {
+    memcpy(&record->mode, mode->data(), sizeof(record->mode));
+    record->mode_valid = 1;
+    record->fb_id = shown.framebuffer;
+  }
   return 0;
 }
 
 int DisplayCardFile::planes(const Caller& caller, drm_mode_get_plane_res* record) {
-  const auto planes = static_cast<size_t>(card_->hardware().planes);
+  const auto planes = static_cast<uint32_t>(card_->hardware().planes);
+  const auto primaries = static_cast<uint32_t>(card_->hardware().crtcs);
+  // Without the capability a client sees overlays alone.
+  const uint32_t hidden = universal_planes_ ? 0 : std::min(primaries, planes);
   return fill(caller, record->plane_id_ptr, &record->count_planes,
-              ids(DisplayCard::kPlanes, planes))
+              ids(DisplayCard::kPlanes + hidden, planes - hidden))
              ? 0
              : -EFAULT;
 }
@@ -272,8 +292,18 @@ bool DisplayCardFile::fill_properties(const Caller& caller, uint32_t object, uin
          fill(caller, ids_address, count, properties);
 }
 
+// The type of an object that has properties.
+static uint32_t object_type(uint32_t id) {
+  if (id >= DisplayCard::kPlanes) {
+    return DRM_MODE_OBJECT_PLANE;
+  }
+  return id >= DisplayCard::kConnectors ? DRM_MODE_OBJECT_CONNECTOR : DRM_MODE_OBJECT_CRTC;
+}
+
 int DisplayCardFile::object_properties(const Caller& caller, drm_mode_obj_get_properties* record) {
-  if (!card_->values(record->obj_id).has_value()) {
+  if (!card_->values(record->obj_id).has_value() ||
+      (record->obj_type != DRM_MODE_OBJECT_ANY &&
+       record->obj_type != object_type(record->obj_id))) {
     return -ENOENT;
   }
   return fill_properties(caller, record->obj_id, record->props_ptr, record->prop_values_ptr,
@@ -441,7 +471,11 @@ int DisplayCardFile::commit(const Caller& caller, drm_mode_atomic* record) {
   if (!card_->is_master(this)) {
     return -EACCES;
   }
-  if (!atomic_) {
+  const uint32_t flags = record->flags;
+  const bool event_of_a_test =
+      (flags & DRM_MODE_ATOMIC_TEST_ONLY) != 0 && (flags & DRM_MODE_PAGE_FLIP_EVENT) != 0;
+  if (!atomic_ || (flags & ~DRM_MODE_ATOMIC_FLAGS) != 0 || record->reserved != 0 ||
+      event_of_a_test) {
     return -EINVAL;
   }
   std::vector<DisplayCard::Change> changes;

@@ -4,6 +4,9 @@
 
 #include <errno.h>
 
+#include <algorithm>
+#include <sstream>
+
 namespace handset {
 
 void KernelModules::set_loaded(const std::string& name, bool loaded) {
@@ -13,6 +16,11 @@ void KernelModules::set_loaded(const std::string& name, bool loaded) {
   } else {
     loaded_.erase(name);
   }
+}
+
+void KernelModules::set_needs(const std::string& name, const std::vector<std::string>& needs) {
+  const std::lock_guard lock(mutex_);
+  needs_[name] = needs;
 }
 
 bool KernelModules::loaded(const std::string& name) const {
@@ -30,15 +38,28 @@ std::vector<KernelModules::Call> KernelModules::calls() const {
   return calls_;
 }
 
-// A module names itself in its information section: "name=NAME" and a zero byte.
-std::string KernelModules::name(const std::string& image) {
-  const size_t start = image.find("name=");
+// An entry of the information section: "KEY=VALUE" and a zero byte.
+static std::string information(const std::string& image, const std::string& key) {
+  const size_t start = image.find(key + "=");
   if (start == std::string::npos) {
     return "";
   }
-  const size_t begin = start + 5;
+  const size_t begin = start + key.size() + 1;
   const size_t end = image.find_first_of(std::string("\0\n", 2), begin);
   return image.substr(begin, end == std::string::npos ? end : end - begin);
+}
+
+std::string KernelModules::name(const std::string& image) {
+  return information(image, "name");
+}
+
+std::vector<std::string> KernelModules::needs(const std::string& image) {
+  std::istringstream list(information(image, "depends"));
+  std::vector<std::string> names;
+  for (std::string name; std::getline(list, name, ',');) {
+    names.push_back(name);
+  }
+  return names;
 }
 
 int KernelModules::load(const std::string& image, const std::string& parameters) {
@@ -48,7 +69,18 @@ int KernelModules::load(const std::string& image, const std::string& parameters)
   if (loaded.empty()) {
     return -ENOEXEC;
   }
-  return loaded_.insert(loaded).second ? 0 : -EEXIST;
+  if (loaded_.count(loaded) != 0) {
+    return -EEXIST;
+  }
+  const std::vector<std::string> needed = needs(image);
+  for (const std::string& other : needed) {
+    if (loaded_.count(other) == 0) {
+      return -ENOENT;  // its symbols are unknown
+    }
+  }
+  needs_[loaded] = needed;
+  loaded_.insert(loaded);
+  return 0;
 }
 
 int KernelModules::unload(const std::string& name, uint64_t flags) {
@@ -61,6 +93,12 @@ int KernelModules::unload(const std::string& name, uint64_t flags) {
       failure != failures_.end() && failure->second.times > 0) {
     --failure->second.times;
     return -failure->second.error;
+  }
+  for (const std::string& other : loaded_) {
+    const std::vector<std::string>& needed = needs_[other];
+    if (std::find(needed.begin(), needed.end(), name) != needed.end()) {
+      return -EWOULDBLOCK;
+    }
   }
   loaded_.erase(name);
   return 0;

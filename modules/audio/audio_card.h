@@ -1,5 +1,5 @@
-// What the audio modules share about sound card 0: its path file, the start-up complaint when that
-// is missing, and the patient opening of its mixer.
+// What the audio modules share about sound card 0: its path file and the patient opening of its
+// mixer.
 
 #pragma once
 
@@ -23,4 +23,5 @@ using UniqueMixer = std::unique_ptr<mixer, CloseMixer>;
 // Null when it stays away. Logs each try and the end under the caller's name.
 UniqueMixer open_mixer(const char* caller);
 
+// Whether the path file is there.
 bool mixer_paths_exist();

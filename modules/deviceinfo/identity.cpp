@@ -1,5 +1,4 @@
-// Build and identity: software version, serial number, checksums of the installed trees, the
-// panel's production time, the display bridge's recovery mode.
+// Build and identity: software version, serial number, checksums of the installed trees.
 
 #include <fcntl.h>
 #include <stdint.h>
@@ -10,7 +9,6 @@
 
 #include "core/at.h"
 #include "core/bounded.h"
-#include "core/file_utils.h"
 #include "core/log.h"
 #include "core/properties.h"
 #include "core/unique.h"
@@ -92,7 +90,7 @@ int at_serial_no(const char*) {
     property_get("ro.serialno", value, "NULL");
     bounded_format(reply, sizeof(reply), "SN: %s\n", value);
   }
-  // The reverse order of the software version's: required as it stands.
+  // The reverse order of the software version's: kept as it stands.
   at_send_result("OK\r\n");
   at_send_result(reply);
   return 0;

@@ -30,7 +30,7 @@ static constexpr useconds_t kOffSettleUs = 200 * 1000;
 
 static uint16_t rgb_lights_on = 0;
 
-// Read by no row; kept for whoever looks into the process.
+// Read by no row: kept as it stands.
 enum KeyBacklightState { kKeyBacklightOn = 2, kKeyBacklightOff = 3 };
 [[maybe_unused]] static KeyBacklightState key_backlight_state = kKeyBacklightOn;
 static pthread_mutex_t key_backlight_state_mutex;

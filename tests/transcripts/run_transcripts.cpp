@@ -131,29 +131,32 @@ std::string without_times(const std::string& text) {
 struct Compared {
   char mark;
   std::string text;
+  std::string block = {};  // of an expected line, as in ExpectedEntry
+  int block_line = 0;
 };
 
-// What is expected and what came as lines, the expected ones as patterns.
+// What is expected and what came; what was printed is a stream of its own.
 struct Sides {
   std::vector<ExpectedEntry> expected;
-  std::vector<std::string> actual;
+  std::vector<Journal::Entry> actual;
 };
+
+constexpr char kPrints[] = "|";
+
+std::string line_of(const std::string& stream, const std::string& text) {
+  return stream == kPrints ? "| " + text : handset::shown({stream, text});
+}
 
 Sides sides(const Step& step, const Played& played) {
   Sides both;
   for (const std::string& line : step.prints) {
-    both.expected.push_back({.stream = "", .text = "| " + line});
+    both.expected.push_back({.stream = kPrints, .text = line});
   }
-  for (ExpectedEntry entry : step.entries) {
-    entry.text = handset::shown({entry.stream, entry.text});
-    both.expected.push_back(entry);
-  }
+  both.expected.insert(both.expected.end(), step.entries.begin(), step.entries.end());
   for (const std::string& line : played.prints) {
-    both.actual.push_back("| " + line);
+    both.actual.push_back({kPrints, line});
   }
-  for (const Journal::Entry& entry : played.entries) {
-    both.actual.push_back(handset::shown(entry));
-  }
+  both.actual.insert(both.actual.end(), played.entries.begin(), played.entries.end());
   return both;
 }
 
@@ -162,7 +165,7 @@ Sides sides(const Step& step, const Played& played) {
 std::vector<Compared> compare(const Sides& both) {
   constexpr size_t kWrong = 10000;  // of a line missing or too much; 1 of one left to any number
   const std::vector<ExpectedEntry>& expected = both.expected;
-  const std::vector<std::string>& actual = both.actual;
+  const std::vector<Journal::Entry>& actual = both.actual;
   // cost[i][j]: of what is expected from i on and came from j on. What to do there:
   enum class Move { kTooMuch, kPass, kTake, kAbsorb };
   const size_t width = actual.size() + 1;
@@ -180,7 +183,8 @@ std::vector<Compared> compare(const Sides& both) {
       };
       if (i < expected.size()) {
         const bool any = expected[i].any_number;
-        if (j < actual.size() && fits(expected[i].text, actual[j])) {
+        if (j < actual.size() && expected[i].stream == actual[j].stream &&
+            fits(expected[i].text, actual[j].text)) {
           any ? offer(Move::kAbsorb, cost[at + 1] + 1) : offer(Move::kTake, cost[at + width + 1]);
         }
         offer(Move::kPass, cost[at + width] + (any ? 0 : kWrong));
@@ -195,7 +199,8 @@ std::vector<Compared> compare(const Sides& both) {
   for (size_t i = 0, j = 0; i < expected.size() || j < actual.size();) {
     const Move move = moves[i * width + j];
     if (move == Move::kTooMuch) {
-      lines.push_back({'+', without_times(actual[j++])});
+      lines.push_back({'+', without_times(line_of(actual[j].stream, actual[j].text))});
+      ++j;
       continue;
     }
     if (move == Move::kAbsorb) {
@@ -206,7 +211,9 @@ std::vector<Compared> compare(const Sides& both) {
       lines.push_back({' ', "--"});
     }
     const bool any = expected[i].any_number;
-    lines.push_back({move == Move::kTake || any ? ' ' : '-', (any ? "* " : "") + expected[i].text});
+    lines.push_back({move == Move::kTake || any ? ' ' : '-',
+                     (any ? "* " : "") + line_of(expected[i].stream, expected[i].text),
+                     expected[i].block, expected[i].block_line});
     ++i;
     j += move == Move::kTake ? 1 : 0;
   }
@@ -222,6 +229,34 @@ std::vector<std::string> counted(const std::vector<std::string>& lines) {
       ++end;
     }
     all.push_back(lines[i] + (end - i > 1 ? " x" + std::to_string(end - i) : ""));
+    i = end;
+  }
+  return all;
+}
+
+// What a recorded step says: all that came, whole blocks by their name.
+std::vector<std::string> kept(const std::vector<Compared>& lines) {
+  std::vector<std::string> all;
+  for (size_t i = 0; i < lines.size();) {
+    size_t end = i + 1;
+    bool whole = lines[i].block_line != 0 && lines[i].mark == ' ';
+    while (lines[i].block_line != 0 && end < lines.size() &&
+           lines[end].block_line == lines[i].block_line) {
+      whole = whole && lines[end].mark == ' ';
+      ++end;
+    }
+    // A line too much within a block takes it apart.
+    for (size_t j = end; j < lines.size(); ++j) {
+      whole = whole && lines[j].block_line != lines[i].block_line;
+    }
+    for (size_t j = i; j < end && !whole; ++j) {
+      if (lines[j].mark != '-') {
+        all.push_back(lines[j].text);
+      }
+    }
+    if (whole) {
+      all.push_back(lines[i].block);
+    }
     i = end;
   }
   return all;
@@ -249,15 +284,12 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
         recorded += joined(step.source);
         continue;
       }
-      std::vector<std::string> kept;
+      const std::vector<Compared> lines = compare(sides(step, played));
       std::vector<std::string> difference;
-      for (const Compared& line : compare(sides(step, played))) {
+      for (const Compared& line : lines) {
         difference.push_back(std::string("  ") + line.mark + " " + line.text);
-        if (line.mark != '-') {
-          kept.push_back(line.text);
-        }
       }
-      recorded += step.action + "\n" + joined(counted(kept));
+      recorded += step.action + "\n" + joined(counted(kept(lines)));
       for (const std::string& line : step.source) {
         recorded += line[0] == '#' ? line + "\n" : "";
       }

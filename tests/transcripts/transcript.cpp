@@ -3,6 +3,7 @@
 #include "tests/transcripts/transcript.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -37,45 +38,136 @@ std::vector<ExpectedEntry> parse_entry(const std::string& line) {
   return std::vector<ExpectedEntry>(static_cast<size_t>(count), entry);
 }
 
-std::vector<Scenario> read_transcript(const std::string& file) {
-  std::ifstream stream(file);
-  if (!stream) {
-    throw std::runtime_error("cannot read " + file);
+namespace {
+
+using Blocks = std::map<std::string, std::vector<std::string>>;  // entries by ":: name"
+
+// A file that is read line by line.
+class Reader {
+ public:
+  explicit Reader(const std::string& file) : file_(file), stream_(file) {
+    if (!stream_) {
+      throw std::runtime_error("cannot read " + file);
+    }
   }
+  bool next(std::string* line) {
+    ++number_;
+    return static_cast<bool>(std::getline(stream_, *line));
+  }
+  int number() const {
+    return number_;
+  }
+  [[noreturn]] void fail(const std::string& why) const {
+    throw std::runtime_error(file_ + ":" + std::to_string(number_) + ": " + why);
+  }
+
+ private:
+  std::string file_;
+  std::ifstream stream_;
+  int number_ = 0;
+};
+
+bool is_block(const std::string& line) {
+  return line.starts_with(":: ");
+}
+
+// Reads the entries behind a block's name, up to an empty line.
+void read_block(Reader* reader, const std::string& name, Blocks* blocks) {
+  std::vector<std::string>& entries = (*blocks)[name];
+  if (!entries.empty()) {
+    reader->fail("a block of this name is there already");
+  }
+  for (std::string line; reader->next(&line) && !line.empty();) {
+    entries.push_back(line);
+  }
+}
+
+Blocks common_blocks(const std::string& file) {
+  Blocks blocks;
+  const std::filesystem::path common = std::filesystem::path(file).parent_path() / "common.blocks";
+  if (std::filesystem::exists(common)) {
+    Reader reader(common);
+    for (std::string line; reader.next(&line);) {
+      if (is_block(line)) {
+        read_block(&reader, line, &blocks);
+      }
+    }
+  }
+  return blocks;
+}
+
+// The entries of a block; a stream before its name is that of all.
+std::vector<ExpectedEntry> block_entries(const Reader& reader, const Blocks& blocks,
+                                         const std::string& line) {
+  const size_t name = line.find(":: ");
+  const auto block = blocks.find(line.substr(name));
+  if (block == blocks.end()) {
+    reader.fail("no such block");
+  }
+  std::vector<ExpectedEntry> entries;
+  for (const std::string& text : block->second) {
+    for (ExpectedEntry entry : parse_entry(line.substr(0, name) + text)) {
+      entry.block = line;
+      entry.block_line = reader.number();
+      entries.push_back(entry);
+    }
+  }
+  return entries;
+}
+
+// A line below an action.
+void read_outcome(const Reader& reader, const Blocks& blocks, const std::string& line, Step* step,
+                  bool* after_break) {
+  if (line == "--") {
+    *after_break = true;
+  } else if (line.starts_with("| ")) {
+    step->prints.push_back(line.substr(2));
+  } else {
+    static const std::regex kBlock("((main|\\d+): )?:: .*");
+    for (ExpectedEntry entry :
+         std::regex_match(line, kBlock) ? block_entries(reader, blocks, line) : parse_entry(line)) {
+      entry.after_break = std::exchange(*after_break, false);
+      step->entries.push_back(entry);
+    }
+  }
+}
+
+}  // namespace
+
+std::vector<Scenario> read_transcript(const std::string& file) {
+  Blocks blocks = common_blocks(file);
   std::vector<Scenario> scenarios;
   bool after_break = false;
-  int number = 0;
-  for (std::string line; std::getline(stream, line);) {
-    ++number;
-    if (line.compare(0, 3, "== ") == 0) {
-      scenarios.push_back({.title = line.substr(3), .head = {}, .steps = {}, .line = number});
-      continue;
-    }
-    if (line.empty() || line[0] == '#') {
-      if (!scenarios.empty() && !line.empty()) {
-        Scenario& scenario = scenarios.back();
-        (scenario.steps.empty() ? scenario.head : scenario.steps.back().source).push_back(line);
-      }
+  Reader reader(file);
+  for (std::string line; reader.next(&line);) {
+    if (line.starts_with("== ")) {
+      scenarios.push_back(
+          {.title = line.substr(3), .head = {}, .steps = {}, .line = reader.number()});
       continue;
     }
     if (scenarios.empty()) {
-      throw std::runtime_error(file + ":" + std::to_string(number) + ": no scenario begins here");
+      if (is_block(line)) {
+        read_block(&reader, line, &blocks);
+      } else if (!line.empty() && line[0] != '#') {
+        reader.fail("no scenario begins here");
+      }
+      continue;
     }
     std::vector<Step>& steps = scenarios.back().steps;
+    if (line.empty()) {
+      continue;
+    }
+    if (line[0] == '#') {
+      (steps.empty() ? scenarios.back().head : steps.back().source).push_back(line);
+      continue;
+    }
     if (line[0] == '>' || line[0] == '.') {
-      steps.push_back({.action = line, .line = number});
+      steps.push_back({.action = line, .line = reader.number()});
       after_break = false;
     } else if (steps.empty()) {
-      throw std::runtime_error(file + ":" + std::to_string(number) + ": nothing is done before");
-    } else if (line == "--") {
-      after_break = true;
-    } else if (line.compare(0, 2, "| ") == 0) {
-      steps.back().prints.push_back(line.substr(2));
+      reader.fail("nothing is done before");
     } else {
-      for (ExpectedEntry entry : parse_entry(line)) {
-        entry.after_break = std::exchange(after_break, false);
-        steps.back().entries.push_back(entry);
-      }
+      read_outcome(reader, blocks, line, &steps.back(), &after_break);
     }
     steps.back().source.push_back(line);
   }

@@ -13,8 +13,10 @@
 //   1: wait 10 ms                                  an entry of another thread
 //   * 1: wait 10 ms                                any number of these, none included
 //   --                                             what stands above came before what stands below
+//   :: the panel is opened                         the entries of that block
 //
-// {*} in an entry stands for any text.
+// {*} in an entry stands for any text. A block is what often comes together: ":: its name" and its
+// entries up to an empty line, at the head of a file, or in common.blocks for all files.
 
 #pragma once
 
@@ -28,6 +30,8 @@ struct ExpectedEntry {
   std::string text;
   bool any_number = false;
   bool after_break = false;  // a line "--" stands before it
+  std::string block = {};    // the line that names the block it comes from, and that line's number
+  int block_line = 0;
 };
 
 struct Step {

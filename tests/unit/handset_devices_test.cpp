@@ -244,6 +244,74 @@ TEST(DisplayCardModel, RefusesWhatAKernelRefuses) {
   }
 }
 
+// The encoder's CRTC and the mode and framebuffer of that CRTC.
+static std::vector<uint64_t> pipeline(Open& open) {
+  drm_mode_get_connector connector = {};
+  connector.connector_id = kPanel;
+  EXPECT_EQ(open(DRM_IOCTL_MODE_GETCONNECTOR, &connector), 0);
+  drm_mode_get_encoder encoder = {};
+  encoder.encoder_id = DisplayCard::kEncoders;
+  EXPECT_EQ(open(DRM_IOCTL_MODE_GETENCODER, &encoder), 0);
+  drm_mode_crtc crtc = {};
+  crtc.crtc_id = kCrtc;
+  EXPECT_EQ(open(DRM_IOCTL_MODE_GETCRTC, &crtc), 0);
+  return {connector.encoder_id, encoder.crtc_id, crtc.mode_valid, crtc.mode.hdisplay, crtc.fb_id};
+}
+
+TEST(DisplayCardModel, TellsThePipelineThatWasCommitted) {
+  DisplayCard card(small_card());
+  Client client(&card);
+  const std::vector<uint64_t> off = {0, 0, 0, 0, 0};
+  EXPECT_EQ(pipeline(client.open),
+            (std::vector<uint64_t>{DisplayCard::kEncoders, kCrtc, 0, 0, 0}));  // the first logo
+  EXPECT_EQ(client.commit(client.lighting()), 0);
+  EXPECT_EQ(pipeline(client.open),
+            (std::vector<uint64_t>{DisplayCard::kEncoders, kCrtc, 1, kWidth, client.framebuffer}));
+  EXPECT_EQ(client.commit({{kPanel, "CRTC_ID", 0},
+                           {kCrtc, "MODE_ID", 0},
+                           {kCrtc, "ACTIVE", 0},
+                           {kPlane, "CRTC_ID", 0},
+                           {kPlane, "FB_ID", 0}}),
+            0);
+  EXPECT_EQ(pipeline(client.open), off);
+  // A framebuffer that goes takes the pipeline with it.
+  EXPECT_EQ(client.commit(client.lighting()), 0);
+  uint32_t framebuffer = client.framebuffer;
+  EXPECT_EQ(client.open(DRM_IOCTL_MODE_RMFB, &framebuffer), 0);
+  EXPECT_EQ(pipeline(client.open), off);
+}
+
+TEST(DisplayCardModel, LooksAtTypesFlagsAndPlanes) {
+  DisplayCard::Card hardware = small_card();
+  hardware.plane_crtcs = 2;  // the other CRTC
+  DisplayCard card(hardware);
+  Client client(&card);
+  EXPECT_EQ(client.commit(client.lighting()), -EINVAL);
+  EXPECT_EQ(client.commit({}, 1U << 31), -EINVAL);
+  EXPECT_EQ(client.commit({}, DRM_MODE_ATOMIC_TEST_ONLY | DRM_MODE_PAGE_FLIP_EVENT), -EINVAL);
+  drm_mode_atomic request = {};
+  request.reserved = 1;
+  EXPECT_EQ(client.open(DRM_IOCTL_MODE_ATOMIC, &request), -EINVAL);
+
+  drm_mode_obj_get_properties properties = {};
+  properties.obj_id = kPlane;
+  properties.obj_type = DRM_MODE_OBJECT_CRTC;
+  EXPECT_EQ(client.open(DRM_IOCTL_MODE_OBJ_GETPROPERTIES, &properties), -ENOENT);
+  properties.obj_type = DRM_MODE_OBJECT_PLANE;
+  EXPECT_EQ(client.open(DRM_IOCTL_MODE_OBJ_GETPROPERTIES, &properties), 0);
+
+  // A client that asks for nothing sees the overlays alone.
+  FakeCaller caller;
+  Open plain(&card, caller);
+  drm_mode_get_plane_res planes = {};
+  EXPECT_EQ(plain(DRM_IOCTL_MODE_GETPLANERESOURCES, &planes), 0);
+  EXPECT_EQ(planes.count_planes, 2U);
+  drm_set_client_cap universal = {DRM_CLIENT_CAP_UNIVERSAL_PLANES, 1};
+  EXPECT_EQ(plain(DRM_IOCTL_SET_CLIENT_CAP, &universal), 0);
+  EXPECT_EQ(plain(DRM_IOCTL_MODE_GETPLANERESOURCES, &planes), 0);
+  EXPECT_EQ(planes.count_planes, 4U);
+}
+
 TEST(DisplayCardModel, HasOneMasterAndFailsWhatItIsTold) {
   DisplayCard card(small_card());
   {

@@ -236,9 +236,19 @@ TEST(KernelModules, AnswerLoadsAndUnloads) {
     EXPECT_EQ(modules.loaded("wlan"), result != -ENOENT);
     EXPECT_EQ(modules.unload("wlan", 04000), result);
   }
+  // One needs the other: loaded behind it, unloaded before it.
+  const std::string needy("name=needy\0depends=low,wlan\0", 28);
+  EXPECT_EQ(modules.load(needy, ""), -ENOENT);
+  modules.set_loaded("low", true);
+  modules.set_loaded("wlan", true);
+  EXPECT_EQ(modules.load(needy, ""), 0);
+  EXPECT_EQ(modules.unload("wlan", 0), -EAGAIN);
+  EXPECT_EQ(modules.unload("needy", 0), 0);
+  EXPECT_EQ(modules.unload("wlan", 0), 0);
+
   const KernelModules::Call load = {.what = "load", .name = "wlan", .parameters = "con_mode=5"};
   const KernelModules::Call unload = {.what = "unload", .name = "wlan", .flags = 04000};
-  ASSERT_EQ(modules.calls().size(), 8U);
+  ASSERT_EQ(modules.calls().size(), 13U);
   EXPECT_EQ(modules.calls()[2], load);
   EXPECT_EQ(modules.calls()[7], unload);
 }
