@@ -365,7 +365,8 @@ TEST_F(SensorClient, LogsTheFirstKindOfAnAttributesValue) {
   deliver(message(1, 2, {{128, attribute(3, {deepest})}}));
   const auto lines = log_.take();
   EXPECT_EQ(
-      std::count(lines.begin(), lines.end(), LogCapture::Line{ANDROID_LOG_INFO, "", "attr nested"}), 9);
+      std::count(lines.begin(), lines.end(), LogCapture::Line{ANDROID_LOG_INFO, "", "attr nested"}),
+      9);
 }
 
 TEST_F(SensorClient, TakesValuesFromEvents) {
