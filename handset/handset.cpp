@@ -4,13 +4,10 @@
 #include "handset/handset.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <linux/input-event-codes.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,7 +17,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "handset/links/stage.h"
+#include "handset/links/stage_process.h"
 #include "handset/models/partitions.h"
 #include "handset/root.h"
 
@@ -42,7 +39,7 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
   }
   base_ = base;
   serve_power_nodes();
-  lay_phone(options.profile);
+  lay_phone();
   plug_devices();
   tone_party.attend(path("/dev/__properties__"));
   hub_service.start(path("/dev/socket/qmi_sns_client"),
@@ -57,18 +54,11 @@ Handset::~Handset() {
   fs::remove_all(base_, ignored);
 }
 
-// The root, the healthy phone's profile, what is laid over it, and what no profile describes.
-void Handset::lay_phone(const fs::path& profile) {
+// The root, the healthy phone's profile, and what no profile describes.
+void Handset::lay_phone() {
   lay_root(base_ / "root");
-  fs::path sensors_file = fs::path(FTM_PROFILE) / "sensors";
   lay_profile(FTM_PROFILE, base_ / "root", &nodes);
-  if (!profile.empty()) {
-    lay_profile(profile, base_ / "root", &nodes);
-    if (fs::exists(profile / "sensors")) {
-      sensors_file = profile / "sensors";
-    }
-  }
-  sensors.read_sensors(sensors_file);
+  sensors.read_sensors(fs::path(FTM_PROFILE) / "sensors");
   sound.describe(read_file(kSoundControls).value_or(""));
   // The reference checksums of the profile's own trees, made when the handset was built.
   fs::copy_file(FTM_SYSMD5, base_ / "root/system/sysmd5.zip", fs::copy_options::skip_existing);
@@ -207,132 +197,46 @@ void Handset::remove_device(const std::string& phone_path) {
   fs::remove(path(phone_path));
 }
 
-// The daemon's environment: the stand-in programs come before the desk's own, and the sanitizers
-// keep their settings.
-static std::vector<std::string> environment() {
-  std::vector<std::string> variables = {
-      "PATH=/vendor/bin:/system/bin:/usr/sbin:/usr/bin:/sbin:/bin",
-      "TZ=UTC0",  // the root has no zone file: without this each log line looks for one
-  };
-  // A report of any sanitizer ends the daemon, so that the next command fails on it.
-  for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
-    const char* value = getenv(name);
-    variables.push_back(std::string(name) + "=halt_on_error=1:" + (value == nullptr ? "" : value));
-  }
-  return variables;
-}
-
-static std::vector<char*> pointers(std::vector<std::string>* texts) {
-  std::vector<char*> all;
-  for (std::string& text : *texts) {
-    all.push_back(text.data());
-  }
-  all.push_back(nullptr);
-  return all;
-}
-
-static StageTraps stage_traps(const Handset::StartOptions& options) {
-  if (!options.traps) {
-    return StageTraps::kNone;
-  }
-  if (!options.threads) {
-    return StageTraps::kCallsAndThreads;
-  }
-  return options.faults ? StageTraps::kCallsAndFaults : StageTraps::kCalls;
-}
-
 void Handset::start(const StartOptions& options) {
   stop();
-  int sockets[2];
-  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) != 0) {
-    throw system_error("cannot make a socket");
-  }
-  const int error = spawn_stage(options, sockets[1]);
-  close(sockets[1]);
-  if (error != 0) {
-    close(sockets[0]);
-    errno = error;
-    throw system_error("cannot start the stage");
-  }
-  status_.reset();
-  devices_.set_daemon(pid_);
-  serial.note_running(true);
-  const int reads_before = serial.reads();
-  try {
-    receive_stage(sockets[0]);
-  } catch (...) {
-    close(sockets[0]);
-    stop();
-    throw;
-  }
-  close(sockets[0]);
-  if (options.wait_ready && options.traps &&
-      !serial.wait_reads(reads_before + 1, std::chrono::seconds(60))) {
-    throw std::runtime_error("the daemon did not come up; its log ends:\n" + log());
-  }
-}
-
-// Starts the stage program with its end of the socket. 0, or an errno when there is no process.
-int Handset::spawn_stage(const StartOptions& options, int socket) {
   const std::string tty = options.serial.value_or(serial.phone_tty());
   if (tty.empty()) {
     fs::remove(path(kSerialTty));
   } else {
     write_file(kSerialTty, "");  // the place of the bind
   }
-  std::vector<std::string> arguments = {FTM_STAGE, (base_ / "root").string(), tty, daemon_.string(),
-                                        std::to_string(static_cast<int>(stage_traps(options)))};
-  std::vector<std::string> variables = environment();
-  const std::string log = options.log ? (base_ / "log").string() : "/dev/null";
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, (base_ / "output").c_str(),
-                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&actions, socket, kStageSocket);
-  const int error = posix_spawn(&pid_, FTM_STAGE, &actions, nullptr, pointers(&arguments).data(),
-                                pointers(&variables).data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (error != 0) {
-    pid_ = 0;
+  StageTraps traps = options.faults ? StageTraps::kCallsAndFaults : StageTraps::kCalls;
+  if (!options.traps) {
+    traps = StageTraps::kNone;
   }
-  return error;
-}
-
-// Takes the descriptors that the stage sends while it builds the root.
-void Handset::receive_stage(int socket) {
-  for (;;) {
-    char body[512];
-    iovec vector = {body, sizeof(body)};
-    char control[CMSG_SPACE(sizeof(int))];
-    msghdr message = {};
-    message.msg_iov = &vector;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    const ssize_t size = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
-    if (size < 1) {
+  StageProcess stage({.root = base_ / "root",
+                      .tty = tty,
+                      .daemon = daemon_,
+                      .output = base_ / "output",
+                      .log = options.log ? base_ / "log" : fs::path("/dev/null")},
+                     traps);
+  pid_ = stage.pid();
+  status_.reset();
+  devices_.set_daemon(pid_);
+  serial.note_running(true);
+  const int reads_before = serial.reads();
+  try {
+    const bool built =
+        stage.wait_built([this](int fd) { nodes.serve(fd); },
+                         [this](int fd) {
+                           recorder_.begin(pid_, base_ / "root");
+                           supervisor_.serve(fd, [this] { serial.note_running(false); });
+                         });
+    if (!built) {
       throw std::runtime_error("the stage ended early; its log ends:\n" + log());
     }
-    int fd = -1;
-    if (const cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr) {
-      memcpy(&fd, CMSG_DATA(header), sizeof(fd));
-    }
-    switch (static_cast<StageMessage>(body[0])) {
-      case StageMessage::kFuse:
-        nodes.serve(fd);
-        break;
-      case StageMessage::kTraps:
-        recorder_.begin(pid_, base_ / "root");
-        supervisor_.serve(fd, [this] { serial.note_running(false); });
-        return;
-      case StageMessage::kUntrapped:
-        return;
-      case StageMessage::kFailed:
-        throw std::runtime_error(std::string(body + 1, static_cast<size_t>(size) - 1));
-    }
+  } catch (...) {
+    stop();
+    throw;
+  }
+  if (options.wait_ready && options.traps &&
+      !serial.wait_reads(reads_before + 1, std::chrono::seconds(60))) {
+    throw std::runtime_error("the daemon did not come up; its log ends:\n" + log());
   }
 }
 

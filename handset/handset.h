@@ -44,8 +44,6 @@ class Handset {
   struct Options {
     // Waits of the daemon take this part of their time: 1 real time, 0 none.
     double time_factor = 0;
-    // A folder of files that is laid over the healthy phone's profile.
-    std::filesystem::path profile = {};
     // The program that becomes the phone's /odm/bin/ftmd.
     std::filesystem::path daemon = FTM_DAEMON;
   };
@@ -54,8 +52,7 @@ class Handset {
     // The tty that becomes /dev/ttyMSM0: the handset's own line when not given, no such device when
     // empty.
     std::optional<std::string> serial = {};
-    bool threads = true;     // false: the daemon can create no thread
-    bool faults = false;     // true: the calls of kFaultCalls can be made to fail
+    bool faults = false;     // true: reads can be made to fail, too
     bool traps = true;       // false: no system call is seen (no devices, waits or single replies)
     bool log = true;         // false: the daemon's log goes to /dev/null
     bool wait_ready = true;  // return only when the daemon waits for its first command
@@ -99,11 +96,11 @@ class Handset {
   void write_file(const std::string& phone_path, const std::string& content);
   std::optional<std::string> read_file(const std::string& phone_path) const;
 
-  // Makes a call (SYS_openat, SYS_write, SYS_unlink, SYS_mkdir, SYS_chmod; with
-  // StartOptions::faults also those of kFaultCalls) fail with an errno on a file of the phone,
-  // whoever makes it: from now on, or only in some of its calls. With error 0 it works again. The
-  // path is the file's own (for a call that names a path: that one), not that of a link to it. For
-  // SYS_clone3 the "path" is "thread" or "process": no new one is made.
+  // Makes a trapped call (SYS_openat, SYS_write, those of kJournalCalls; with StartOptions::faults
+  // also those of kFaultCalls) fail with an errno on a file of the phone, whoever makes it: from
+  // now on, or only in some of its calls. With error 0 it works again. The path is the file's own
+  // (for a call that names a path: that one), not that of a link to it. For SYS_clone3 the "path"
+  // is "thread" or "process": no new one is made.
   void fail(const std::string& phone_path, int call, int error,
             const Faults::Which& which = Faults::Which());
   // Lets a SYS_read or SYS_write of such a file move this many bytes at most.
@@ -150,12 +147,10 @@ class Handset {
  private:
   static constexpr char kSerialTty[] = "/dev/ttyMSM0";
 
-  void lay_phone(const std::filesystem::path& profile);
+  void lay_phone();
   void plug_devices();
   void serve_power_nodes();
   std::optional<HubService::Reply> on_hub_request(const std::string& payload);
-  int spawn_stage(const StartOptions& options, int socket);
-  void receive_stage(int socket);
 
   // In handset_calls.cpp.
   void route_calls();

@@ -42,14 +42,11 @@ void Handset::route_calls() {
   };
   supervisor_.observe(
       [this](const TrappedCall& call, const Answer& answer) { recorder_.record(call, answer); });
-#ifdef SYS_unlink
-  for (const int call : {SYS_unlink, SYS_mkdir, SYS_chmod}) {
-    supervisor_.handle(call, [this](const TrappedCall& call) { return faults_.answer(call); });
-  }
-#endif
-  for (const int call : kFaultCalls) {
-    supervisor_.handle(call, [this](const TrappedCall& call) { return faults_.answer(call); });
-  }
+  const auto may_fail = [this](int number) {
+    supervisor_.handle(number, [this](const TrappedCall& call) { return faults_.answer(call); });
+  };
+  std::for_each(std::begin(kJournalCalls), std::end(kJournalCalls), may_fail);
+  std::for_each(std::begin(kFaultCalls), std::end(kFaultCalls), may_fail);
   supervisor_.handle(SYS_ioctl, [this](const TrappedCall& call) { return devices_.ioctl(call); });
   // Behind the failing calls: a read is one of them, and the serial line's.
   for (const Route& route : kRoutes) {

@@ -17,9 +17,6 @@ class Caller {
   virtual bool read(uint64_t address, void* data, size_t size) const = 0;
   virtual bool write(uint64_t address, const void* data, size_t size) const = 0;
 
-  // A terminated text of the caller, at most 4096 bytes of it.
-  virtual std::string text(uint64_t address) const = 0;
-
   // Adds an entry to the phone's journal: what this call has done to the model.
   virtual void note(const std::string& entry) const = 0;
 };

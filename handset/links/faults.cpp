@@ -25,6 +25,11 @@ void Faults::shorten(const std::string& path, int call, size_t most, const Which
   faults_[{path, call}] = {.error = 0, .most = most, .which = which};
 }
 
+bool Faults::none() const {
+  const std::lock_guard lock(mutex_);
+  return faults_.empty();
+}
+
 std::optional<Faults::Fault> Faults::take(const std::string& path, int call) {
   const std::lock_guard lock(mutex_);
   const auto found = faults_.find({path, call});
@@ -86,6 +91,9 @@ static std::string target(const TrappedCall& call) {
 }
 
 Answer Faults::answer(const TrappedCall& call) {
+  if (none()) {
+    return Answer::kernel();  // without looking at what the call is on
+  }
   const std::optional<Fault> fault = take(target(call), call.number);
   if (!fault.has_value()) {
     return Answer::kernel();

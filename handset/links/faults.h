@@ -42,9 +42,10 @@ class Faults {
     Which which;
   };
 
+  bool none() const;
   std::optional<Fault> take(const std::string& path, int call);
 
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::map<std::pair<std::string, int>, Fault> faults_;
 };
 

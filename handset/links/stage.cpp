@@ -31,7 +31,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -174,31 +176,17 @@ static std::vector<sock_filter> trap_program(StageTraps traps) {
   const auto add = [&program](std::initializer_list<sock_filter> steps) {
     program.insert(program.end(), steps);
   };
-  for (const int call : kTrappedCalls) {
+  const auto trap = [&add](int call) {
     add({when(static_cast<uint32_t>(call), 1), answer(SECCOMP_RET_USER_NOTIF)});
-  }
-  for (const int call : kJournalCalls) {
-    program.push_back(when(static_cast<uint32_t>(call), 1));
-    program.push_back(answer(SECCOMP_RET_USER_NOTIF));
-  }
-  if (traps == StageTraps::kCalls) {
-    program.push_back(when(SYS_clone3, 1));
-    program.push_back(answer(SECCOMP_RET_USER_NOTIF));
-  }
+  };
+  std::for_each(std::begin(kTrappedCalls), std::end(kTrappedCalls), trap);
+  std::for_each(std::begin(kJournalCalls), std::end(kJournalCalls), trap);
   if (traps == StageTraps::kCallsAndFaults) {
-    for (const int call : kFaultCalls) {
-      add({when(static_cast<uint32_t>(call), 1), answer(SECCOMP_RET_USER_NOTIF)});
-    }
+    std::for_each(std::begin(kFaultCalls), std::end(kFaultCalls), trap);
   }
   // Of all reads only those of the command loop: nothing else here reads in its size.
   add({when(SYS_read, 3), load(argument(2)), when(kSerialReadSize, 1),
        answer(SECCOMP_RET_USER_NOTIF)});
-  if (traps == StageTraps::kCallsAndThreads) {
-    add({load(kCallNumber), when(SYS_clone3, 1), answer(SECCOMP_RET_ERRNO | ENOSYS)});
-    add({when(SYS_clone, 3), load(argument(0)),
-         BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_THREAD, 0, 1),
-         answer(SECCOMP_RET_ERRNO | EAGAIN)});
-  }
   add({answer(SECCOMP_RET_ALLOW)});
   return program;
 }

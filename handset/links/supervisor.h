@@ -33,7 +33,8 @@ class TrappedCall : public Caller {
   }
   bool read(uint64_t address, void* data, size_t size) const override;
   bool write(uint64_t address, const void* data, size_t size) const override;
-  std::string text(uint64_t address) const override;
+  // A terminated text of the caller, at most 4096 bytes of it.
+  std::string text(uint64_t address) const;
   void note(const std::string& entry) const override;
   // What the caller's descriptor stands for: a path, "socket:[N]", "/memfd:NAME (deleted)"; empty
   // when it is not open.

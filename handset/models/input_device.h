@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <set>
@@ -48,8 +49,8 @@ class InputDevice : public Device {
   void deliver(const std::vector<std::string>& records);
 
   const uint64_t types_;
-  int types_error_ = 0;
-  bool epoll_fails_ = false;
+  std::atomic<int> types_error_ = 0;
+  std::atomic<bool> epoll_fails_ = false;
   std::mutex mutex_;
   std::set<int> open_;                // the handset's ends
   std::vector<std::string> waiting_;  // for the next open

@@ -1,4 +1,4 @@
-// The other party of the test tone's session: once the daemon has set the session's property to
+// The second party of the test tone's session: once the daemon has set the session's property to
 // "cmd_off" it answers with "cmd_finish", which lets the daemon's play thread end. Looks at the
 // phone's property files on a thread of its own, which alone answers.
 

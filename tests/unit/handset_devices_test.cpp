@@ -32,9 +32,6 @@ class FakeCaller : public Caller {
   bool write(uint64_t address, const void* data, size_t size) const override {
     return address != 0 && memcpy(reinterpret_cast<void*>(address), data, size) != nullptr;
   }
-  std::string text(uint64_t address) const override {
-    return reinterpret_cast<const char*>(address);
-  }
   void note(const std::string& entry) const override {
     notes.push_back(entry);
   }

@@ -364,9 +364,9 @@ TEST_F(SensorClient, LogsTheFirstKindOfAnAttributesValue) {
   }
   deliver(message(1, 2, {{128, attribute(3, {deepest})}}));
   const auto lines = log_.take();
-  EXPECT_EQ(
-      std::count(lines.begin(), lines.end(), LogCapture::Line{ANDROID_LOG_INFO, "", "attr nested"}),
-      9);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                       LogCapture::Line{ANDROID_LOG_INFO, "[AT_SENSOR]", "attr nested"}),
+            9);
 }
 
 TEST_F(SensorClient, TakesValuesFromEvents) {
