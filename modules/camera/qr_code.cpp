@@ -18,7 +18,7 @@
 static constexpr size_t kCodeSize = 20;
 
 // Log lines take the handler's name, the found line also the code. Labels and missing sensor names
-// are as the log's readers know them.
+// are kept as they stand.
 struct QrFile {
   const char* path;
   const char* found;

@@ -30,7 +30,7 @@ class Lines {
   size_t size_ = 0;
 };
 
-// Compares over the shorter of the two, as the readers of these files always did.
+// Compares over the shorter of the two: kept as it stands.
 inline bool begins_with(const char* line, const char* key) {
   return strncmp(line, key, std::min(strlen(line), strlen(key))) == 0;
 }

@@ -94,8 +94,8 @@ static Partition open_partition() {
 
 // Reads up to size bytes of a record in one call. Returns the bytes read; 0 when there are none or
 // the partition cannot be had.
-static size_t read_record(const Partition& partition, const Record& record, void* data,
-                          size_t size) {
+static size_t read_factory_record(const Partition& partition, const Record& record, void* data,
+                                  size_t size) {
   const off_t sought = partition.integrated
                            ? lseek(partition.fd.get(), record.offset, SEEK_SET)
                            : lseek(partition.fd.get(), record.offset_from_end, SEEK_END);
@@ -116,7 +116,7 @@ static const char* ftm_getReserve4_pcba() {
   static char number[kPcbaNumberSize + 1];
   const Partition partition = open_partition();
   uint8_t record[kPcbaRecordSize] = {};
-  if (!partition.fd.ok() || read_record(partition, kPcba, record, sizeof(record)) == 0) {
+  if (!partition.fd.ok() || read_factory_record(partition, kPcba, record, sizeof(record)) == 0) {
     return "";
   }
   for (size_t i = 0; i < kPcbaScrambled; ++i) {
@@ -155,7 +155,7 @@ static const char* read_mark(const Record& record, char* buffer, size_t field) {
   if (!partition.integrated) {
     memset(buffer, 0, field);
   }
-  return read_record(partition, record, buffer, field) == 0 ? "" : buffer;
+  return read_factory_record(partition, record, buffer, field) == 0 ? "" : buffer;
 }
 
 static const char* ftm_getReserve4_download_end_status() {

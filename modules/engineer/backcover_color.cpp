@@ -11,7 +11,7 @@
 #include "modules/engineer/reserve.h"
 #include "modules/engineer/secrecy.h"
 
-static constexpr size_t kColorLength = 8;
+static constexpr size_t kColorLength = kBackcoverColorRecord.size;
 
 // Opens the partition at the colour record. On failure the descriptor is none and the station has
 // had what it gets: no reply at all for a partition that does not open (kept as it stands),

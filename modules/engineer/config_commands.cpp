@@ -24,7 +24,7 @@ static bool take_argument(const char* argument, char* copy) {
   return true;
 }
 
-// One line feed only: a carriage return before it belongs to the item, as it always did.
+// One line feed only: a carriage return before it belongs to the item.
 static void strip_line_feed(char* text) {
   const size_t length = strlen(text);
   if (length > 0 && text[length - 1] == '\n') {

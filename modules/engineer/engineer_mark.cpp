@@ -14,7 +14,6 @@
 #include "modules/engineer/secrecy.h"
 
 static const char kTestRecords[] = "/mnt/vendor/persist/engineermode/test_record/";
-static constexpr size_t kMarkSize = 512;
 
 static bool remove_test_record(const char* caller, const char* name) {
   char path[256];
@@ -56,7 +55,7 @@ int at_reset_engineermode_mark(const char*) {
     return 0;
   }
   const bool removed_all = remove_test_records(__func__);
-  const char mark[kMarkSize] = {};
+  const char mark[kEngineermodeMarkRecord.size] = {};
   const int result = write_record(kEngineermodeMarkRecord, mark);
   if (result < 1) {
     FTM_LOGE(TAG "reset_engineermode_mark fail, res = %d", result);

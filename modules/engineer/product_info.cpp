@@ -17,7 +17,7 @@ static constexpr size_t kMaxName = 16;
 struct ProductInfo {
   char slots[kSlots][kSlotSize];
 };
-static_assert(sizeof(ProductInfo) == 2560);
+static_assert(sizeof(ProductInfo) == kProductInfoRecord.size);
 
 static int read_product_info(ProductInfo* info) {
   return read_record(kProductInfoRecord, info);

@@ -9,7 +9,9 @@
 
 #include <string_view>
 
-constexpr size_t kSecrecyTextSize = 1024;
+#include "modules/engineer/reserve.h"
+
+constexpr size_t kSecrecyTextSize = kSecrecyRecord.size;
 constexpr size_t kSecrecyKeyLength = 512;
 constexpr size_t kSecrecyImeiSize = 16;  // terminator included
 
