@@ -82,6 +82,9 @@ Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
     handled = send(phone, sent, seen);
   } else {
     run_dot_command(phone, step.action, out);
+    if (step.action.starts_with(".start")) {
+      wait_for_main(&phone->journal);
+    }
   }
   const Journal* journal = &phone->journal;
   const auto start = std::chrono::steady_clock::now();
