@@ -8,9 +8,20 @@
 #include <map>
 #include <regex>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 
 using handset::Journal;
+
+// "text x3" as the text and its count.
+static std::pair<std::string, int> split_count(const std::string& line) {
+  static const std::regex kCount(" x(\\d+)$");
+  std::smatch found;
+  if (!std::regex_search(line, found, kCount)) {
+    return {line, 1};
+  }
+  return {line.substr(0, static_cast<size_t>(found.position())), std::stoi(found[1])};
+}
 
 std::vector<ExpectedEntry> parse_entry(const std::string& line) {
   ExpectedEntry entry;
@@ -29,12 +40,7 @@ std::vector<ExpectedEntry> parse_entry(const std::string& line) {
     text.erase(0, static_cast<size_t>(found.length()));
   }
   int count = 1;
-  static const std::regex kCount(" x(\\d+)$");
-  if (std::regex_search(text, found, kCount)) {
-    count = std::stoi(found[1]);
-    text.erase(static_cast<size_t>(found.position()));
-  }
-  entry.text = text;
+  std::tie(entry.text, count) = split_count(text);
   return std::vector<ExpectedEntry>(static_cast<size_t>(count), entry);
 }
 
@@ -96,20 +102,24 @@ Blocks common_blocks(const std::string& file) {
   return blocks;
 }
 
-// The entries of a block; a stream before its name is that of all.
+// The entries of a block; a stream before its name is that of all, and a count behind it repeats
+// it.
 std::vector<ExpectedEntry> block_entries(const Reader& reader, const Blocks& blocks,
                                          const std::string& line) {
   const size_t name = line.find(":: ");
-  const auto block = blocks.find(line.substr(name));
+  const auto [text, count] = split_count(line.substr(name));
+  const auto block = blocks.find(text);
   if (block == blocks.end()) {
     reader.fail("no such block");
   }
   std::vector<ExpectedEntry> entries;
-  for (const std::string& text : block->second) {
-    for (ExpectedEntry entry : parse_entry(line.substr(0, name) + text)) {
-      entry.block = line;
-      entry.block_line = reader.number();
-      entries.push_back(entry);
+  for (int i = 0; i < count; ++i) {
+    for (const std::string& entry_line : block->second) {
+      for (ExpectedEntry entry : parse_entry(line.substr(0, name) + entry_line)) {
+        entry.block = line;
+        entry.block_line = reader.number();
+        entries.push_back(entry);
+      }
     }
   }
   return entries;
