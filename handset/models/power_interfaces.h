@@ -52,8 +52,8 @@ class PowerInterfaces {
   void note_sync();
 
   // What a read of a node gives, and what comes of a write to it: 0 or a negative errno. Whoever
-  // calls store_state and, while the phone sleeps, show_alarm waits until it wakes up, whoever calls
-  // show_wakeup_count until no event is in progress; each until interrupted at most.
+  // calls store_state and, while the phone sleeps, show_alarm waits until it wakes up, whoever
+  // calls show_wakeup_count until no event is in progress; each until interrupted at most.
   int store_state(const std::string& text);
   std::string show_wakeup_count();
   int store_wakeup_count(const std::string& text);

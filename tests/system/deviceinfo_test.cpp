@@ -73,4 +73,3 @@ TEST(Records, OfTheOlderLayoutCountFromThePartitionsEnd) {
                           {"lseek to DOWNLOAD_STATUS_END_OFFSET error  \n",
                            "lseek to DOWNLOAD_STATUS_START_OFFSET error  \n"}});
 }
-
