@@ -322,6 +322,7 @@ MinuiBackendDrm::CardResources MinuiBackendDrm::OpenDevice() {
       continue;
     }
     std::vector<DrmConnector> connectors;
+    connectors.reserve(static_cast<size_t>(std::max(resources->count_connectors, 0)));
     for (int i = 0; i < resources->count_connectors; ++i) {
       connectors.emplace_back(drmModeGetConnector(fd.get(), resources->connectors[i]));
     }

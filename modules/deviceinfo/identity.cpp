@@ -98,6 +98,7 @@ int at_serial_no(const char*) {
 
 // ---- Checksums of the system and vendor trees
 
+static const char kReferenceArchive[] = "/system/sysmd5.zip";
 static const char kCurrentFile[] = "/persist/ftm_admin/tmp/md5_cur.txt";
 static const char kDifferenceFile[] = "/persist/ftm_admin/tmp/md5_diff.txt";
 static const char kBuildTime[] = "`cat system/build.prop  | $XKIT grep utc| $XKIT cut -b  19-`";
@@ -125,13 +126,15 @@ static const Tree kTrees[] = {
     {kVendorChecksum, "/persist/ftm_admin/tmp/deep_vendor_md5.txt", "VENDOR FAIL"},
 };
 
+static constexpr size_t kCommandSize = 1000;
+
 // What a shell command says does not matter, only what it leaves.
 static void run_shell(const char* command) {
   [[maybe_unused]] const int status = system(command);
 }
 
 static bool matches_reference(const Tree& tree) {
-  char command[1000] = {};
+  char command[kCommandSize] = {};
   bounded_format(command, sizeof(command), "echo \"%s,%s\" > %s", kBuildTime, tree.checksum,
                  kCurrentFile);
   run_shell(command);
@@ -145,7 +148,10 @@ static bool matches_reference(const Tree& tree) {
 
 int at_sys_vendor_md5(const char*) {
   run_shell("mkdir /persist/ftm_admin/tmp");
-  run_shell("$XKIT unzip -qo /system/sysmd5.zip -d /persist/ftm_admin/tmp");
+  char command[kCommandSize] = {};
+  bounded_format(command, sizeof(command), "$XKIT unzip -qo %s -d /persist/ftm_admin/tmp",
+                 kReferenceArchive);
+  run_shell(command);
   const char* result = "OK\r\n";
   for (const Tree& tree : kTrees) {
     if (!matches_reference(tree)) {
