@@ -215,6 +215,10 @@ int audio_route_force_reset_and_update_path(audio_route* route, const char* name
 }
 
 int audio_route_update_mixer(audio_route* route) {
+  if (route == nullptr) {
+    ROUTE_LOGE("invalid audio_route");
+    return -1;
+  }
   for (uint32_t i = 0; i < route->num_mixer_ctls; ++i) {
     const mixer_state& state = route->mixer_state[i];
     if (type_of(state) < kHandledTypes && differs(state)) {

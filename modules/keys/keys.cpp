@@ -73,14 +73,17 @@ static bool watch(int fd, void* slot) {
 }
 
 // Opens the input devices and registers those that report keys, 16 at most. Returns 0, or -1 when
-// there is no epoll set or devices were there but none could be added to it.
+// there is no epoll set, it has no way to end, or devices were there but none could be added to it.
 static int ev_init(EvCallback callback, void* data) {
   epoll_fd.reset(epoll_create(kEpollSizeHint));
   if (!epoll_fd.ok()) {
     return -1;
   }
   stop_event.reset(eventfd(0, EFD_CLOEXEC));
-  watch(stop_event.get(), nullptr);
+  if (!stop_event.ok() || !watch(stop_event.get(), nullptr)) {
+    epoll_fd.reset();  // nobody could end the listening thread: its wait fails at once
+    return -1;
+  }
 
   bool add_failed = false;
   const UniqueDir folder(opendir(kInputFolder));
@@ -179,8 +182,8 @@ static int at_volume_power_key_test(const char*) {
   for (int waits = 0; waits < kMaxWaits && !all_keys_seen(); ++waits) {
     usleep(kWaitUs);
   }
-  // The thread is ended before its descriptors are closed: a number that is closed under its wait
-  // could be another file's by the time it is used.
+  // The thread is ended, and joined, before its descriptors are closed: closing an epoll set does
+  // not wake who waits on it, and a number that is closed could be another file's when it is used.
   if (listening) {
     eventfd_write(stop_event.get(), 1);
     pthread_join(listener, nullptr);

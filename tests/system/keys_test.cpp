@@ -1,6 +1,8 @@
 // What the key transcript cannot say: how many waits a quick operator costs, and what is left
 // behind.
 
+#include <sys/resource.h>
+
 #include <filesystem>
 #include <memory>
 
@@ -39,6 +41,19 @@ TEST(Keys, SixteenDevicesAreWatched) {
   }
   EXPECT_EQ(opened, 16U);
   EXPECT_EQ(phone.open_devices("socket"), 0U);
+}
+
+// With one descriptor free there is an epoll set, but nothing that could end its wait.
+TEST(Keys, WithoutRoomForItsDescriptorsTheRowEndsAllTheSame) {
+  Handset phone;
+  phone.start();
+  rlimit limit = {};
+  prlimit(phone.pid(), RLIMIT_NOFILE, nullptr, &limit);
+  limit.rlim_cur = phone.open_descriptors() + 1;
+  ASSERT_EQ(prlimit(phone.pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
+  phone.clock.take_waits();
+  EXPECT_EQ(phone.command("AT+KEY").at(2), "POWER_KEY:0, VOL+:0, VOL-:0, \n");
+  EXPECT_EQ(waits_ms(phone).size(), 7U);
 }
 
 TEST(Keys, TwentyTestsWithoutAKeyLeaveNothingBehind) {

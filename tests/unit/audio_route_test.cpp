@@ -260,6 +260,7 @@ TEST_F(AudioRoute, FailuresSayWhy) {
   EXPECT_EQ(audio_route_apply_path(nullptr, "p"), -1);
   EXPECT_EQ(audio_route_reset_path(nullptr, "p"), -1);
   EXPECT_EQ(audio_route_update_path(nullptr, "p", kAudioRouteReset), -1);
+  EXPECT_EQ(audio_route_update_mixer(nullptr), -1);
   const std::string missing = ": No such file or directory";
   const LogCapture::Line unknown = engine_error("unable to find path 'p'");
   const LogCapture::Line invalid = engine_error("invalid audio_route");
@@ -267,7 +268,7 @@ TEST_F(AudioRoute, FailuresSayWhy) {
             (Lines{engine_error("Failed to open /nowhere/paths.xml" + missing),
                    engine_error("Failed to open /system/etc/mixer_paths.xml" + missing),
                    engine_error("Unable to open the mixer, aborting."), unknown, unknown, unknown,
-                   invalid, invalid, invalid}));
+                   invalid, invalid, invalid, invalid}));
 }
 
 // Also far more controls and paths than one growth step, defined out of their names' order.
