@@ -614,6 +614,20 @@ void waits(Handset& phone, const Line& line, std::ostream&) {
   phone.clock.set_factor(number<double>(line[1]));
 }
 
+void tty(Handset& phone, const Line& line, std::ostream&) {
+  const std::map<std::string, SerialLine::Tty> settings = {
+      {"raw", SerialLine::Tty::kRaw},
+      {"canonical", SerialLine::Tty::kCanonical},
+      {"default", SerialLine::Tty::kDefault},
+      {"uart", SerialLine::Tty::kUart}};
+  constexpr int kUsualSpeed = 115200;
+  const int speed = line.size() > 2 ? number<int>(line[2]) : kUsualSpeed;
+  if (speed < 1) {
+    refuse("no speed: " + line[2]);
+  }
+  phone.serial.set_tty(choice(settings, line[1]), speed);
+}
+
 void where(Handset& phone, const Line&, std::ostream& out) {
   out << "serial line: " << phone.serial.desk_tty() << "\n"
       << "the phone's files: " << phone.path("/").string() << "\n";
@@ -728,6 +742,8 @@ const DotCommand kDotCommands[] = {
      wait},
     {".pause", "MS", "wait, as a script between commands", 2, pause},
     {".waits", "FACTOR", "what part of its time each wait takes: 1 all, 0 none", 2, waits},
+    {".tty", "raw|canonical|default|uart [BITS/S]",
+     "the settings of the phone's tty: raw is the first; uart tears what is sent", 2, tty},
     {".line", "", "where another serial program attaches", 1, where},
     {".start", "[no-line] [no-wait]",
      "start the daemon, anew if it runs; without a serial line, without waiting for it", 1, start},

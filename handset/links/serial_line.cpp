@@ -16,15 +16,18 @@
 
 namespace handset {
 
-// Opens a pty in raw mode: bytes pass unchanged, nothing is echoed.
-static int open_pty(std::string* slave) {
+static constexpr size_t kUartPart = 8;   // bytes that a UART hands on at a time
+static constexpr int kBitsPerByte = 10;  // with start and stop bit
+
+// Opens a pty in raw mode: bytes pass unchanged, nothing is echoed. first gets its settings before.
+static int open_pty(std::string* slave, termios* first) {
   const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   char name[128];
-  termios raw;
   if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 ||
-      ptsname_r(master, name, sizeof(name)) != 0 || tcgetattr(master, &raw) != 0) {
+      ptsname_r(master, name, sizeof(name)) != 0 || tcgetattr(master, first) != 0) {
     throw std::runtime_error(std::string("this machine gives no pty: ") + strerror(errno));
   }
+  termios raw = *first;
   cfmakeraw(&raw);
   tcsetattr(master, TCSANOW, &raw);
   *slave = name;
@@ -32,9 +35,10 @@ static int open_pty(std::string* slave) {
 }
 
 SerialLine::SerialLine() {
-  phone_master_ = open_pty(&phone_tty_);
+  phone_master_ = open_pty(&phone_tty_, &first_);
   phone_slave_ = open(phone_tty_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-  desk_master_ = open_pty(&desk_tty_);
+  termios desk_first;
+  desk_master_ = open_pty(&desk_tty_, &desk_first);
   // Opened and closed once: from then on the line tells whether a program has it open.
   close(open(desk_tty_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
   fcntl(desk_master_, F_SETFL, O_NONBLOCK);
@@ -53,8 +57,37 @@ SerialLine::~SerialLine() {
   }
 }
 
+void SerialLine::set_tty(Tty tty, int bits_per_second) {
+  termios settings = first_;
+  if (tty != Tty::kDefault) {
+    cfmakeraw(&settings);
+  }
+  if (tty == Tty::kCanonical) {
+    settings.c_lflag |= ICANON;
+  }
+  tcsetattr(phone_master_, TCSANOW, &settings);
+  bits_per_second_ = tty == Tty::kUart ? bits_per_second : 0;
+}
+
+// False when the tty takes no more bytes.
+bool SerialLine::put(std::string_view bytes) const {
+  const int speed = bits_per_second_;
+  const size_t part = speed == 0 ? std::max<size_t>(bytes.size(), 1) : kUartPart;
+  for (size_t at = 0; at < bytes.size(); at += part) {
+    const std::string_view some = bytes.substr(at, part);
+    if (speed != 0) {
+      const auto bits = static_cast<int64_t>(some.size()) * kBitsPerByte;
+      std::this_thread::sleep_for(std::chrono::microseconds(bits * 1000000 / speed));
+    }
+    if (write(phone_master_, some.data(), some.size()) != static_cast<ssize_t>(some.size())) {
+      return false;
+    }
+  }
+  return true;
+}
+
 void SerialLine::send(std::string_view bytes) {
-  if (write(phone_master_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+  if (!put(bytes)) {
     throw std::runtime_error("the serial line takes no more bytes");
   }
 }
@@ -103,7 +136,7 @@ void SerialLine::pass_to_phone() {
   const ssize_t count = read(desk_master_, bytes, sizeof(bytes));
   if (count > 0) {
     // A daemon that does not read loses bytes likewise.
-    [[maybe_unused]] const ssize_t passed = write(phone_master_, bytes, static_cast<size_t>(count));
+    put(std::string_view(bytes, static_cast<size_t>(count)));
   }
 }
 

@@ -4,6 +4,9 @@
 
 #pragma once
 
+#include <termios.h>
+
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -27,6 +30,17 @@ class SerialLine {
   const std::string& desk_tty() const {
     return desk_tty_;
   }
+
+  // How the phone's tty takes what is sent. A new line is kRaw: what is sent in one write is read
+  // in one, and a reply passes unchanged.
+  enum class Tty {
+    kRaw,
+    kCanonical,  // raw but for ICANON: a read gives a line, and waits for its "\n"
+    kDefault,    // as a kernel makes a tty: it also echoes and translates line ends
+    kUart,       // raw, and what is sent comes in small parts, as the wire brings it
+  };
+  // bits_per_second: of the wire, for kUart.
+  void set_tty(Tty tty, int bits_per_second = 115200);
 
   // Puts bytes on the line in one write, as a station would.
   void send(std::string_view bytes);
@@ -59,6 +73,7 @@ class SerialLine {
   void note_running(bool running);
 
  private:
+  bool put(std::string_view bytes) const;
   void relay();
   void pass_to_desk(bool attached);
   void pass_to_phone();
@@ -67,6 +82,8 @@ class SerialLine {
   int phone_slave_ = -1;  // kept open: the line stays up while no daemon runs
   int desk_master_ = -1;
   int stop_[2] = {-1, -1};
+  termios first_ = {};                    // the phone's tty as the kernel made it
+  std::atomic<int> bits_per_second_ = 0;  // of the wire; 0 for one that is at once
   std::string phone_tty_;
   std::string desk_tty_;
   mutable std::mutex mutex_;
