@@ -178,18 +178,18 @@ void Handset::add_device(const std::string& phone_path, Device* device) {
   write_file(phone_path, "");  // for those who list the folder or look the file up
 }
 
-bool Handset::press_key(const std::string& name) {
+std::optional<Handset::Key> Handset::key(const std::string& name) {
   open_devices();  // who has closed its device no longer listens
   if (name == "power") {
-    power_key.press(KEY_POWER);
-  } else if (name == "volup") {
-    volume_keys.press(KEY_VOLUMEUP);
-  } else if (name == "voldown") {
-    volume_keys.press(KEY_VOLUMEDOWN);
-  } else {
-    return false;
+    return Key{&power_key, KEY_POWER};
   }
-  return true;
+  if (name == "volup") {
+    return Key{&volume_keys, KEY_VOLUMEUP};
+  }
+  if (name == "voldown") {
+    return Key{&volume_keys, KEY_VOLUMEDOWN};
+  }
+  return std::nullopt;
 }
 
 void Handset::remove_device(const std::string& phone_path) {

@@ -116,9 +116,12 @@ class Handset {
   // The calls of the phone's stand-in programs, one line each: name and arguments.
   std::vector<std::string> program_calls() const;
 
-  // Presses one of the phone's keys, named "power", "volup" or "voldown"; false for other names. A
-  // press that nobody listens to waits for the next who does.
-  bool press_key(const std::string& name);
+  // One of the phone's keys, by its name: "power", "volup" or "voldown". Nothing for other names.
+  struct Key {
+    InputDevice* device;
+    uint16_t code;
+  };
+  std::optional<Key> key(const std::string& name);
 
   // Makes a device appear at a path such as /dev/dri/card0. Before start; the model must live as
   // long as the handset.

@@ -277,10 +277,31 @@ void shorten(Handset& phone, const Line& line, std::ostream&) {
 
 // ---- devices
 
-void keys(Handset& phone, const Line& line, std::ostream&) {
+Handset::Key key_named(Handset& phone, const std::string& name) {
+  const std::optional<Handset::Key> key = phone.key(name);
+  if (!key.has_value()) {
+    refuse("power, volup and voldown are the keys: " + name);
+  }
+  return *key;
+}
+
+void keys(Handset& phone, const Line& line, std::ostream& out) {
+  bool waiting = false;
   for (size_t i = 1; i < line.size(); ++i) {
-    if (!phone.press_key(line[i])) {
-      refuse("power, volup and voldown are the keys: " + line[i]);
+    const Handset::Key key = key_named(phone, line[i]);
+    waiting = waiting || !key.device->listening();
+    key.device->press(key.code);
+  }
+  out << (waiting ? "pressed as soon as AT+KEY listens\n" : "");
+}
+
+void press(Handset& phone, const Line& line, std::ostream& out) {
+  for (size_t i = 1; i < line.size(); ++i) {
+    const Handset::Key key = key_named(phone, line[i]);
+    if (key.device->listening()) {
+      key.device->press(key.code);
+    } else {
+      out << line[i] << " is lost: nobody listens\n";
     }
   }
 }
@@ -694,6 +715,8 @@ const DotCommand kDotCommands[] = {
      record},
     {".prop", "NAME [VALUE]", "show or set a system property", 2, property},
     {".key", "power|volup|voldown ...", "press keys, now or as soon as AT+KEY listens", 2, keys},
+    {".press", "power|volup|voldown ...",
+     "press keys now, as a hand does: lost when nobody listens", 2, press},
     {".event", "event0|1|2 CODE VALUE | event0|1|2 raw BYTES",
      "an input device reports a key's event, or these bytes", 4, event},
     {".eventfail", "event0|1|2 types|epoll",

@@ -69,7 +69,7 @@ bool run_command(const std::string& line) {
   const int reads = phone.serial.reads();
   const std::string sent = sent_bytes(line);
   if (!console.shows_journal && !phone.serial.replies().empty()) {
-    std::cout << "replies to another program:" << std::endl;
+    std::cout << "replies that came meanwhile:" << std::endl;
     print_replies();
   }
   phone.serial.send(sent);

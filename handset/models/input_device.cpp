@@ -55,6 +55,11 @@ class UnpollableInputFile : public MemoryFile {
   const uint64_t types_;
 };
 
+bool InputDevice::listening() const {
+  const std::lock_guard lock(mutex_);
+  return !open_.empty();
+}
+
 OpenedDevice InputDevice::open(const Caller&, int) {
   if (epoll_fails_) {
     return open_memory_file<UnpollableInputFile>(types_);

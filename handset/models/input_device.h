@@ -32,6 +32,9 @@ class InputDevice : public Device {
   // Bytes that are no whole event.
   void send_raw(const std::string& bytes);
 
+  // Whether anybody has it open. What happens meanwhile on a kernel's device, nobody ever hears of.
+  bool listening() const;
+
   // From now on opens give a descriptor that an epoll set refuses.
   void fail_epoll() {
     epoll_fails_ = true;
@@ -51,7 +54,7 @@ class InputDevice : public Device {
   const uint64_t types_;
   std::atomic<int> types_error_ = 0;
   std::atomic<bool> epoll_fails_ = false;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::set<int> open_;                // the handset's ends
   std::vector<std::string> waiting_;  // for the next open
 };

@@ -18,7 +18,7 @@ TEST(Keys, AllThreeAtOnceTakeOneWaitAtMost) {
   Handset phone({.time_factor = 0.1});
   phone.start();
   for (const char* key : {"power", "volup", "voldown"}) {
-    phone.press_key(key);
+    phone.key(key)->device->press(phone.key(key)->code);
   }
   phone.clock.take_waits();
   EXPECT_EQ(phone.command("AT+KEY").at(3), "OK\r\n");
