@@ -21,7 +21,7 @@
 #define ALS_TYPE_PATH "/proc/sensor/als_cali/als_type"
 
 static constexpr useconds_t kWaitUs = 800 * 1000;
-// The second accelerometer gets longer than all others, on purpose.
+// The second accelerometer gets longer than all others: kept as it stands.
 static constexpr useconds_t kDualAccelWaitUs = 1000 * 1000;
 
 // A test's answer on its way to the station.
@@ -50,7 +50,7 @@ static int format_pressure(char* reply, const float* values) {
   return snprintf(reply, kReplySize, "pressure(hPa) : %.3f\n", static_cast<double>(values[0]));
 }
 
-// The two blanks are there on purpose, and so is their absence from the hall sensor's answer.
+// The two blanks are kept as they stand, and so is their absence from the hall sensor's answer.
 static int format_sar_status(char* reply, const float* values) {
   return snprintf(reply, kReplySize, "status : %2f  \n", static_cast<double>(values[0]));
 }

@@ -39,7 +39,7 @@ static int at_micbias2_on(const char*) {
 static int at_micbias_off(const char*) {
   FTM_LOGD(TAG "%s\n", __func__);
   usleep(kMeasureUs);
-  // Before the bias goes, on purpose.
+  // Before the bias goes: the station has a second to finish its measurement.
   at_send_result("OK\r\n");
   usleep(kMeasureUs);
   run_tool("/system/bin/tinymix 'Enable Micbias' DISABLE", __func__);

@@ -75,7 +75,7 @@ static UniquePipe start_player(const char* caller) {
 }
 
 static void follow_session(Tone* tone, const char* caller) {
-  // A busy poll without an end, on purpose.
+  // A busy poll without an end: kept as it stands.
   for (;;) {
     char session[PROP_VALUE_MAX];
     property_get(kSession, session, kUnset);

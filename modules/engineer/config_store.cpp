@@ -154,7 +154,7 @@ bool updateEngineerConfig(const char* file_name, const char* item, const char* v
     FTM_LOGD("%s fail to open %s, err=%s\n", __func__, path, strerror(errno));
     return false;
   }
-  // A failure from here on is not reported, on purpose: the file is the item's from its opening on.
+  // A failure from here on is not reported: a file that is open for writing counts as written.
   fwrite(text.data(), 1, text.size(), file.get());
   return true;
 }
