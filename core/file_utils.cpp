@@ -2,6 +2,7 @@
 
 #include "core/file_utils.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
@@ -17,7 +18,7 @@
 #define TAG "[FTM-UTILS]"
 
 static UniqueFd open_for_write(const char* path) {
-  UniqueFd fd(open(path, O_RDWR));
+  UniqueFd fd(open(path, O_RDWR | O_CLOEXEC));
   if (!fd.ok()) {
     FTM_LOGE(TAG "fail to open file %s\n", path);
   }
@@ -63,7 +64,7 @@ int file_read_string(const char* path, char* buffer, int count) {
   if (path == nullptr) {
     return kFileNoPath;
   }
-  const UniqueFd fd(open(path, O_RDONLY));
+  const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
   if (!fd.ok()) {
     return kFileCannotOpen;
   }
@@ -72,6 +73,13 @@ int file_read_string(const char* path, char* buffer, int count) {
     FTM_LOGE(TAG "fail to read file %s\n", path);
   }
   return result;
+}
+
+Existence exists(const char* path) {
+  if (access(path, F_OK) == 0) {
+    return Existence::kThere;
+  }
+  return errno == ENOENT || errno == ENOTDIR ? Existence::kNotThere : Existence::kUnknown;
 }
 
 int parse_int(const char* text) {

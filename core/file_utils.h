@@ -1,5 +1,6 @@
-// Single-shot access to kernel nodes: open, one system call, close. Used by every module that reads
-// or writes a node. No state, callable from any thread; nothing retries or waits.
+// Single-shot access to kernel nodes: open, one system call, close; and whether a file is there.
+// Used by every module that reads or writes a node. No state, callable from any thread; nothing
+// retries or waits.
 
 #pragma once
 
@@ -24,6 +25,12 @@ int file_write_string(const char* path, const char* text);
 // passes a count below its size. Returns the bytes read, 0 or a negative number when there is
 // nothing to read, kFileCannotOpen (without a log line) or kFileNoPath.
 int file_read_string(const char* path, char* buffer, int count);
+
+// Whether a file, node or folder is there. Only "no such file or directory" says that it is not:
+// with any other failure (errno tells which) nothing is known, and nobody may act as if it were
+// missing.
+enum class Existence { kThere, kNotThere, kUnknown };
+Existence exists(const char* path);
 
 // The decimal number that a text begins with, behind blanks and a sign; 0 when there is none, the
 // nearest int when it is beyond the range of int. Every number of the system is read like this.

@@ -55,7 +55,8 @@ extern AtModule at_exit_list[kModuleLevels];
 intptr_t at_module_init_register(void (*function)(), uint32_t level);
 intptr_t at_module_exit_register(void (*function)(), uint32_t level);
 
-// Appends a row to the command table. The row must live as long as the process.
+// Appends a row to the command table. The row must live as long as the process. A row that is
+// appended once more, as some are at shut-down, leaves the table unfit to be walked.
 void at_register(AtCommand* row);
 
 // Runs every init function, level 0 first, in order of registration within a level.

@@ -25,6 +25,7 @@ int at_open_port() {
     return -1;
   }
   fcntl(fd, F_SETFL, 0);
+  fcntl(fd, F_SETFD, FD_CLOEXEC);  // no program that a module starts may hold the line
   reply_set_port(fd);
   FTM_LOGD(TAG "%s, serial_port_fd : %d\n", __func__, fd);
   return fd;

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <new>
+#include <string_view>
 #include <utility>
 
 static const char kDrmFolder[] = "/dev/dri";
@@ -46,8 +47,8 @@ static bool is_usable(const DrmConnector& connector) {
 }
 
 // Takes the first usable connector out of the list, of a type when that is not 0.
-static DrmConnector take_connector(std::vector<DrmConnector>* connectors, uint32_t type) {
-  for (DrmConnector& connector : *connectors) {
+static DrmConnector take_connector(std::span<DrmConnector> connectors, uint32_t type) {
+  for (DrmConnector& connector : connectors) {
     if (is_usable(connector) && (type == 0 || connector->connector_type == type)) {
       return std::move(connector);
     }
@@ -56,7 +57,7 @@ static DrmConnector take_connector(std::vector<DrmConnector>* connectors, uint32
 }
 
 // Takes the connector of the panel out of the list, or null.
-static DrmConnector FindMainMonitor(std::vector<DrmConnector>* connectors, int* mode_index) {
+static DrmConnector FindMainMonitor(std::span<DrmConnector> connectors, int* mode_index) {
   DrmConnector connector;
   for (const uint32_t type :
        {DRM_MODE_CONNECTOR_LVDS, DRM_MODE_CONNECTOR_eDP, DRM_MODE_CONNECTOR_DSI, 0}) {
@@ -93,8 +94,8 @@ static DrmCrtc find_crtc_for_connector(int fd, const drmModeRes* resources,
 }
 
 uint32_t MinuiBackendDrm::Properties::Id(const char* name) const {
-  for (const Property& property : all) {
-    if (property.name == name) {
+  for (const Property& property : all()) {
+    if (strcmp(property.name, name) == 0) {
       return property.id;
     }
   }
@@ -104,13 +105,14 @@ uint32_t MinuiBackendDrm::Properties::Id(const char* name) const {
 MinuiBackendDrm::Properties MinuiBackendDrm::GetProperties(uint32_t object, uint32_t type) const {
   Properties found;
   const DrmObjectProperties list(drmModeObjectGetProperties(drm_fd_.get(), object, type));
-  for (uint32_t i = 0; list != nullptr && i < list->count_props; ++i) {
+  const uint32_t most = list == nullptr ? 0 : list->count_props;
+  found.items.reset(new (std::nothrow) Property[most]);
+  for (uint32_t i = 0; found.items != nullptr && i < most; ++i) {
     const DrmProperty property(drmModeGetProperty(drm_fd_.get(), list->props[i]));
     if (property != nullptr) {
-      // The name is an array of the record. NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker)
-      const size_t length = strnlen(property->name, sizeof(property->name));
-      found.all.push_back(
-          {std::string(property->name, length), property->prop_id, list->prop_values[i]});
+      Property& next = found.items[found.count++];
+      next = {.name = {}, .id = property->prop_id, .value = list->prop_values[i]};
+      memcpy(next.name, property->name, DRM_PROP_NAME_LEN);
     }
   }
   return found;
@@ -174,12 +176,12 @@ int MinuiBackendDrm::AtomicPopulatePlane(size_t index, drmModeAtomicReq* request
 }
 
 int MinuiBackendDrm::SetupPipeline(drmModeAtomicReq* request) const {
-  for (size_t i = 0; i < planes_.size(); ++i) {
+  for (size_t i = 0; i < plane_count_; ++i) {
     if (AddCrtc(request, main_monitor_crtc_->crtc_id, mode_blob_, true) != 0) {
       return -EINVAL;
     }
   }
-  for (size_t i = 0; i < planes_.size(); ++i) {
+  for (size_t i = 0; i < plane_count_; ++i) {
     if (AtomicPopulatePlane(i, request) != 0) {
       report("Error populating plane_id = %d\n", planes_[i].id);
       return -EINVAL;
@@ -189,12 +191,12 @@ int MinuiBackendDrm::SetupPipeline(drmModeAtomicReq* request) const {
 }
 
 int MinuiBackendDrm::TeardownPipeline(drmModeAtomicReq* request) const {
-  for (size_t i = 0; i < planes_.size(); ++i) {
+  for (size_t i = 0; i < plane_count_; ++i) {
     if (AddCrtc(request, 0, 0, false) != 0) {
       return -EINVAL;
     }
   }
-  for (const Plane& plane : planes_) {
+  for (const Plane& plane : Planes()) {
     for (const char* name : {"FB_ID", "CRTC_ID"}) {
       if (AddProperty(request, plane.id, plane.properties, name, 0) != 0) {
         report("Failed to add property for plane_id=%d\n", plane.id);
@@ -212,7 +214,7 @@ int MinuiBackendDrm::UpdatePlaneFB() {
     report("Atomic Alloc failed. Could not update fb_id\n");
     return -ENOMEM;
   }
-  for (const Plane& plane : planes_) {
+  for (const Plane& plane : Planes()) {
     drmModeAtomicAddProperty(request.get(), plane.id, fb_prop_id_,
                              surfaces_[current_buffer_]->fb_id);
   }
@@ -311,7 +313,7 @@ MinuiBackendDrm::CardResources MinuiBackendDrm::OpenDevice() {
   for (int card = 0; card < kDrmCards; ++card) {
     char path[64];
     snprintf(path, sizeof(path), "%s/card%d", kDrmFolder, card);
-    UniqueFd fd(open(path, O_RDWR));
+    UniqueFd fd(open(path, O_RDWR | O_CLOEXEC));
     uint64_t dumb_buffers = 0;
     if (!fd.ok() || drmGetCap(fd.get(), DRM_CAP_DUMB_BUFFER, &dumb_buffers) != 0 ||
         dumb_buffers == 0) {
@@ -321,12 +323,15 @@ MinuiBackendDrm::CardResources MinuiBackendDrm::OpenDevice() {
     if (resources == nullptr || resources->count_crtcs == 0) {
       continue;
     }
-    std::vector<DrmConnector> connectors;
-    connectors.reserve(static_cast<size_t>(std::max(resources->count_connectors, 0)));
-    for (int i = 0; i < resources->count_connectors; ++i) {
-      connectors.emplace_back(drmModeGetConnector(fd.get(), resources->connectors[i]));
+    Items<DrmConnector> connectors;
+    const auto most = static_cast<size_t>(std::max(resources->count_connectors, 0));
+    connectors.items.reset(new (std::nothrow) DrmConnector[most]);
+    for (size_t i = 0; connectors.items != nullptr && i < most; ++i) {
+      connectors.items[connectors.count++].reset(
+          drmModeGetConnector(fd.get(), resources->connectors[i]));
     }
-    if (std::any_of(connectors.begin(), connectors.end(), is_usable)) {
+    const std::span<DrmConnector> all = connectors.all();
+    if (std::any_of(all.begin(), all.end(), is_usable)) {
       drm_fd_ = std::move(fd);
       return {std::move(resources), std::move(connectors)};
     }
@@ -340,7 +345,7 @@ void MinuiBackendDrm::DisableNonMainCrtcs(const CardResources& card) {
   if (request == nullptr) {
     return;
   }
-  for (const DrmConnector& connector : card.connectors) {
+  for (const DrmConnector& connector : card.connectors.all()) {
     if (connector == nullptr) {
       continue;
     }
@@ -363,25 +368,25 @@ void MinuiBackendDrm::DisableNonMainCrtcs(const CardResources& card) {
 // Sets the number of layer mixers from the connector's "topology=" line.
 void MinuiBackendDrm::ReadTopology() {
   static const char kKey[] = "topology=";
-  for (const Properties::Property& property : connector_properties_.all) {
-    if (property.name != "mode_properties") {
+  for (const Property& property : connector_properties_.all()) {
+    if (strcmp(property.name, "mode_properties") != 0) {
       continue;
     }
     const DrmBlob blob(
         drmModeGetPropertyBlob(drm_fd_.get(), static_cast<uint32_t>(property.value)));
-    std::string text;
+    std::string_view text;
     if (blob != nullptr && blob->data != nullptr) {
-      text.assign(static_cast<const char*>(blob->data), blob->length);
-      text.resize(strnlen(text.data(), text.size()));
+      const auto* data = static_cast<const char*>(blob->data);
+      text = {data, strnlen(data, blob->length)};
     }
     for (size_t start = 0; start < text.size();) {
       const size_t end = std::min(text.find('\n', start), text.size());
-      const std::string line = text.substr(start, end - start);
+      const std::string_view line = text.substr(start, end - start);
       start = end + 1;
-      if (line.find(kKey) == std::string::npos) {
+      if (line.find(kKey) == std::string_view::npos) {
         continue;
       }
-      const std::string topology = line.substr(strlen(kKey));
+      const std::string_view topology = line.substr(strlen(kKey));
       number_of_lms_ = kDefaultLayerMixers;
       for (const auto& known : kTopologies) {
         if (topology == known.topology) {
@@ -400,10 +405,12 @@ bool MinuiBackendDrm::GetPlanes(const drmModePlaneRes* resources) {
   }
   for (uint32_t i = 0; i < number_of_lms_; ++i) {
     const uint32_t id = resources->planes[i];
-    planes_.push_back({id, GetProperties(id, DRM_MODE_OBJECT_PLANE)});
+    planes_[plane_count_++] = {id, GetProperties(id, DRM_MODE_OBJECT_PLANE)};
   }
   return true;
 }
+
+static_assert(sizeof(drmModeModeInfo) == 68, "the kernel's layout: the mode's blob is one");
 
 GRSurface* MinuiBackendDrm::Init() {
   CardResources card = OpenDevice();
@@ -412,7 +419,7 @@ GRSurface* MinuiBackendDrm::Init() {
     return nullptr;
   }
   int mode_index = 0;
-  main_monitor_connector_ = FindMainMonitor(&card.connectors, &mode_index);
+  main_monitor_connector_ = FindMainMonitor(card.connectors.all(), &mode_index);
   if (main_monitor_connector_ == nullptr) {
     report("main_monitor_connector not found\n");
     return nullptr;

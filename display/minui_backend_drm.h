@@ -7,8 +7,7 @@
 #include <xf86drmMode.h>
 
 #include <memory>
-#include <string>
-#include <vector>
+#include <span>
 
 #include "core/unique.h"
 #include "display/surface.h"
@@ -52,26 +51,39 @@ class MinuiBackendDrm {
   virtual ~MinuiBackendDrm();
 
  private:
+  // A list whose memory may not be had: it is then empty.
+  template <typename Item>
+  struct Items {
+    std::unique_ptr<Item[]> items;
+    size_t count = 0;
+    std::span<Item> all() const {
+      return {items.get(), count};
+    }
+  };
   // The properties of one object, by name.
-  struct Properties {
-    struct Property {
-      std::string name;
-      uint32_t id;
-      uint64_t value;
-    };
-    std::vector<Property> all;
+  struct Property {
+    char name[DRM_PROP_NAME_LEN + 1];
+    uint32_t id;
+    uint64_t value;
+  };
+  struct Properties : Items<Property> {
     uint32_t Id(const char* name) const;  // 0 when the object has no such property
   };
   // What a card has. Its connectors are probed once, in the card's order; one that cannot be read
   // is null.
   struct CardResources {
     DrmResources all;
-    std::vector<DrmConnector> connectors;
+    Items<DrmConnector> connectors;
   };
   struct Plane {
-    uint32_t id;
+    uint32_t id = 0;
     Properties properties;
   };
+  static constexpr uint32_t kMostLayerMixers = 2;
+
+  std::span<const Plane> Planes() const {
+    return {planes_, plane_count_};
+  }
 
   CardResources OpenDevice();
   Properties GetProperties(uint32_t object, uint32_t type) const;
@@ -97,7 +109,8 @@ class MinuiBackendDrm {
   Properties connector_properties_;
   Properties crtc_properties_;
   uint32_t mode_blob_ = 0;
-  std::vector<Plane> planes_;
-  uint32_t number_of_lms_ = 2;  // layer mixers, each with a plane of its own
+  Plane planes_[kMostLayerMixers];
+  size_t plane_count_ = 0;
+  uint32_t number_of_lms_ = kMostLayerMixers;  // layer mixers, each with a plane of its own
   bool current_blank_state_ = true;
 };

@@ -1,15 +1,13 @@
 // The front over an operations table; see autosuspend.h.
 
-#define LOG_TAG "libsuspend"
-
 #include "power/autosuspend.h"
 
-#include <android-base/logging.h>
 #include <pthread.h>
 
 #include <atomic>
 
 #include "power/autosuspend_ops.h"
+#include "power/log.h"
 
 static std::atomic<const AutosuspendOps*> autosuspend_ops = nullptr;
 static std::atomic<bool> autosuspend_enabled = false;
@@ -20,7 +18,7 @@ static int autosuspend_init() {
   }
   autosuspend_ops = autosuspend_wakeup_count_init();
   if (autosuspend_ops == nullptr) {
-    LOG(ERROR) << "failed to initialize autosuspend";
+    SUSPEND_LOGE("failed to initialize autosuspend");
     return -1;
   }
   return 0;

@@ -2,11 +2,6 @@
 // writes the sleep state. The kernel refuses the count when an event has come in between, so no
 // wakeup is slept through. One semaphore holds the thread back; see autosuspend_ops.h.
 
-#define LOG_TAG "libsuspend"
-
-#include <android-base/file.h>
-#include <android-base/logging.h>
-#include <android-base/strings.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -16,9 +11,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <string>
+#include <string_view>
 
 #include "power/autosuspend_ops.h"
+#include "power/log.h"
 
 static const char kStatePath[] = "/sys/power/state";
 static const char kWakeupCountPath[] = "/sys/power/wakeup_count";
@@ -40,17 +36,41 @@ static std::atomic<void (*)(bool)> wakeup_callback = nullptr;
 static int open_node(const char* path) {
   const int fd = TEMP_FAILURE_RETRY(open(path, O_RDWR | O_CLOEXEC));
   if (fd < 0) {
-    PLOG(ERROR) << "error opening " << path;
+    SUSPEND_PLOGE("error opening %s", path);
   }
   return fd;
 }
 
-static bool write_text(int fd, const std::string& text) {
+static bool write_text(int fd, std::string_view text) {
   return write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-static bool read_from_start(int fd, std::string* text) {
-  return lseek(fd, 0, SEEK_SET) == 0 && android::base::ReadFdToString(fd, text);
+// Reads the whole file, of which a page is the most that a node has. The bytes read, or -1.
+static ssize_t read_from_start(int fd, char (&page)[4096]) {
+  if (lseek(fd, 0, SEEK_SET) != 0) {
+    return -1;
+  }
+  size_t filled = 0;
+  while (filled < sizeof(page)) {
+    const ssize_t count = TEMP_FAILURE_RETRY(read(fd, page + filled, sizeof(page) - filled));
+    if (count < 0) {
+      return -1;
+    }
+    if (count == 0) {
+      break;
+    }
+    filled += static_cast<size_t>(count);
+  }
+  return static_cast<ssize_t>(filled);
+}
+
+// Without the white space around it.
+static std::string_view trimmed(std::string_view text) {
+  constexpr char kSpace[] = " \t\n\v\f\r";
+  const size_t first = text.find_first_not_of(kSpace);
+  return first == std::string_view::npos
+             ? std::string_view()
+             : text.substr(first, text.find_last_not_of(kSpace) - first + 1);
 }
 
 static int init_state_fd() {
@@ -61,18 +81,19 @@ static int init_state_fd() {
   if (state_fd < 0) {
     return -1;
   }
-  LOG(VERBOSE) << "init_state_fd success";
+  SUSPEND_LOGV("init_state_fd success");
   return 0;
 }
 
 // Holds the semaphore. True when the device slept and resumed.
-static bool suspend_with(const std::string& wakeup_count) {
-  LOG(VERBOSE) << "write " << wakeup_count << " to wakeup_count";
+static bool suspend_with(std::string_view wakeup_count) {
+  SUSPEND_LOGV("write %.*s to wakeup_count", static_cast<int>(wakeup_count.size()),
+               wakeup_count.data());
   if (!write_text(wakeup_count_fd, wakeup_count)) {
-    PLOG(ERROR) << "error writing to " << kWakeupCountPath;
+    SUSPEND_PLOGE("error writing to %s", kWakeupCountPath);
     return false;
   }
-  LOG(VERBOSE) << "write " << kSleepState << " to " << kStatePath;
+  SUSPEND_LOGV("write %s to %s", kSleepState, kStatePath);
   const bool success = write_text(state_fd, kSleepState);
   if (void (*const callback)(bool) = wakeup_callback; callback != nullptr) {
     callback(success);
@@ -82,32 +103,33 @@ static bool suspend_with(const std::string& wakeup_count) {
 
 // One attempt. True when the device slept and resumed.
 static bool try_suspend() {
-  LOG(VERBOSE) << "read wakeup_count";
-  std::string text;
-  if (!read_from_start(wakeup_count_fd, &text)) {
-    PLOG(ERROR) << "error reading from " << kWakeupCountPath;
+  SUSPEND_LOGV("read wakeup_count");
+  char page[4096];
+  const ssize_t size = read_from_start(wakeup_count_fd, page);
+  if (size < 0) {
+    SUSPEND_PLOGE("error reading from %s", kWakeupCountPath);
     return false;
   }
-  const std::string wakeup_count = android::base::Trim(text);
+  const std::string_view wakeup_count = trimmed({page, static_cast<size_t>(size)});
   if (wakeup_count.empty()) {
-    LOG(ERROR) << "empty wakeup count";
+    SUSPEND_LOGE("empty wakeup count");
     return false;
   }
 
   // Flushed before every attempt, and logged as errors: kept as it stands.
-  LOG(ERROR) << "sync";
+  SUSPEND_LOGE("sync");
   sync();
-  LOG(ERROR) << "sync end";
+  SUSPEND_LOGE("sync end");
 
-  LOG(VERBOSE) << "wait";
+  SUSPEND_LOGV("wait");
   if (sem_wait(&suspend_lockout) < 0) {
-    PLOG(ERROR) << "error waiting on semaphore";
+    SUSPEND_PLOGE("error waiting on semaphore");
     return false;
   }
   const bool success = suspend_with(wakeup_count);
-  LOG(VERBOSE) << "release sem";
+  SUSPEND_LOGV("release sem");
   if (sem_post(&suspend_lockout) < 0) {
-    PLOG(ERROR) << "error releasing semaphore";
+    SUSPEND_PLOGE("error releasing semaphore");
   }
   return success;
 }
@@ -125,13 +147,13 @@ static void* suspend_thread_func(void*) {
 
 static bool start_suspend_thread() {
   if (sem_init(&suspend_lockout, 0, 0) < 0) {
-    PLOG(ERROR) << "error creating suspend_lockout semaphore";
+    SUSPEND_PLOGE("error creating suspend_lockout semaphore");
     return false;
   }
   pthread_t suspend_thread;
   const int error = pthread_create(&suspend_thread, nullptr, suspend_thread_func, nullptr);
   if (error != 0) {
-    LOG(ERROR) << "error creating thread: " << strerror(error);
+    SUSPEND_LOGE("error creating thread: %s", strerror(error));
     sem_destroy(&suspend_lockout);
     return false;
   }
@@ -151,42 +173,42 @@ static bool init_engine() {
     wakeup_count_fd = -1;
     return false;
   }
-  LOG(VERBOSE) << "autosuspend_init success";
+  SUSPEND_LOGV("autosuspend_init success");
   return true;
 }
 
 static int autosuspend_wakeup_count_enable() {
-  LOG(VERBOSE) << "autosuspend_wakeup_count_enable";
+  SUSPEND_LOGV("autosuspend_wakeup_count_enable");
   if (!initialized) {
     if (!init_engine()) {
-      LOG(ERROR) << "autosuspend_init failed";
+      SUSPEND_LOGE("autosuspend_init failed");
       return -1;
     }
     initialized = true;
   }
   const int result = sem_post(&suspend_lockout);
   if (result < 0) {
-    PLOG(ERROR) << "error changing semaphore";
+    SUSPEND_PLOGE("error changing semaphore");
   }
-  LOG(VERBOSE) << "autosuspend_wakeup_count_enable done";
+  SUSPEND_LOGV("autosuspend_wakeup_count_enable done");
   return result;
 }
 
 static int autosuspend_wakeup_count_disable() {
-  LOG(VERBOSE) << "autosuspend_wakeup_count_disable";
+  SUSPEND_LOGV("autosuspend_wakeup_count_disable");
   if (!initialized) {
     return 0;
   }
   const int result = sem_wait(&suspend_lockout);
   if (result < 0) {
-    PLOG(ERROR) << "error changing semaphore";
+    SUSPEND_PLOGE("error changing semaphore");
   }
-  LOG(VERBOSE) << "autosuspend_wakeup_count_disable done";
+  SUSPEND_LOGV("autosuspend_wakeup_count_disable done");
   return result;
 }
 
 static int force_suspend(int timeout_ms) {
-  LOG(VERBOSE) << "force_suspend called with timeout: " << timeout_ms;
+  SUSPEND_LOGV("force_suspend called with timeout: %d", timeout_ms);
   if (const int result = init_state_fd(); result < 0) {
     return result;
   }
@@ -195,7 +217,7 @@ static int force_suspend(int timeout_ms) {
 
 static void autosuspend_set_wakeup_callback(void (*callback)(bool)) {
   if (wakeup_callback != nullptr) {
-    LOG(ERROR) << "duplicate wakeup callback applied, keeping original";
+    SUSPEND_LOGE("duplicate wakeup callback applied, keeping original");
     return;
   }
   wakeup_callback = callback;

@@ -16,7 +16,7 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
-#include <string>
+#include <string_view>
 #include <utility>
 
 #include "core/log.h"
@@ -248,8 +248,10 @@ static bool capture_span(pb_istream_t* stream, const pb_field_t*, void** argumen
   return pb_read(stream, nullptr, stream->bytes_left);
 }
 
-static std::string terminated(const Span& span) {
-  return {reinterpret_cast<const char*>(span.bytes), span.size};
+// The text up to a zero byte, if it has one.
+static std::string_view text_of(const Span& span) {
+  const auto* text = reinterpret_cast<const char*>(span.bytes);
+  return {text, text == nullptr ? 0 : strnlen(text, span.size)};
 }
 
 // Decodes an event's own message and logs a failure under the step's name.
@@ -283,7 +285,8 @@ static bool decode_attr_value(pb_istream_t* stream, const pb_field_t*, void** ar
   } else if (data.has_boolean) {
     SENSOR_LOG("attr val %d", data.boolean ? 1 : 0);
   } else if (text.bytes != nullptr) {
-    SENSOR_LOG("attr val %s", terminated(text).c_str());
+    const std::string_view shown = text_of(text);
+    SENSOR_LOG("attr val %.*s", static_cast<int>(shown.size()), shown.data());
   } else if (data.has_nested) {
     SENSOR_LOG("attr nested");
   } else {
@@ -443,11 +446,12 @@ static bool decode_suid_event(pb_istream_t* stream, const pb_field_t*, void**) {
   if (!decode_event(__func__, stream, sns_suid_event_fields, &event)) {
     return false;
   }
-  const std::string data_type = terminated(name);
-  SENSOR_LOG("%s: Received SUID Event with data type [%s]", __func__, data_type.c_str());
+  const std::string_view data_type = text_of(name);
+  SENSOR_LOG("%s: Received SUID Event with data type [%.*s]", __func__,
+             static_cast<int>(data_type.size()), data_type.data());
   const int32_t type_id = get(&SensorTestState::type_id);
   if ((type_id == kSensorSar || type_id == kSensorSars) &&
-      strcmp(data_type.c_str(), sensor_type_table[type_id].data_type) == 0) {
+      data_type == sensor_type_table[type_id].data_type) {
     // Whether or not a sensor was found: for these the hub's answer is the pass.
     const float answered = 1.0F;
     set_values(&answered, 1);

@@ -61,7 +61,7 @@ static int format_hall_status(char* reply, const float* values) {
 
 // Which of the two light sensors the unit has, by its calibration node. -1 without the node.
 static int light_sensor_type() {
-  const UniqueFd fd(open(ALS_TYPE_PATH, O_RDONLY));
+  const UniqueFd fd(open(ALS_TYPE_PATH, O_RDONLY | O_CLOEXEC));
   if (!fd.ok()) {
     return -1;
   }

@@ -10,7 +10,7 @@
 #define TAG "[FTM-AUDIO]"
 
 static void reply_revision(const char* command, const char* caller) {
-  const UniquePipe tool(popen(command, "r"));
+  const UniquePipe tool(popen(command, "re"));
   if (tool == nullptr) {
     FTM_LOGD(TAG "%s popen failed\n", caller);
     at_send_result("ERROR\n");

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include "core/file_utils.h"
 #include "core/log.h"
 
 #define TAG "[FTM-AUDIO]"
@@ -23,5 +24,5 @@ UniqueMixer open_mixer(const char* caller) {
 }
 
 bool mixer_paths_exist() {
-  return access(kMixerPaths, F_OK) == 0;
+  return exists(kMixerPaths) == Existence::kThere;
 }

@@ -10,6 +10,7 @@
 
 #include "core/at.h"
 #include "core/bounded.h"
+#include "core/file_utils.h"
 #include "core/log.h"
 #include "core/unique.h"
 #include "modules/audio/audio_card.h"
@@ -41,35 +42,29 @@ static Tone tone = {.repeat_reply = nullptr, .thread_attempts = 1, .replies_thre
 
 // ---- registration
 
-// present and absent take the caller's name.
-static int reply_registered(const char* node, const char* present, const char* absent,
-                            const char* caller) {
-  const bool exists = access(node, F_OK) == 0;
-  at_send_result(exists ? "OK\r\n" : "ERROR\n");
-  at_send_result(exists ? "0" : "-1");
-  FTM_LOGD(exists ? present : absent, caller);
+static int reply_registered(const char* node, const char* part, const char* caller) {
+  const bool registered = exists(node) == Existence::kThere;
+  at_send_result(registered ? "OK\r\n" : "ERROR\n");
+  at_send_result(registered ? "0" : "-1");
+  FTM_LOGD("%s: %s %s register\n", caller, part, registered ? "already" : "not");
   return 0;
 }
 
 // Codec and switch without a leading slash: kept as it stands. The daemon works in the root.
 static int audio_codec_check_call(const char*) {
-  return reply_registered("proc/wcd_codec_exist", "%s: codec already register\n",
-                          "%s: codec not register\n", __func__);
+  return reply_registered("proc/wcd_codec_exist", "codec", __func__);
 }
 
 static int check_top_pa_init_call(const char*) {
-  return reply_registered("/proc/tfa98xx-34/selfcheck", "%s: Top PA already register\n",
-                          "%s: Top PA not register\n", __func__);
+  return reply_registered("/proc/tfa98xx-34/selfcheck", "Top PA", __func__);
 }
 
 static int check_bottom_pa_init_call(const char*) {
-  return reply_registered("/proc/tfa98xx-35/selfcheck", "%s: bottom PA already register\n",
-                          "%s: bottom PA not register\n", __func__);
+  return reply_registered("/proc/tfa98xx-35/selfcheck", "bottom PA", __func__);
 }
 
 static int audio_switch_check_call(const char*) {
-  return reply_registered("proc/audio_switch_exist", "%s: audio switch already register\n",
-                          "%s: audio switch not register\n", __func__);
+  return reply_registered("proc/audio_switch_exist", "audio switch", __func__);
 }
 
 // ---- the amplifiers' check
@@ -92,10 +87,10 @@ static void start_tone(const char* caller) {
   tone_start(&tone, caller);
 }
 
-static void log_protections(const char* format, uint32_t word, const char* caller) {
+static void log_protections(const char* place, uint32_t word, const char* caller) {
   const auto state = [word](uint32_t bit) { return (word & bit) != 0 ? "Error" : "Normal"; };
-  FTM_LOGD(format, caller, state(kOverTemperature), state(kUnderVoltage), state(kOverVoltage),
-           state(kOverCurrent));
+  FTM_LOGD(TAG "%s: %s PA OTP state:%s, UVP state:%s, OVP state:%s, OCP state:%s", caller, place,
+           state(kOverTemperature), state(kUnderVoltage), state(kOverVoltage), state(kOverCurrent));
 }
 
 static void judge(const AmplifierWords& words, const char* caller) {
@@ -105,10 +100,8 @@ static void judge(const AmplifierWords& words, const char* caller) {
     return;
   }
   if (((words.top | words.bottom) & kAccess) == 0) {
-    log_protections(TAG "%s: Top PA OTP state:%s, UVP state:%s, OVP state:%s, OCP state:%s",
-                    words.top, caller);
-    log_protections(TAG "%s: Bottom PA OTP state:%s, UVP state:%s, OVP state:%s, OCP state:%s",
-                    words.bottom, caller);
+    log_protections("Top", words.top, caller);
+    log_protections("Bottom", words.bottom, caller);
     return;
   }
   const auto verdict = [](uint32_t word, uint32_t bit) {
@@ -123,7 +116,7 @@ static void judge(const AmplifierWords& words, const char* caller) {
 }
 
 static int audio_pa_check_call(const char*) {
-  const UniqueFd node(open(kSelfCheckNode, O_RDONLY));
+  const UniqueFd node(open(kSelfCheckNode, O_RDONLY | O_CLOEXEC));
   if (!node.ok()) {
     FTM_LOGD(TAG "%s open %s failed, %s\n", __func__, kSelfCheckNode, strerror(errno));
     at_send_result("ERROR\n");

@@ -7,8 +7,11 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <iterator>
+
 #include "core/at.h"
 #include "core/bounded.h"
+#include "core/file_utils.h"
 #include "core/log.h"
 #include "core/unique.h"
 #include "modules/audio/audio_card.h"
@@ -65,7 +68,7 @@ static bool audio_mixer_route_init() {
 }
 
 static void delete_record_file(const char* caller) {
-  if (access(kRecordFile, F_OK) == 0) {
+  if (exists(kRecordFile) != Existence::kNotThere) {
     const int result = unlink(kRecordFile);
     FTM_LOGD(TAG "%s: delete record file %s with result %d !\n", caller, kRecordFile, result);
   } else {
@@ -97,7 +100,7 @@ static void* wcd_mic_die_test_record_thread_start(void*) {
     at_send_result("ERROR\n");
     return nullptr;
   }
-  UniquePipe recorder(popen(kRecorder, "w"));
+  UniquePipe recorder(popen(kRecorder, "we"));
   if (recorder == nullptr) {
     FTM_LOGE(TAG "%s: popen tinycap fail !!!! \n", __func__);
     at_send_result("WCDMIC_TINYCAP_FAIL\n");

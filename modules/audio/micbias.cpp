@@ -14,7 +14,7 @@ static constexpr useconds_t kSettleUs = 10 * 1000;
 static constexpr useconds_t kMeasureUs = 1000 * 1000;
 
 static void run_tool(const char* command, const char* caller) {
-  const UniquePipe tool(popen(command, "w"));
+  const UniquePipe tool(popen(command, "we"));
   if (tool == nullptr) {
     FTM_LOGD(TAG "%s popen failed\n", caller);
   }

@@ -66,7 +66,7 @@ static bool is_one_of(const char* value, std::initializer_list<const char*> text
 }
 
 static UniquePipe start_player(const char* caller) {
-  UniquePipe player(popen(kPlayer, "w"));
+  UniquePipe player(popen(kPlayer, "we"));
   if (player == nullptr) {
     FTM_LOGD(TAG "%s: popen fail!\n", caller);
     at_send_result("ERROR\n");
@@ -120,7 +120,18 @@ static void* loudspeaker_play_thread(void* argument) {
   return nullptr;
 }
 
+// False when the session property is refused: the second party then never hears of it.
+static bool set_session(const char* session, const char* copy, const char* caller) {
+  if (__system_property_set(kSession, session) != 0) {
+    FTM_LOGD(TAG "%s: %s cannot be set\n", caller, kSession);
+    return false;
+  }
+  __system_property_set(kSessionCopy, copy);  // nobody acts on it
+  return true;
+}
+
 static bool start_thread(Tone* tone, const char* caller) {
+  FTM_LOGD(TAG "%s: loudspeaker_play_thread\n", caller);
   if (tone->thread_started) {
     // Ended by the second party without a stop command, or about to: nobody will join it any more.
     pthread_detach(tone->thread);
@@ -128,6 +139,7 @@ static bool start_thread(Tone* tone, const char* caller) {
   }
   for (int attempt = 1; attempt <= tone->thread_attempts; ++attempt) {
     if (pthread_create(&tone->thread, nullptr, loudspeaker_play_thread, tone) == 0) {
+      tone->thread_started = true;
       return true;
     }
     if (attempt > 1 || tone->thread_attempts == 1) {
@@ -152,11 +164,10 @@ void tone_start(Tone* tone, const char* caller) {
     return;
   }
   FTM_LOGD(TAG "%s: first cmd\n", caller);
-  __system_property_set(kSession, "cmd_on");
-  __system_property_set(kSessionCopy, "cmd1_on");
-  FTM_LOGD(TAG "%s: loudspeaker_play_thread\n", caller);
-  tone->thread_started = start_thread(tone, caller);
-  if (!tone->thread_started && tone->replies_thread_failure) {
+  if (set_session("cmd_on", "cmd1_on", caller) && start_thread(tone, caller)) {
+    return;  // the thread replies
+  }
+  if (tone->replies_thread_failure) {
     FTM_LOGD(TAG "%s: loudspeaker_play_thread try create fail!\n", caller);
     at_send_result("THREAD_CREAT_FAIL\n");
   }
@@ -175,8 +186,11 @@ void tone_stop(Tone* tone, const char* caller) {
     return;
   }
   log_session(caller);
-  __system_property_set(kSession, "cmd_off");
-  __system_property_set(kSessionCopy, "cmd1_off");
+  if (!set_session("cmd_off", "cmd1_off", caller)) {
+    // The word that ends the thread cannot come: the session goes on, until a stop that is heard.
+    at_send_result("ERROR\n");
+    return;
+  }
   log_session(caller);
   if (tone->thread_started) {
     if (pthread_join(tone->thread, nullptr) == 0) {

@@ -31,9 +31,11 @@ bool tone_open_route(Tone* tone);
 void tone_close_route(Tone* tone);
 
 // Starts a session, or finds one running. The play thread replies when the player has started; its
-// failures are its replies, too. caller's name stands in the log lines.
+// failures are its replies, too. A session property that cannot be set is as a thread that cannot
+// be made. caller's name stands in the log lines.
 void tone_start(Tone* tone, const char* caller);
 
 // Ends the session, waits for the play thread and resets the path. The thread ends only when the
-// second party has set the property to "cmd_finish", so this can wait for good. Replies.
+// second party has set the property to "cmd_finish", so this can wait for good. When the property
+// cannot be set all stays as it is. Replies.
 void tone_stop(Tone* tone, const char* caller);

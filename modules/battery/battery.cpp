@@ -3,7 +3,6 @@
 
 #include <stdint.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include "core/at.h"
 #include "core/bounded.h"
@@ -104,7 +103,7 @@ static int at_adc_info_get(const char*) {
 
 static int set_reverse_charge(const char* handler, const char* mode) {
   FTM_LOGD(TAG "%s\n", handler);
-  if (access(kReverseChargeNode, F_OK) != 0) {
+  if (exists(kReverseChargeNode) != Existence::kThere) {
     FTM_LOGE(TAG "open reverse charge file failed");
     at_send_result("ERROR\n");
     return 0;

@@ -62,7 +62,7 @@ void close_camera_role(CameraRole role) {
     return;
   }
   const UniqueFd nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
-  if (!nothing.ok() || dup2(nothing.get(), fd) < 0) {
+  if (!nothing.ok() || dup3(nothing.get(), fd, O_CLOEXEC) < 0) {
     close(fd);
   }
 }
@@ -83,7 +83,7 @@ static int query_camera_id(int fd, int32_t* camera_id) {
 static void add_sensor(const char* entity_name) {
   Sensor sensor = {};
   bounded_format(sensor.path, sizeof(sensor.path), "/dev/%s", entity_name);
-  UniqueFd fd(open(sensor.path, O_RDWR | O_NONBLOCK));
+  UniqueFd fd(open(sensor.path, O_RDWR | O_NONBLOCK | O_CLOEXEC));
   if (fd.ok()) {
     FTM_LOGD("CAM-AT open %s success ", sensor.path);
   } else {
@@ -130,7 +130,7 @@ static void enumerate_entities(int media) {
 // Every decimal digit of the configuration's sequence line is one camera id, in order of the roles.
 // False when there is no such line or it has no digit.
 static bool map_roles_by_configuration() {
-  const UniqueFile file(fopen(kConfiguration, "r"));
+  const UniqueFile file(fopen(kConfiguration, "re"));
   if (file == nullptr) {
     FTM_LOGE("File opening failed, file does not exist");
     return false;
@@ -161,7 +161,7 @@ void find_cameras() {
   for (int n = 0;; ++n) {
     char path[32];
     bounded_format(path, sizeof(path), "/dev/media%d", n);
-    UniqueFd media(open(path, O_RDWR | O_NONBLOCK));
+    UniqueFd media(open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC));
     if (!media.ok()) {
       FTM_LOGD("No more media devices found on %s,error:%s", path, strerror(errno));
       return;

@@ -2,7 +2,6 @@
 // daemon serves several phones: each command tries the files of the sensors that its camera may
 // have.
 
-#include <fcntl.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -10,7 +9,7 @@
 
 #include "core/at.h"
 #include "core/log.h"
-#include "core/unique.h"
+#include "core/shared_files.h"
 #include "modules/camera/camera.h"
 
 #define QR_FILE(sensor) "/mnt/vendor/persist/camera/" sensor "_qrcode_start_OTP.txt"
@@ -58,7 +57,7 @@ using Code = char[kCodeSize + 1];
 // False when the file does not open. What it holds replaces what the buffer held; an empty file
 // leaves that as it was.
 static bool read_code(const char* handler, const QrFile& file, Code& code) {
-  UniqueFd fd(open(file.path, O_RDONLY));
+  UniqueFd fd = open_regular(file.path, O_RDONLY);
   if (!fd.ok()) {
     FTM_LOGE(file.missing, handler);
     return false;

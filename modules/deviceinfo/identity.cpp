@@ -1,5 +1,7 @@
 // Build and identity: software version, serial number, checksums of the installed trees.
 
+#include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -11,6 +13,7 @@
 #include "core/bounded.h"
 #include "core/log.h"
 #include "core/properties.h"
+#include "core/shared_files.h"
 #include "core/unique.h"
 #include "modules/deviceinfo/deviceinfo.h"
 
@@ -40,7 +43,7 @@ static const ReportLine kReportLines[] = {
 
 // The node's text is taken raw: a line feed that it gives stays in the report.
 static void read_pcb_version(char (&value)[PROP_VALUE_MAX + 1]) {
-  const UniqueFd fd(open(kPcbVersionNode, O_RDONLY));
+  const UniqueFd fd(open(kPcbVersionNode, O_RDONLY | O_CLOEXEC));
   if (!fd.ok() || read(fd.get(), value, PROP_VALUE_MAX) < 0) {
     value[0] = '\0';
   }
@@ -72,7 +75,7 @@ int at_serial_no(const char*) {
   // Left open after the read; the next command's takes its place, so that one stays.
   static UniqueFile stream;
   memset(reply, 0, sizeof(reply));
-  stream.reset(fopen(kSerialNumberNode, "r"));
+  stream.reset(fopen(kSerialNumberNode, "re"));
   if (stream != nullptr) {
     char text[16 + 1] = {};
     if (fread(text, 1, sizeof(text) - 1, stream.get()) == 0) {
@@ -99,6 +102,7 @@ int at_serial_no(const char*) {
 // ---- Checksums of the system and vendor trees
 
 static const char kReferenceArchive[] = "/system/sysmd5.zip";
+static const char kWorkingFolder[] = "/persist/ftm_admin/tmp";
 static const char kCurrentFile[] = "/persist/ftm_admin/tmp/md5_cur.txt";
 static const char kDifferenceFile[] = "/persist/ftm_admin/tmp/md5_diff.txt";
 static const char kBuildTime[] = "`cat system/build.prop  | $XKIT grep utc| $XKIT cut -b  19-`";
@@ -141,25 +145,53 @@ static bool matches_reference(const Tree& tree) {
   bounded_format(command, sizeof(command), "diff -q %s %s > %s", kCurrentFile, tree.reference,
                  kDifferenceFile);
   run_shell(command);
-  const UniqueFd difference(open(kDifferenceFile, O_RDONLY));
+  const UniqueFd difference = open_regular(kDifferenceFile, O_RDONLY);
   struct stat status = {};
   return difference.ok() && fstat(difference.get(), &status) == 0 && status.st_size == 0;
 }
 
-int at_sys_vendor_md5(const char*) {
-  run_shell("mkdir /persist/ftm_admin/tmp");
+static bool is_regular(DIR* folder, const dirent& entry) {
+  struct stat status = {};
+  return fstatat(dirfd(folder), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+         S_ISREG(status.st_mode);
+}
+
+// Whether something in the working folder's place, or in it, would take the shell's output
+// elsewhere or hold it up.
+static bool is_working_folder_foul() {
+  const UniqueDir folder = open_folder(kWorkingFolder);
+  if (folder == nullptr) {
+    return errno != ENOENT;
+  }
+  while (const dirent* entry = readdir(folder.get())) {
+    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0 &&
+        !is_regular(folder.get(), *entry)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The reply: OK, or the failure of the first tree that differs.
+static const char* compare_trees() {
+  if (is_working_folder_foul()) {
+    return kTrees[0].failure;
+  }
   char command[kCommandSize] = {};
   bounded_format(command, sizeof(command), "$XKIT unzip -qo %s -d /persist/ftm_admin/tmp",
                  kReferenceArchive);
   run_shell(command);
-  const char* result = "OK\r\n";
   for (const Tree& tree : kTrees) {
     if (!matches_reference(tree)) {
-      result = tree.failure;
-      break;
+      return tree.failure;
     }
   }
-  at_send_result(result);
+  return "OK\r\n";
+}
+
+int at_sys_vendor_md5(const char*) {
+  run_shell("mkdir /persist/ftm_admin/tmp");
+  at_send_result(compare_trees());
   run_shell("rm -rf /persist/ftm_admin/tmp");
   return 0;
 }

@@ -15,7 +15,7 @@ static const char kCpuMaxFrequency[] = "/sys/devices/system/cpu/cpu0/cpufreq/cpu
 
 // kB. A missing file counts as 1 (kept as it stands), a file without the line as 0.
 static int64_t get_mem_size() {
-  const UniqueFile file(fopen(kMeminfo, "r"));
+  const UniqueFile file(fopen(kMeminfo, "re"));
   if (file == nullptr) {
     return 1;
   }

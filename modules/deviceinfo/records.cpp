@@ -13,6 +13,7 @@
 #include "core/bounded.h"
 #include "core/log.h"
 #include "core/properties.h"
+#include "core/shared_files.h"
 #include "core/unique.h"
 #include "modules/deviceinfo/deviceinfo.h"
 
@@ -74,7 +75,7 @@ static Partition open_partition() {
   if (length != 0) {
     FTM_LOGD("useTarnReserve = %d\n", 1);
     for (const char* path : {kNorvaReserve, kTarnReserve}) {
-      UniqueFd fd(open(path, O_RDWR));
+      UniqueFd fd(open(path, O_RDWR | O_CLOEXEC));
       if (fd.ok()) {
         return {std::move(fd), true};
       }
@@ -85,7 +86,7 @@ static Partition open_partition() {
   // Out of reach while the property has a default; kept for builds of the older layout.
   FTM_LOGD("Can't getprop ro.sys.reserve.integrate\n");
   FTM_LOGD("useTarnReserve = %d\n", 0);
-  UniqueFd fd(open(kReserve4, O_RDWR));
+  UniqueFd fd(open(kReserve4, O_RDWR | O_CLOEXEC));
   if (!fd.ok()) {
     FTM_LOGE(TAG "Unable to open %s\n", kReserve4);
   }
@@ -131,13 +132,13 @@ static const char* ftm_getReserve4_pcba() {
 // The number from the non-volatile item file, or the empty text.
 static const char* ftm_getNV_pcba() {
   static char number[kItemSize];
-  const UniqueFile file(fopen(kPcbaItemFile, "rb+"));
-  if (file == nullptr) {
+  const UniqueFd file = open_regular(kPcbaItemFile, O_RDWR);
+  if (!file.ok()) {
     FTM_LOGE(TAG "Unable to open %s\n", kPcbaItemFile);
     return "";
   }
   uint8_t item[kItemSize] = {};
-  const size_t count = fread(item, 1, sizeof(item), file.get());
+  const size_t count = read_up_to(file.get(), item, sizeof(item));
   // A file that is shorter than its length byte says ends the number.
   const size_t length = std::min<size_t>(item[0], count < 1 ? 0 : count - 1);
   memset(number, 0, sizeof(number));

@@ -5,13 +5,13 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/vfs.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
 
 #include "core/at.h"
 #include "core/bounded.h"
+#include "core/file_utils.h"
 #include "core/log.h"
 #include "core/unique.h"
 #include "modules/deviceinfo/deviceinfo.h"
@@ -30,7 +30,7 @@ static bool is_storage_unit(const char* name) {
 
 // KiB.
 static int64_t get_emmc_size() {
-  const UniqueFile file(fopen(kPartitions, "r"));
+  const UniqueFile file(fopen(kPartitions, "re"));
   if (file == nullptr) {
     return 0;
   }
@@ -73,10 +73,10 @@ int at_get_emmc_size_new(const char*) {
 // Fills both states as far as the file has them. Returns 0, or -1 when it cannot be read.
 static int get_ufsplus_status(int* tw_status, int* hpb_status) {
   FTM_LOGI(TAG "start get_ufsplus_status!!\n");
-  if (access(kUfsplusStatus, F_OK) != 0) {
+  if (exists(kUfsplusStatus) != Existence::kThere) {
     return -1;
   }
-  const UniqueFile file(fopen(kUfsplusStatus, "r"));
+  const UniqueFile file(fopen(kUfsplusStatus, "re"));
   if (file == nullptr) {
     FTM_LOGD(TAG "%s can't open /proc/devinfo/ufsplus_status %s \n", __func__, strerror(errno));
     return -1;

@@ -15,14 +15,19 @@ static constexpr size_t kColorLength = kBackcoverColorRecord.size;
 
 // Opens the partition at the colour record. On failure the descriptor is none and the station has
 // had what it gets: no reply at all for a partition that does not open (kept as it stands),
-// "ERROR\n" for a failed seek.
+// "ERROR\n" for an unknown place and for a failed seek.
 static UniqueFd open_color_record(int flags) {
-  UniqueFd fd(open(reserve_partition(), flags));
+  RecordPlace color;
+  if (!find_record(kBackcoverColorRecord, &color)) {
+    at_send_result("ERROR\n");
+    return {};
+  }
+  UniqueFd fd(open(color.partition, flags | O_CLOEXEC));
   if (!fd.ok()) {
-    FTM_LOGE(TAG "Unable to open %s\n", reserve_partition());
+    FTM_LOGE(TAG "Unable to open %s\n", color.partition);
     return fd;
   }
-  if (lseek(fd.get(), record_offset(kBackcoverColorRecord), SEEK_SET) < 0) {
+  if (lseek(fd.get(), color.offset, SEEK_SET) < 0) {
     FTM_LOGE(TAG "lseek SEEK_SET fail\n");
     at_send_result("ERROR\n");
     fd.reset();

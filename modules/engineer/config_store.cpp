@@ -9,10 +9,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <exception>
 #include <string>
+#include <string_view>
 
+#include "core/file_utils.h"
 #include "core/log.h"
-#include "core/unique.h"
+#include "core/shared_files.h"
 
 static const char kConfigFolder[] = "/mnt/vendor/persist/engineermode/config";
 static constexpr size_t kPathSize = 256;
@@ -80,17 +83,37 @@ static bool parse(const std::string& text, Json::Value* document, std::string* e
   return true;
 }
 
+// Whether an item is read back as it is written. Bytes that are no UTF-8 come out of the library's
+// writer as others.
+static bool reads_back(const char* item, const char* value) {
+  Json::Value document;
+  document[item] = value;
+  Json::Value again;
+  std::string errors;
+  return parse(Json::StyledWriter().write(document), &again, &errors) && again == document;
+}
+
 // A file that cannot be read to its end is what was read of it.
-static std::string read_text(FILE* file) {
+static std::string read_text(int file) {
   std::string text;
   char part[kDocumentLimit];
-  while (const size_t count = fread(part, 1, sizeof(part), file)) {
+  while (const size_t count = read_up_to(file, part, sizeof(part))) {
     text.append(part, count);
   }
   return text;
 }
 
-static bool load(const char* caller, const char* file_name, FILE* file, Json::Value* document) {
+static void write_text(int file, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t count = write(file, text.data(), text.size());
+    if (count < 1) {
+      return;
+    }
+    text.remove_prefix(static_cast<size_t>(count));
+  }
+}
+
+static bool load(const char* caller, const char* file_name, int file, Json::Value* document) {
   std::string errors;
   if (parse(read_text(file), document, &errors)) {
     return true;
@@ -100,7 +123,13 @@ static bool load(const char* caller, const char* file_name, FILE* file, Json::Va
   return false;
 }
 
-bool queryEngineerConfig(const char* file_name, const char* item, char* value) {
+// The library throws when it has no memory.
+static bool failed(const char* caller, const std::exception& error) {
+  FTM_LOGD("%s failed: %s\n", caller, error.what());
+  return false;
+}
+
+bool queryEngineerConfig(const char* file_name, const char* item, char* value) try {
   char path[kPathSize];
   make_path(path, file_name);
   FTM_LOGD("%s try to open %s\n", __func__, path);
@@ -108,8 +137,8 @@ bool queryEngineerConfig(const char* file_name, const char* item, char* value) {
     FTM_LOGD("%s access %s fail\n", __func__, path);
     return false;
   }
-  UniqueFile file(fopen(path, "r"));
-  if (file == nullptr) {
+  const UniqueFd file = open_regular(path, O_RDONLY);
+  if (!file.ok()) {
     FTM_LOGD("%s fail to open %s\n", __func__, path);
     return false;
   }
@@ -126,16 +155,19 @@ bool queryEngineerConfig(const char* file_name, const char* item, char* value) {
   memcpy(value, text.c_str(), strnlen(text.c_str(), kConfigValueSize));
   FTM_LOGD("%s return [%s]=[%.*s]\n", __func__, item, static_cast<int>(kConfigValueSize), value);
   return true;
+} catch (const std::exception& error) {
+  return failed(__func__, error);
 }
 
-bool updateEngineerConfig(const char* file_name, const char* item, const char* value) {
+bool updateEngineerConfig(const char* file_name, const char* item, const char* value) try {
   char path[kPathSize];
   make_path(path, file_name);
   FTM_LOGD("%s try to open %s\n", __func__, path);
   Json::Value document;
-  if (access(path, F_OK) == 0) {
-    const UniqueFile file(fopen(path, "r"));
-    if (file == nullptr) {
+  const Existence there = exists(path);
+  if (there != Existence::kNotThere) {
+    const UniqueFd file = there == Existence::kThere ? open_regular(path, O_RDONLY) : UniqueFd();
+    if (!file.ok()) {
       FTM_LOGD("%s fail to open-read %s\n", __func__, path);
       return false;
     }
@@ -143,28 +175,35 @@ bool updateEngineerConfig(const char* file_name, const char* item, const char* v
       return false;
     }
   }
+  if (!reads_back(item, value)) {
+    FTM_LOGD("%s %s: no UTF-8\n", __func__, item);
+    return false;
+  }
   document[item] = value;
   const std::string text = Json::StyledWriter().write(document);
   if (text.size() >= kDocumentLimit) {
     FTM_LOGD("%s %s length is [%d], out of range\n", __func__, path, static_cast<int>(text.size()));
     return false;
   }
-  const UniqueFile file(fopen(path, "w"));
-  if (file == nullptr) {
+  const UniqueFd file = open_regular(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+  if (!file.ok()) {
     FTM_LOGD("%s fail to open %s, err=%s\n", __func__, path, strerror(errno));
     return false;
   }
   // A failure from here on is not reported: a file that is open for writing counts as written.
-  fwrite(text.data(), 1, text.size(), file.get());
+  write_text(file.get(), text);
   return true;
+} catch (const std::exception& error) {
+  return failed(__func__, error);
 }
 
 bool removeEngineerConfig(const char* file_name) {
   char path[kPathSize];
   make_path(path, file_name);
   FTM_LOGD("%s try to remove %s\n", __func__, path);
+  const Existence there = exists(path);
   // Not remove(): a folder in the file's place stays.
-  if (access(path, F_OK) == 0 && unlink(path) != 0) {
+  if (there == Existence::kUnknown || (there == Existence::kThere && unlink(path) != 0)) {
     FTM_LOGD("%s fail remove %s, error=%s\n", __func__, path, strerror(errno));
     return false;
   }

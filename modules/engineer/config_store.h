@@ -16,8 +16,8 @@ constexpr size_t kConfigValueSize = 128;
 bool queryEngineerConfig(const char* file_name, const char* item, char* value);
 
 // Sets the item, replacing a member of any type; a file that does not exist is made. False, with
-// the file untouched, when it cannot be read or would reach 4096 bytes; false when it cannot be
-// opened for writing. What fails behind that point is not reported.
+// the file untouched, when it cannot be read, would reach 4096 bytes, or when item or value is no
+// UTF-8; false when it cannot be opened for writing. What fails behind that point is not reported.
 bool updateEngineerConfig(const char* file_name, const char* item, const char* value);
 
 // Deletes the file. True when it is gone, also when it never was there.

@@ -17,20 +17,24 @@ int at_enable_engineermode_adb(const char*) {
   if (is_secrecy_locked()) {
     return 0;
   }
-  const char* partition = reserve_partition();
-  // Created when missing: kept as it stands.
-  const UniqueFd fd(open(partition, O_RDWR | O_CREAT, 0664));
-  if (!fd.ok()) {
-    FTM_LOGE(TAG "Unable to open %s\n", partition);
+  RecordPlace mark;
+  if (!find_record(kEngineerAdbRecord, &mark)) {
     at_send_result("ERROR\n");
     return 0;
   }
-  if (lseek(fd.get(), record_offset(kEngineerAdbRecord), SEEK_SET) < 0) {
+  // Created when missing: kept as it stands.
+  const UniqueFd fd(open(mark.partition, O_RDWR | O_CREAT | O_CLOEXEC, 0664));
+  if (!fd.ok()) {
+    FTM_LOGE(TAG "Unable to open %s\n", mark.partition);
+    at_send_result("ERROR\n");
+    return 0;
+  }
+  if (lseek(fd.get(), mark.offset, SEEK_SET) < 0) {
     FTM_LOGE(TAG "lseek to reserve error  \n");
     return 0;  // without a reply
   }
   if (write(fd.get(), kAdbMark, strlen(kAdbMark)) < 1) {
-    FTM_LOGE(TAG "fail to write file %s\n", partition);
+    FTM_LOGE(TAG "fail to write file %s\n", mark.partition);
   } else {
     fsync(fd.get());
   }

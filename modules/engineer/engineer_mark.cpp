@@ -8,19 +8,19 @@
 #include <unistd.h>
 
 #include "core/at.h"
-#include "core/unique.h"
+#include "core/shared_files.h"
 #include "modules/engineer/engineer.h"
 #include "modules/engineer/reserve.h"
 #include "modules/engineer/secrecy.h"
 
-static const char kTestRecords[] = "/mnt/vendor/persist/engineermode/test_record/";
+static const char kTestRecords[] = "/mnt/vendor/persist/engineermode/test_record";
+static const char kAsFolder[] = "/mnt/vendor/persist/engineermode/test_record/";
 
-static bool remove_test_record(const char* caller, const char* name) {
+static bool remove_test_record(const char* caller, DIR* folder, const char* name) {
   char path[256];
-  const int length = snprintf(path, sizeof(path), "%s%s", kTestRecords, name);
-  // A cut path would name another file.
+  const int length = snprintf(path, sizeof(path), "%s%s", kAsFolder, name);
   const bool whole = length < static_cast<int>(sizeof(path));
-  if (!whole || unlink(path) != 0) {
+  if (!whole || unlinkat(dirfd(folder), name, 0) != 0) {
     FTM_LOGE("%s remove %s failed, err:%s ", caller, path, strerror(whole ? errno : ENAMETOOLONG));
     return false;
   }
@@ -31,22 +31,26 @@ static bool remove_test_record(const char* caller, const char* name) {
 // Deletes the files of the test-records folder; folders in it stay. A folder that is not readable
 // holds nothing to delete, which is no failure.
 static bool remove_test_records(const char* caller) {
-  if (access(kTestRecords, R_OK) != 0) {
+  if (access(kAsFolder, R_OK) != 0) {
     return true;
   }
-  const UniqueDir folder(opendir(kTestRecords));
+  const UniqueDir folder = open_folder(kTestRecords);
   if (folder == nullptr) {
     FTM_LOGE("%s invalid root path, err:%s ", caller, strerror(errno));
     return false;
   }
   bool removed_all = true;
-  while (const dirent* entry = readdir(folder.get())) {
+  for (;;) {
+    errno = 0;
+    const dirent* entry = readdir(folder.get());
+    if (entry == nullptr) {
+      return removed_all && errno == 0;
+    }
     // The bit of regular files is also in the types of links and sockets: these go too.
-    if ((entry->d_type & DT_REG) != 0 && !remove_test_record(caller, entry->d_name)) {
+    if ((entry->d_type & DT_REG) != 0 && !remove_test_record(caller, folder.get(), entry->d_name)) {
       removed_all = false;
     }
   }
-  return removed_all;
 }
 
 int at_reset_engineermode_mark(const char*) {

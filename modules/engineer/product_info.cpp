@@ -19,14 +19,6 @@ struct ProductInfo {
 };
 static_assert(sizeof(ProductInfo) == kProductInfoRecord.size);
 
-static int read_product_info(ProductInfo* info) {
-  return read_record(kProductInfoRecord, info);
-}
-
-static int write_product_info(const ProductInfo& info) {
-  return write_record(kProductInfoRecord, &info);
-}
-
 // A slot that is full to its last byte has no terminator.
 static std::string_view slot_text(const char* slot) {
   return {slot, strnlen(slot, kSlotSize)};
@@ -46,8 +38,13 @@ static char* find_slot(ProductInfo* info, std::string_view name) {
 }
 
 static bool save_product_info(std::string_view entry, std::string_view name) {
+  RecordPlace place;
+  if (!find_record(kProductInfoRecord, &place)) {
+    return false;
+  }
   ProductInfo info = {};
-  read_product_info(&info);  // a record that cannot be read counts as ten free slots
+  // A record that cannot be read counts as ten free slots.
+  readInterface(place.partition, place.offset, &info, sizeof(info));
   char* slot = find_slot(&info, name);
   if (slot == nullptr) {
     FTM_LOGE("property not found or full");
@@ -56,7 +53,7 @@ static bool save_product_info(std::string_view entry, std::string_view name) {
   memset(slot, 0, kSlotSize);
   entry.copy(slot, kSlotSize - 1);
   FTM_LOGD("info = %s", slot);
-  return write_product_info(info) == sizeof(info);
+  return writeInterface(place.partition, place.offset, &info, sizeof(info)) == sizeof(info);
 }
 
 int at_set_product_info(const char* argument) {
@@ -89,7 +86,7 @@ int at_set_product_info(const char* argument) {
 int at_get_product_info(const char*) {
   FTM_LOGD(TAG "%s\n", __func__);
   ProductInfo info = {};
-  const int count = read_product_info(&info);
+  const int count = read_record(kProductInfoRecord, &info);
   if (count < 1) {
     FTM_LOGE(TAG "read product info fail\n");
     at_send_result("ERROR\n");
@@ -113,8 +110,9 @@ int at_reset_product_info(const char*) {
   if (is_secrecy_locked()) {
     return 0;
   }
+  const ProductInfo empty = {};
   // The log texts are those of reading: they are kept as they stand.
-  if (write_product_info({}) < 1) {
+  if (write_record(kProductInfoRecord, &empty) < 1) {
     FTM_LOGE(TAG "read product info fail\n");
     at_send_result("ERROR\n");
     return 0;

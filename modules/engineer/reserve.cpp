@@ -8,7 +8,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "core/file_utils.h"
 #include "core/log.h"
+#include "core/shared_files.h"
 #include "core/unique.h"
 
 static const char kTarnPartition[] = "/dev/block/by-name/tarnreserve1";
@@ -17,16 +19,31 @@ static const char kNorvaPartition[] = "/dev/block/by-name/norvareserve1";
 // Relative: the daemon works in the root. Anywhere else every record has its eMMC offset.
 static const char kUfsDevice[] = "dev/block/sda";
 
-const char* reserve_partition() {
-  return access(kTarnPartition, F_OK) == 0 ? kTarnPartition : kNorvaPartition;
+static Existence look_for(const char* path) {
+  const Existence there = exists(path);
+  if (there == Existence::kUnknown) {
+    FTM_LOGD("access %s failed! err:%s", path, strerror(errno));
+  }
+  return there;
 }
 
-uint32_t record_offset(const ReserveRecord& record) {
-  return access(kUfsDevice, F_OK) == 0 ? record.ufs : record.emmc;
+bool find_record(const ReserveRecord& record, RecordPlace* place) {
+  const Existence tarn = look_for(kTarnPartition);
+  if (tarn == Existence::kUnknown) {
+    return false;
+  }
+  const Existence ufs = look_for(kUfsDevice);
+  if (ufs == Existence::kUnknown) {
+    return false;
+  }
+  *place = {.partition = tarn == Existence::kThere ? kTarnPartition : kNorvaPartition,
+            .offset = ufs == Existence::kThere ? record.ufs : record.emmc};
+  return true;
 }
 
-int readInterface(const char* path, uint32_t offset, void* destination, size_t length) {
-  const UniqueFd fd(open(path, O_RDONLY));
+// Of the file that was opened, or could not be.
+static int read_opened(const UniqueFd& fd, const char* path, uint32_t offset, void* destination,
+                       size_t length) {
   if (!fd.ok()) {
     FTM_LOGD("open %s failed! err:%s", path, strerror(errno));
     return -1;
@@ -44,8 +61,16 @@ int readInterface(const char* path, uint32_t offset, void* destination, size_t l
   return static_cast<int>(count);
 }
 
+int readInterface(const char* path, uint32_t offset, void* destination, size_t length) {
+  return read_opened(UniqueFd(open(path, O_RDONLY | O_CLOEXEC)), path, offset, destination, length);
+}
+
+int read_shared_file(const char* path, void* destination, size_t length) {
+  return read_opened(open_regular(path, O_RDONLY), path, 0, destination, length);
+}
+
 int writeInterface(const char* path, uint32_t offset, const void* source, size_t length) {
-  const UniqueFd fd(open(path, O_WRONLY));
+  const UniqueFd fd(open(path, O_WRONLY | O_CLOEXEC));
   if (!fd.ok()) {
     FTM_LOGD("open %s failed! err:%s", path, strerror(errno));
     return -1;
@@ -65,9 +90,15 @@ int writeInterface(const char* path, uint32_t offset, const void* source, size_t
 }
 
 int read_record(const ReserveRecord& record, void* memory) {
-  return readInterface(reserve_partition(), record_offset(record), memory, record.size);
+  RecordPlace place;
+  return find_record(record, &place)
+             ? readInterface(place.partition, place.offset, memory, record.size)
+             : -1;
 }
 
 int write_record(const ReserveRecord& record, const void* memory) {
-  return writeInterface(reserve_partition(), record_offset(record), memory, record.size);
+  RecordPlace place;
+  return find_record(record, &place)
+             ? writeInterface(place.partition, place.offset, memory, record.size)
+             : -1;
 }

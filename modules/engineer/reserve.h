@@ -20,20 +20,28 @@ constexpr ReserveRecord kEngineerAdbRecord = {0x42D600, 0x41B000, 13};
 constexpr ReserveRecord kProductInfoRecord = {0x481000, 0x464000, 2560};
 constexpr ReserveRecord kSecrecyRecord = {0x48E000, 0x468C00, 1024};
 
-// The path of the partition that holds the records.
-const char* reserve_partition();
+// Where a record lies on this phone.
+struct RecordPlace {
+  const char* partition;
+  uint32_t offset;
+};
 
-// The record's offset on this phone's storage.
-uint32_t record_offset(const ReserveRecord& record);
+// Finds the record's place. False, with errno, when it cannot be told: a record must not be written
+// where another one may lie.
+bool find_record(const ReserveRecord& record, RecordPlace* place);
 
-// Reads (writes) a whole record in one call. Returns what readInterface (writeInterface) does;
-// memory is at least the record's size.
+// Reads (writes) a whole record in one call. Returns what readInterface (writeInterface) does, or
+// -1 with errno when its place cannot be told; memory is at least the record's size.
 int read_record(const ReserveRecord& record, void* memory);
 int write_record(const ReserveRecord& record, const void* memory);
 
 // Reads up to length bytes at the offset, in one call. Returns the bytes read, 0 at the end of the
 // file, or -1 with errno as the failed call left it.
 int readInterface(const char* path, uint32_t offset, void* destination, size_t length);
+
+// Reads up to length bytes from the start of a file that others can write, like readInterface,
+// which is for partitions.
+int read_shared_file(const char* path, void* destination, size_t length);
 
 // Writes length bytes at the offset of an existing file and brings them to storage. Returns the
 // bytes written, or -1 with errno as the failed call left it.

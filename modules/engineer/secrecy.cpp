@@ -4,9 +4,9 @@
 
 #include <errno.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "core/at.h"
+#include "core/file_utils.h"
 #include "modules/engineer/engineer.h"
 #include "modules/engineer/reserve.h"
 
@@ -15,19 +15,32 @@ static const char kNorvaFile[] = "/mnt/vendor/norvareserve/system/config/secrecy
 static const char kTarnFile[] = "/mnt/vendor/tarnreserve/system/config/secrecy.cfg";
 
 const char* secrecy_file() {
-  return access(kNorvaFolder, F_OK) == 0 ? kNorvaFile : kTarnFile;
+  switch (exists(kNorvaFolder)) {
+    case Existence::kThere:
+      return kNorvaFile;
+    case Existence::kNotThere:
+      return kTarnFile;
+    default:
+      return nullptr;
+  }
 }
 
 int read_secrecy_text(const char* caller, char* text) {
-  const int in_record = read_record(kSecrecyRecord, text);
+  RecordPlace record;
+  if (!find_record(kSecrecyRecord, &record)) {
+    return -1;
+  }
+  const int in_record = readInterface(record.partition, record.offset, text, kSecrecyTextSize);
   if (in_record >= 0 && text[0] == '#') {
     return in_record;
   }
   memset(text, 0, kSecrecyTextSize);
-  if (access(secrecy_file(), F_OK) != 0) {
-    return 0;
+  const char* file = secrecy_file();
+  const Existence there = file == nullptr ? Existence::kUnknown : exists(file);
+  if (there != Existence::kThere) {
+    return there == Existence::kNotThere ? 0 : -1;
   }
-  const int in_file = readInterface(secrecy_file(), 0, text, kSecrecyTextSize);
+  const int in_file = read_shared_file(file, text, kSecrecyTextSize);
   // It says "reserve" for the file: the text is kept as it stands.
   FTM_LOGE("%s config from reserve", caller);
   return in_file;

@@ -15,13 +15,14 @@ constexpr size_t kSecrecyTextSize = kSecrecyRecord.size;
 constexpr size_t kSecrecyKeyLength = 512;
 constexpr size_t kSecrecyImeiSize = 16;  // terminator included
 
-// The file that stands in for the record, on the partition that this phone has.
+// The file that stands in for the record, on the partition that this phone has; null, with errno,
+// when that cannot be told.
 const char* secrecy_file();
 
 // Reads the configuration's text into text (kSecrecyTextSize bytes, cleared by the caller; not
 // terminated when full): the record when it is readable and begins with '#', else the file, which
 // is logged under the caller's name. Returns the bytes read, 0 when there is no file, or -1 with
-// errno when the file cannot be read.
+// errno when the file cannot be read, or when it cannot be told where record or file lie.
 int read_secrecy_text(const char* caller, char* text);
 
 // Takes the next line, without its line feed, off the front of text.

@@ -2,12 +2,11 @@
 // which is a plain text in the configuration that the station must send.
 
 #include <errno.h>
-#include <fcntl.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "core/at.h"
-#include "core/unique.h"
+#include "core/shared_files.h"
 #include "modules/engineer/engineer.h"
 #include "modules/engineer/reserve.h"
 #include "modules/engineer/secrecy.h"
@@ -18,12 +17,17 @@ struct SecrecyCfg {
   uint8_t locked = 0;
 };
 
+static void log_unreadable() {
+  const char* path = secrecy_file();
+  FTM_LOGE(TAG "Unable to open %s\n", path == nullptr ? "the secrecy file" : path);
+}
+
 // Reads the configuration, or replies that it cannot be read.
 static bool read_cfg(SecrecyCfg* cfg) {
   if (readSecrecyCfg(cfg->imei, cfg->key, &cfg->locked) >= 0) {
     return true;
   }
-  FTM_LOGE(TAG "Unable to open %s\n", secrecy_file());
+  log_unreadable();
   at_send_result("ERROR\n");
   return false;
 }
@@ -103,9 +107,8 @@ static void unlock_text(std::string_view text, UnlockedText* unlocked) {
   }
 }
 
-static void write_secrecy_file(const char* caller, const UnlockedText& text) {
-  const char* path = secrecy_file();
-  const UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC, 0664));
+static void write_secrecy_file(const char* caller, const char* path, const UnlockedText& text) {
+  const UniqueFd fd = open_regular(path, O_WRONLY | O_CREAT | O_TRUNC, 0664);
   // Two blanks behind the name: the text is kept as it stands.
   if (!fd.ok()) {
     FTM_LOGE("%s  open %s failed! err:%s", caller, path, strerror(errno));
@@ -137,8 +140,15 @@ static int unlockSecrecyCfg() {
   if (unlocked.overflown) {
     return -1;  // a text with its end cut off must not replace the whole one
   }
-  write_secrecy_file(__func__, unlocked);
-  const int result = write_record(kSecrecyRecord, unlocked.bytes);
+  // Both places are known before either is written.
+  const char* file = secrecy_file();
+  RecordPlace record;
+  if (file == nullptr || !find_record(kSecrecyRecord, &record)) {
+    return -1;
+  }
+  write_secrecy_file(__func__, file, unlocked);
+  const int result =
+      writeInterface(record.partition, record.offset, unlocked.bytes, sizeof(unlocked.bytes));
   FTM_LOGD("%s count = %d", __func__, result);
   return result;
 }
@@ -162,7 +172,7 @@ int at_unlock_secrecy(const char* argument) {
   }
   const int outcome = unlockSecrecyCfg();
   if (outcome < 0) {
-    FTM_LOGE(TAG "Unable to open %s\n", secrecy_file());
+    log_unreadable();
     at_send_result("ERROR\n");
     return 0;
   }

@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <iterator>
 
 #include "core/at.h"
 #include "core/bounded.h"
@@ -26,7 +25,6 @@
 
 static const char kInputFolder[] = "/dev/input";
 static constexpr int kMaxDevices = 16;
-static constexpr int kEpollSizeHint = 32;
 static constexpr int kMaxWaits = 7;
 static constexpr useconds_t kWaitUs = 700 * 1000;
 
@@ -75,7 +73,7 @@ static bool watch(int fd, void* slot) {
 // Opens the input devices and registers those that report keys, 16 at most. Returns 0, or -1 when
 // there is no epoll set, it has no way to end, or devices were there but none could be added to it.
 static int ev_init(EvCallback callback, void* data) {
-  epoll_fd.reset(epoll_create(kEpollSizeHint));
+  epoll_fd.reset(epoll_create1(EPOLL_CLOEXEC));
   if (!epoll_fd.ok()) {
     return -1;
   }
@@ -95,7 +93,7 @@ static int ev_init(EvCallback callback, void* data) {
     if (strncmp(entry->d_name, "event", strlen("event")) != 0) {
       continue;
     }
-    UniqueFd fd(openat(dirfd(folder.get()), entry->d_name, O_RDONLY));
+    UniqueFd fd(openat(dirfd(folder.get()), entry->d_name, O_RDONLY | O_CLOEXEC));
     if (!fd.ok() || !is_watched(fd.get())) {
       continue;
     }
@@ -121,6 +119,8 @@ static void ev_exit() {
   epoll_fd.reset();
   stop_event.reset();
 }
+
+static_assert(sizeof(input_event) == 24, "the kernel's layout");
 
 // A press and a release count alike: only the code is looked at.
 static int input_callback(int fd, uint32_t events, void* /*data*/) {

@@ -28,7 +28,7 @@ static const char* const kStageNames[] = {"OFF", "ON", "STAGE1", "STAGE2"};
 
 // Reads up to size bytes once. Returns 0, or -1 when there is nothing to read.
 static int ftm_sec_read_proc(const char* path, char* buffer, size_t size) {
-  const UniqueFd fd(open(path, O_RDONLY));
+  const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
   if (!fd.ok()) {
     FTM_LOGE(TAG "%s: failed to open %s\n", __func__, path);
     return -1;

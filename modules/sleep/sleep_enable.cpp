@@ -48,7 +48,7 @@ static void clear_register() {
       {"/sys/kernel/debug/regmap/spmi0-00/data", "0"},
   };
   for (const RegmapWrite& regmap : kWrites) {
-    const UniqueFd fd(open(regmap.node, O_WRONLY));
+    const UniqueFd fd(open(regmap.node, O_WRONLY | O_CLOEXEC));
     if (!fd.ok()) {
       FTM_LOGE(TAG "file open failed\n");
       continue;

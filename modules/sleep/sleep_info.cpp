@@ -92,7 +92,7 @@ static void make_directory(const Snapshot& snapshot, const char* function) {
 }
 
 static void exec_shell(const char* command) {
-  const UniquePipe pipe(popen(command, "r"));
+  const UniquePipe pipe(popen(command, "re"));
   if (pipe == nullptr) {
     FTM_LOGE(TAG "%s popen_return_null\n", __func__);
     return;
@@ -171,7 +171,7 @@ static void copy_everything(const Snapshot& snapshot) {
 }
 
 static UniqueFd open_alarm(int flags) {
-  UniqueFd fd(open(kWakeAlarm, flags));
+  UniqueFd fd(open(kWakeAlarm, flags | O_CLOEXEC));
   if (!fd.ok()) {
     FTM_LOGE("fail to open file sys/class/rtc/rtc0/wakealarm\n");
   }

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "core/at.h"
+#include "core/file_utils.h"
 #include "core/log.h"
 #include "core/unique.h"
 
@@ -37,9 +38,9 @@ struct FileImage {
 };
 
 static FileImage load_file(const char* path) {
-  const UniqueFd fd(open(path, O_RDONLY));
+  const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
   struct stat info = {};
-  if (!fd.ok() || fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size <= 0) {
+  if (!fd.ok() || fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size < 0) {
     return {};
   }
   const auto size = static_cast<size_t>(info.st_size);
@@ -132,7 +133,7 @@ static int at_close_wifi(const char*) {
 static int at_check_wifi(const char*) {
   FTM_LOGD(TAG "%s\n", __func__);
   // The sense is inverted on purpose: a calibration file that is there is an ERROR.
-  at_send_result(access(kCalibrationFile, F_OK) == 0 ? "ERROR\n" : "OK\r\n");
+  at_send_result(exists(kCalibrationFile) == Existence::kNotThere ? "OK\r\n" : "ERROR\n");
   return 0;
 }
 
