@@ -42,7 +42,7 @@ int __system_property_set(const char* name, const char* value) {
   }
   // Written aside and renamed. The leading dot keeps it from being taken for a property.
   char temporary[] = "/dev/__properties__/.XXXXXX";
-  const int fd = mkstemp(temporary);
+  const int fd = mkostemp(temporary, O_CLOEXEC);
   if (fd < 0) {
     return -1;
   }

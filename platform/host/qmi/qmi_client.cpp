@@ -3,18 +3,19 @@
 
 #include "platform/host/qmi/qmi_client.h"
 
+#include <errno.h>
 #include <pthread.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <map>
 #include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
+#include <new>
+#include <utility>
 
 #include "platform/host/qmi/packet.h"
 #include "platform/host/qmi/qmi_idl_lib.h"
@@ -39,10 +40,9 @@ qmi_idl_service_object_type SNS_CLIENT_SVC_get_service_object_internal_v01(int32
 
 static constexpr size_t kLargestPacket = 65536;
 
-static void put(std::vector<uint8_t>* bytes, uint64_t value, size_t size) {
-  for (size_t i = 0; i < size; ++i) {
-    bytes->push_back(static_cast<uint8_t>(value >> (8 * i)));
-  }
+static void put(uint8_t* bytes, size_t value) {
+  bytes[0] = static_cast<uint8_t>(value);
+  bytes[1] = static_cast<uint8_t>(value >> 8);
 }
 
 static uint64_t get(const uint8_t* bytes, size_t size) {
@@ -54,12 +54,15 @@ static uint64_t get(const uint8_t* bytes, size_t size) {
 }
 
 struct Field {
-  const uint8_t* value;
-  size_t size;
+  const uint8_t* value = nullptr;
+  size_t size = 0;
 };
 
-// The fields of a body by type. False when it is cut off.
-static bool split(const uint8_t* body, size_t size, std::map<uint8_t, Field>* fields) {
+// The fields of a body by type; one that is missing has no value.
+using Fields = Field[UINT8_MAX + 1];
+
+// False when the body is cut off.
+static bool split(const uint8_t* body, size_t size, Fields& fields) {
   while (size > 0) {
     if (size < qmi::kFieldHeadSize) {
       return false;
@@ -68,7 +71,7 @@ static bool split(const uint8_t* body, size_t size, std::map<uint8_t, Field>* fi
     if (length > size - qmi::kFieldHeadSize) {
       return false;
     }
-    (*fields)[body[0]] = {body + qmi::kFieldHeadSize, length};
+    fields[body[0]] = {body + qmi::kFieldHeadSize, length};
     body += qmi::kFieldHeadSize + length;
     size -= qmi::kFieldHeadSize + length;
   }
@@ -77,49 +80,46 @@ static bool split(const uint8_t* body, size_t size, std::map<uint8_t, Field>* fi
 
 // Copies a little-endian number of exactly this size.
 template <typename Number>
-static bool take(const std::map<uint8_t, Field>& fields, uint8_t type, Number* number) {
-  const auto found = fields.find(type);
-  if (found == fields.end() || found->second.size != sizeof(Number)) {
+static bool take(const Fields& fields, uint8_t type, Number* number) {
+  if (fields[type].size != sizeof(Number)) {
     return false;
   }
-  *number = static_cast<Number>(get(found->second.value, sizeof(Number)));
+  *number = static_cast<Number>(get(fields[type].value, sizeof(Number)));
   return true;
 }
 
-static bool decode_response(const std::map<uint8_t, Field>& fields, sns_client_resp_msg_v01* resp) {
-  const auto outcome = fields.find(0x02);
-  if (outcome == fields.end() || outcome->second.size != 4) {
+static bool decode_response(const Fields& fields, sns_client_resp_msg_v01* resp) {
+  const Field& outcome = fields[0x02];
+  if (outcome.size != 4) {
     return false;
   }
-  resp->qmi_result = static_cast<uint32_t>(get(outcome->second.value, 2));
-  resp->qmi_error = static_cast<uint32_t>(get(outcome->second.value + 2, 2));
+  resp->qmi_result = static_cast<uint32_t>(get(outcome.value, 2));
+  resp->qmi_error = static_cast<uint32_t>(get(outcome.value + 2, 2));
   resp->client_id_valid = take(fields, 0x10, &resp->client_id) ? 1 : 0;
   resp->result_valid = take(fields, 0x11, &resp->result) ? 1 : 0;
   return true;
 }
 
-static bool decode_report(const std::map<uint8_t, Field>& fields,
-                          sns_client_report_ind_msg_v01* report) {
+static bool decode_report(const Fields& fields, sns_client_report_ind_msg_v01* report) {
   // The payload stands behind two bytes of its own length.
-  const auto payload = fields.find(0x02);
-  if (!take(fields, 0x01, &report->client_id) || payload == fields.end() ||
-      payload->second.size < 2) {
+  const Field& payload = fields[0x02];
+  if (!take(fields, 0x01, &report->client_id) || payload.size < 2) {
     return false;
   }
-  const size_t length = get(payload->second.value, 2);
-  if (length > sizeof(report->payload) || length != payload->second.size - 2) {
+  const size_t length = get(payload.value, 2);
+  if (length > sizeof(report->payload) || length != payload.size - 2) {
     return false;
   }
   report->payload_len = static_cast<uint32_t>(length);
-  memcpy(report->payload, payload->second.value + 2, length);
+  memcpy(report->payload, payload.value + 2, length);
   return true;
 }
 
 int32_t qmi_idl_message_decode(qmi_idl_service_object_type service, qmi_idl_type_of_message type,
                                uint16_t msg_id, const void* src, uint32_t src_len, void* dst,
                                uint32_t dst_len) {
-  std::map<uint8_t, Field> fields;
-  if (service == nullptr || !split(static_cast<const uint8_t*>(src), src_len, &fields)) {
+  Fields fields;
+  if (service == nullptr || !split(static_cast<const uint8_t*>(src), src_len, fields)) {
     return QMI_MALFORMED_MSG;
   }
   bool decoded = false;
@@ -136,11 +136,12 @@ int32_t qmi_idl_message_decode(qmi_idl_service_object_type service, qmi_idl_type
 // ---- clients
 
 struct Transaction {
-  unsigned int msg_id;
-  void* resp;
-  unsigned int resp_len;
-  qmi_client_recv_msg_async_cb cb;
-  void* data;
+  uint16_t number = 0;  // 0: none
+  unsigned int msg_id = 0;
+  void* resp = nullptr;
+  unsigned int resp_len = 0;
+  qmi_client_recv_msg_async_cb cb = nullptr;
+  void* data = nullptr;
 };
 
 struct Client {
@@ -155,16 +156,26 @@ struct Client {
   qmi_client_error_cb error_cb = nullptr;
   void* error_cb_data = nullptr;
   uint16_t last_txn = 0;
-  std::map<uint16_t, Transaction> transactions = {};
+  Transaction transactions[16] = {};  // those that wait for their response
+
+  uint8_t packet[kLargestPacket] = {};  // the client's thread's alone
 };
 
+static Transaction* find(Client* client, uint16_t number) {
+  for (Transaction& transaction : client->transactions) {
+    if (transaction.number == number) {
+      return &transaction;
+    }
+  }
+  return nullptr;
+}
+
+// A packet's body stands behind its head already.
 static bool send_packet(int socket, qmi::PacketKind kind, uint16_t txn, uint16_t msg_id,
-                        const std::vector<uint8_t>& body) {
-  std::vector<uint8_t> packet(qmi::kHeadSize);
-  qmi::write_head({kind, txn, msg_id, static_cast<uint16_t>(body.size())}, packet.data());
-  packet.insert(packet.end(), body.begin(), body.end());
-  return send(socket, packet.data(), packet.size(), MSG_NOSIGNAL) ==
-         static_cast<ssize_t>(packet.size());
+                        uint8_t* packet, size_t body_size) {
+  qmi::write_head({kind, txn, msg_id, static_cast<uint16_t>(body_size)}, packet);
+  const size_t size = qmi::kHeadSize + body_size;
+  return send(socket, packet, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
 }
 
 static void end_transaction(Client* client, uint16_t txn, const uint8_t* body, uint32_t size,
@@ -172,12 +183,11 @@ static void end_transaction(Client* client, uint16_t txn, const uint8_t* body, u
   Transaction transaction;
   {
     const std::lock_guard lock(client->mutex);
-    const auto found = client->transactions.find(txn);
-    if (found == client->transactions.end()) {
+    Transaction* found = txn == 0 ? nullptr : find(client, txn);
+    if (found == nullptr) {
       return;
     }
-    transaction = found->second;
-    client->transactions.erase(found);
+    transaction = std::exchange(*found, {});
   }
   if (error == QMI_NO_ERR) {
     memset(transaction.resp, 0, transaction.resp_len);
@@ -205,16 +215,26 @@ static void handle_packet(Client* client, uint8_t* packet, size_t size) {
   }
 }
 
+static bool is_releasing(Client* client) {
+  const std::lock_guard lock(client->mutex);
+  return client->releasing;
+}
+
 static void* client_thread(void* argument) {
   auto* client = static_cast<Client*>(argument);
-  std::vector<uint8_t> packet(kLargestPacket);
   for (;;) {
-    const ssize_t size = recv(client->socket, packet.data(), packet.size(), 0);
-    if (size < 1) {
+    const ssize_t size = recv(client->socket, client->packet, sizeof(client->packet), 0);
+    const bool nothing_yet = size < 0 && (errno == EAGAIN || errno == EINTR);
+    // A socket that could not be shut down goes on bringing reports.
+    if (is_releasing(client) || (size < 1 && !nothing_yet)) {
       break;
     }
-    handle_packet(client, packet.data(), static_cast<size_t>(size));
-    send_packet(client->socket, qmi::kHandled, 0, 0, {});
+    if (nothing_yet) {
+      continue;
+    }
+    handle_packet(client, client->packet, static_cast<size_t>(size));
+    uint8_t handled[qmi::kHeadSize];
+    send_packet(client->socket, qmi::kHandled, 0, 0, handled, 0);
   }
   qmi_client_error_cb error_cb = nullptr;
   {
@@ -233,8 +253,13 @@ qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type servi
   if (service == nullptr) {
     return QMI_SERVICE_ERR;
   }
+  auto* made = new (std::nothrow) Client;
+  if (made == nullptr) {
+    return QMI_INTERNAL_ERR;
+  }
+  made->service = service;
   *os_params = {.service_path = service->path, .timed_out = 0};
-  *notifier = new Client{.service = service};
+  *notifier = made;
   return QMI_NO_ERR;
 }
 
@@ -260,7 +285,11 @@ static int connect_to(const char* path) {
   }
   memcpy(address.sun_path, path, strlen(path));
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+  // A receive ends now and then, to look whether the client is released: a socket that cannot be
+  // shut down would keep its thread for good.
+  const timeval look = {.tv_sec = 0, .tv_usec = 100 * 1000};
+  if (fd >= 0 && (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &look, sizeof(look)) != 0 ||
+                  connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)) {
     close(fd);
     return -1;
   }
@@ -278,8 +307,15 @@ qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type servi
   if (fd < 0) {
     return QMI_TIMEOUT_ERR;
   }
-  auto made = std::unique_ptr<Client>(
-      new Client{.service = service, .socket = fd, .ind_cb = ind_cb, .ind_cb_data = ind_cb_data});
+  std::unique_ptr<Client> made(new (std::nothrow) Client);
+  if (made == nullptr) {
+    close(fd);
+    return QMI_INTERNAL_ERR;
+  }
+  made->service = service;
+  made->socket = fd;
+  made->ind_cb = ind_cb;
+  made->ind_cb_data = ind_cb_data;
   if (pthread_create(&made->thread, nullptr, client_thread, made.get()) != 0) {
     close(fd);
     return QMI_INTERNAL_ERR;
@@ -314,20 +350,33 @@ qmi_client_error_type qmi_client_send_msg_async(qmi_client_type handle, unsigned
       request->payload_len > sizeof(request->payload)) {
     return QMI_MALFORMED_MSG;
   }
-  std::vector<uint8_t> body = {0x01};
-  put(&body, request->payload_len + 2, 2);
-  put(&body, request->payload_len, 2);
-  body.insert(body.end(), request->payload, request->payload + request->payload_len);
+  // One field: the payload behind two bytes of its own length.
+  uint8_t packet[qmi::kHeadSize + qmi::kFieldHeadSize + 2 + sizeof(request->payload)];
+  uint8_t* body = packet + qmi::kHeadSize;
+  body[0] = 0x01;
+  put(body + 1, request->payload_len + 2);
+  put(body + qmi::kFieldHeadSize, request->payload_len);
+  memcpy(body + qmi::kFieldHeadSize + 2, request->payload, request->payload_len);
+  const size_t body_size = qmi::kFieldHeadSize + 2 + request->payload_len;
 
   uint16_t number = 0;
   {
     const std::lock_guard lock(client->mutex);
-    number = ++client->last_txn;
-    client->transactions[number] = {msg_id, resp, resp_len, resp_cb, data};
+    Transaction* free = find(client, 0);
+    if (free == nullptr) {
+      return QMI_INTERNAL_ERR;
+    }
+    client->last_txn =
+        static_cast<uint16_t>(client->last_txn == UINT16_MAX ? 1 : client->last_txn + 1);
+    number = client->last_txn;
+    *free = {number, msg_id, resp, resp_len, resp_cb, data};
   }
-  if (!send_packet(client->socket, qmi::kRequest, number, static_cast<uint16_t>(msg_id), body)) {
+  if (!send_packet(client->socket, qmi::kRequest, number, static_cast<uint16_t>(msg_id), packet,
+                   body_size)) {
     const std::lock_guard lock(client->mutex);
-    client->transactions.erase(number);
+    if (Transaction* unsent = find(client, number); unsent != nullptr) {
+      *unsent = {};
+    }
     return QMI_SERVICE_ERR;
   }
   *txn = nullptr;  // nothing here takes a transaction back
@@ -347,9 +396,8 @@ qmi_client_error_type qmi_client_release(qmi_client_type handle) {
     shutdown(client->socket, SHUT_RDWR);
     pthread_join(client->thread, nullptr);
     close(client->socket);
-    while (!client->transactions.empty()) {
-      end_transaction(client.get(), client->transactions.begin()->first, nullptr, 0,
-                      QMI_SERVICE_ERR);
+    for (const Transaction& left : client->transactions) {
+      end_transaction(client.get(), left.number, nullptr, 0, QMI_SERVICE_ERR);
     }
   }
   return QMI_NO_ERR;

@@ -28,7 +28,8 @@ typedef struct qmi_client_os_params {
   int timed_out;  // set by qmi_cci_os_signal_wait
 } qmi_client_os_params;
 
-// All three callbacks run on the client's own thread, one at a time.
+// All three callbacks run on the client's own thread, one at a time; those of requests that are
+// still unanswered when the client is released run on the releasing thread.
 typedef void (*qmi_client_ind_cb)(qmi_client_type client, unsigned int msg_id, void* buf,
                                   unsigned int len, void* data);
 typedef void (*qmi_client_recv_msg_async_cb)(qmi_client_type client, unsigned int msg_id,
@@ -42,7 +43,7 @@ qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type servi
                                                qmi_client_os_params* os_params,
                                                qmi_client_type* notifier);
 
-// Waits until the notifier's service is there, at most timeout_ms.
+// Looks whether the notifier's service is there, and once more after timeout_ms when it is not.
 void qmi_cci_os_signal_wait(qmi_client_os_params* os_params, unsigned int timeout_ms);
 
 // Connects to a service. Indications may come before this returns.
