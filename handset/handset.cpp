@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,9 +17,12 @@
 #include <iterator>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
+#include "handset/class_nodes.h"
 #include "handset/links/stage_process.h"
 #include "handset/models/partitions.h"
+#include "handset/phone_files.h"
 #include "handset/root.h"
 
 namespace handset {
@@ -26,19 +30,41 @@ namespace handset {
 namespace fs = std::filesystem;
 
 static const char kSoundControls[] = "/dev/snd/controls";
+static const char kFolderName[] = "ftm-handset.";  // then the process and a random part
 static const char kProgramCalls[] = "/data/program_calls";
 
 static std::runtime_error system_error(const std::string& what) {
   return std::runtime_error(what + ": " + strerror(errno));
 }
 
-Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(options.daemon) {
-  std::string base = (fs::temp_directory_path() / "handset.XXXXXX").string();
+// Removes what handsets have left that were ended before they could: folders of this user's whose
+// process is gone.
+static void clear_ended_phones(const fs::path& folder) {
+  std::error_code none;
+  for (const auto& entry : fs::directory_iterator(folder, none)) {
+    const std::string name = entry.path().filename().string();
+    const int pid = name.starts_with(kFolderName) ? atoi(name.c_str() + strlen(kFolderName)) : 0;
+    struct stat status;
+    if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH &&
+        lstat(entry.path().c_str(), &status) == 0 && status.st_uid == getuid()) {
+      fs::remove_all(entry.path(), none);
+    }
+  }
+}
+
+Handset::Handset(const Options& options)
+    : clock(options.time_factor),
+      daemon_(options.daemon.empty() ? phone_file("ftmd") : options.daemon) {
+  clear_ended_phones(fs::temp_directory_path());
+  const std::string name = kFolderName + std::to_string(getpid()) + ".XXXXXX";
+  std::string base = (fs::temp_directory_path() / name).string();
   if (mkdtemp(base.data()) == nullptr) {
     throw system_error("cannot make a folder for the phone");
   }
   base_ = base;
+  log_ = options.log.empty() ? base_ / "log" : options.log;
   serve_power_nodes();
+  serve_class_nodes(&nodes);
   lay_phone();
   plug_devices();
   tone_party.attend(path("/dev/__properties__"));
@@ -46,6 +72,10 @@ Handset::Handset(const Options& options) : clock(options.time_factor), daemon_(o
                     [this](const std::string& payload) { return on_hub_request(payload); });
   clock.on_skip = [this](std::chrono::nanoseconds time) { return hub_service.skip(time); };
   route_calls();
+  // A sleeping phone: none of its processes gets on, and its line and nodes wait.
+  power.on_sleep = [this](bool asleep) { serial.note_asleep(asleep); };
+  supervisor_.hold_while([this] { return power.asleep(); });
+  nodes.before_access([this] { power.wait_awake(); });
 }
 
 Handset::~Handset() {
@@ -57,17 +87,26 @@ Handset::~Handset() {
 // The root, the healthy phone's profile, and what no profile describes.
 void Handset::lay_phone() {
   lay_root(base_ / "root");
-  lay_profile(FTM_PROFILE, base_ / "root", &nodes);
-  sensors.read_sensors(fs::path(FTM_PROFILE) / "sensors");
-  sound.describe(read_file(kSoundControls).value_or(""));
+  lay_over(phone_file("profile"));
   // The reference checksums of the profile's own trees, made when the handset was built.
-  fs::copy_file(FTM_SYSMD5, base_ / "root/system/sysmd5.zip", fs::copy_options::skip_existing);
+  fs::copy_file(phone_file("sysmd5.zip"), base_ / "root/system/sysmd5.zip",
+                fs::copy_options::skip_existing);
   const fs::path reserve = path("/dev/block/by-name/norvareserve1");
   make_partition(reserve);
   put_pcba_record(reserve, "NV2401170042");
   put_download_marks(reserve, "download start", "download over");
   modules.set_loaded("cfg80211", true);
   modules.set_needs("wlan", {"cfg80211"});
+}
+
+void Handset::lay_over(const fs::path& profile) {
+  lay_profile(profile, base_ / "root", &nodes);
+  if (const fs::path file = profile / "sensors"; fs::exists(file)) {
+    sensors.read_sensors(file);
+  }
+  if (fs::exists(profile / fs::path(kSoundControls).relative_path())) {
+    sound.describe(read_file(kSoundControls).value_or(""));
+  }
 }
 
 void Handset::plug_devices() {
@@ -120,6 +159,11 @@ std::optional<HubService::Reply> Handset::on_hub_request(const std::string& payl
     sent.stream = {.period = reply->stream->period, .next = [this, sensor = reply->stream->sensor] {
                      return sensors.sample(sensor);
                    }};
+  } else if (reply->later.has_value()) {
+    sent.stream = {.period = reply->later->delay,
+                   .next = [event = std::optional(reply->later->event)]() mutable {
+                     return std::exchange(event, std::nullopt);
+                   }};
   }
   return sent;
 }
@@ -156,8 +200,20 @@ std::optional<std::string> Handset::property(const std::string& name) const {
   return read_file("/dev/__properties__/" + name);
 }
 
+// All are appended to: who writes goes on at the new end.
+void Handset::cut_large_files() const {
+  constexpr uintmax_t kMost = 64U << 20;
+  for (const fs::path& file : {base_ / "log", base_ / "output", path(kProgramCalls)}) {
+    std::error_code none;
+    const uintmax_t size = fs::file_size(file, none);
+    if (!none && size > kMost) {
+      fs::resize_file(file, 0, none);
+    }
+  }
+}
+
 std::string Handset::log() const {
-  return read_whole(base_ / "log").value_or("");
+  return read_whole(log_).value_or("");
 }
 
 std::string Handset::output() const {
@@ -206,14 +262,19 @@ void Handset::start(const StartOptions& options) {
     write_file(kSerialTty, "");  // the place of the bind
   }
   StageTraps traps = options.faults ? StageTraps::kCallsAndFaults : StageTraps::kCalls;
+  if (options.every_call) {
+    traps = StageTraps::kEveryCall;
+  }
   if (!options.traps) {
     traps = StageTraps::kNone;
   }
-  StageProcess stage({.root = base_ / "root",
+  StageProcess stage({.stage = phone_file("handset_stage"),
+                      .root = base_ / "root",
                       .tty = tty,
                       .daemon = daemon_,
                       .output = base_ / "output",
-                      .log = options.log ? base_ / "log" : fs::path("/dev/null")},
+                      .log = options.log ? log_ : fs::path("/dev/null"),
+                      .preload = options.preload},
                      traps);
   pid_ = stage.pid();
   status_.reset();
@@ -287,8 +348,9 @@ std::vector<std::string> Handset::command(std::string_view line, std::chrono::se
   const int reads = serial.reads();
   serial.send(line);
   if (!serial.wait_reads(reads + 1, limit)) {
-    throw std::runtime_error("no answer to the end of: " + std::string(line) +
-                             "\nthe daemon's log ends:\n" + log());
+    throw std::runtime_error(std::string(power.asleep() ? "the phone sleeps" : "no answer") +
+                             " at the end of: " + std::string(line) + "\nthe daemon's log ends:\n" +
+                             log());
   }
   return serial.take_replies();
 }

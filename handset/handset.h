@@ -44,18 +44,23 @@ class Handset {
   struct Options {
     // Waits of the daemon take this part of their time: 1 real time, 0 none.
     double time_factor = 0;
-    // The program that becomes the phone's /odm/bin/ftmd.
-    std::filesystem::path daemon = FTM_DAEMON;
+    // The program that becomes the phone's /odm/bin/ftmd; the handset's own when empty.
+    std::filesystem::path daemon = {};
+    // The file that gets the daemon's log, behind what it holds; one of the phone's own when empty.
+    std::filesystem::path log = {};
   };
 
   struct StartOptions {
     // The tty that becomes /dev/ttyMSM0: the handset's own line when not given, no such device when
     // empty.
     std::optional<std::string> serial = {};
-    bool faults = false;     // true: reads can be made to fail, too
-    bool traps = true;       // false: no system call is seen (no devices, waits or single replies)
-    bool log = true;         // false: the daemon's log goes to /dev/null
-    bool wait_ready = true;  // return only when the daemon waits for its first command
+    bool faults = false;      // true: reads can be made to fail, too
+    bool every_call = false;  // true: intercept sees all calls that can fail
+    bool traps = true;        // false: no system call is seen (no devices, waits or single replies)
+    bool log = true;          // false: the daemon's log goes to /dev/null
+    bool wait_ready = true;   // return only when the daemon waits for its first command
+    // A library of the phone that is loaded into the daemon first.
+    std::string preload = {};
   };
 
   Handset() : Handset(Options{}) {}
@@ -87,9 +92,15 @@ class Handset {
   size_t open_descriptors() const;
 
   // Sends one command, waits until the daemon has handled it and returns its replies, one by one.
-  // Throws std::runtime_error when the daemon does not come back to its line within limit.
+  // Throws std::runtime_error when the daemon does not come back to its line within limit, or the
+  // phone falls asleep before.
   std::vector<std::string> command(std::string_view line,
                                    std::chrono::seconds limit = std::chrono::seconds(60));
+
+  // Lays a profile over the phone as it is: nodes, properties, files, the sensors behind the hub
+  // and the sound card's controls (see root.h). Throws std::exception with one line when one of its
+  // files cannot be read.
+  void lay_over(const std::filesystem::path& profile);
 
   // Where a path of the phone lies on the desk.
   std::filesystem::path path(const std::string& phone_path) const;
@@ -100,17 +111,23 @@ class Handset {
   // also those of kFaultCalls) fail with an errno on a file of the phone, whoever makes it: from
   // now on, or only in some of its calls. With error 0 it works again. The path is the file's own
   // (for a call that names a path: that one), not that of a link to it. For SYS_clone3 the "path"
-  // is "thread" or "process": no new one is made.
+  // is "thread" or "process": no new one is made; for SYS_shutdown it is "socket".
   void fail(const std::string& phone_path, int call, int error,
             const Faults::Which& which = Faults::Which());
   // Lets a SYS_read or SYS_write of such a file move this many bytes at most.
   void shorten(const std::string& phone_path, int call, size_t most,
                const Faults::Which& which = Faults::Which());
 
+  // Shows each trapped call, before its own part of the phone answers it, to a function on the
+  // supervisor's thread: what that answers stands, unless it is the kernel's. Before start.
+  void intercept(Supervisor::Handler function) {
+    supervisor_.intercept(std::move(function));
+  }
+
   void set_property(const std::string& name, const std::string& value);
   std::optional<std::string> property(const std::string& name) const;
 
-  // The daemon's log, and what it printed on standard output.
+  // The daemon's log, and what it printed on standard output; each begins anew at 64 MiB.
   std::string log() const;
   std::string output() const;
   // The calls of the phone's stand-in programs, one line each: name and arguments.
@@ -153,6 +170,7 @@ class Handset {
   void lay_phone();
   void plug_devices();
   void serve_power_nodes();
+  void cut_large_files() const;
   std::optional<HubService::Reply> on_hub_request(const std::string& payload);
 
   // In handset_calls.cpp.
@@ -172,6 +190,7 @@ class Handset {
 
   std::filesystem::path daemon_;
   std::filesystem::path base_;  // holds the root and the logs; removed at the end
+  std::filesystem::path log_;
   DeviceTable devices_;
   Faults faults_;
   pid_t pid_ = 0;

@@ -161,6 +161,7 @@ Answer Handset::on_read(const TrappedCall& call) {
     devices_.note_arrived();
     journal.set_worker(call.thread);
     serial.note_read();
+    cut_large_files();
   }
   return faults_.answer(call);
 }

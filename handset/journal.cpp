@@ -8,6 +8,7 @@
 #include <regex>
 #include <set>
 
+#include "handset/recent.h"
 #include "handset/visible.h"
 
 namespace handset {
@@ -17,6 +18,7 @@ void Journal::begin(pid_t daemon) {
   daemon_ = daemon;
   worker_ = 0;
   threads_.clear();
+  threads_gone_ = 0;
 }
 
 void Journal::set_worker(pid_t thread) {
@@ -27,7 +29,7 @@ void Journal::set_worker(pid_t thread) {
 void Journal::add(pid_t thread, const std::string& text) {
   const std::lock_guard lock(mutex_);
   note_thread(thread);
-  records_.push_back({thread, text});
+  gone_ += add_recent(&records_, Record{thread, text}, kMostEntries);
   added_.notify_all();
 }
 
@@ -47,8 +49,11 @@ void Journal::note_thread(pid_t thread) {
     made.insert(std::stoi(task.path().filename().string()));
   }
   made.erase(made.upper_bound(thread), made.end());
-  std::copy_if(made.begin(), made.end(), std::back_inserter(threads_),
-               [&](pid_t id) { return !is_known(id); });
+  for (const pid_t id : made) {
+    if (!is_known(id)) {
+      threads_gone_ += static_cast<int>(add_recent(&threads_, id, kMostThreads));
+    }
+  }
 }
 
 void Journal::add_program(const std::string& text) {
@@ -65,7 +70,7 @@ Journal::Entry Journal::entry(const Record& record) const {
   if (record.thread == daemon_) {
     return {"main", record.text};
   }
-  int number = 1;
+  int number = 1 + threads_gone_;
   for (auto other = threads_.begin(); other != threads_.end() && *other != record.thread; ++other) {
     number += *other != worker_ && *other != daemon_ ? 1 : 0;
   }
@@ -73,28 +78,33 @@ Journal::Entry Journal::entry(const Record& record) const {
 }
 
 std::vector<Journal::Entry> Journal::take() {
-  std::vector<Entry> entries = since(taken_);
-  taken_ += entries.size();
+  const std::lock_guard lock(mutex_);
+  std::vector<Entry> entries = entries_from(taken_);
+  taken_ = gone_ + records_.size();
   return entries;
 }
 
 std::vector<Journal::Entry> Journal::since(size_t index) const {
   const std::lock_guard lock(mutex_);
+  return entries_from(index);
+}
+
+std::vector<Journal::Entry> Journal::entries_from(size_t index) const {
   std::vector<Entry> entries;
-  for (size_t i = index; i < records_.size(); ++i) {
-    entries.push_back(entry(records_[i]));
+  for (size_t i = std::max(index, gone_); i < gone_ + records_.size(); ++i) {
+    entries.push_back(entry(records_[i - gone_]));
   }
   return entries;
 }
 
 size_t Journal::size() const {
   const std::lock_guard lock(mutex_);
-  return records_.size();
+  return gone_ + records_.size();
 }
 
 bool Journal::wait_more(size_t size, std::chrono::milliseconds limit) const {
   std::unique_lock lock(mutex_);
-  return added_.wait_for(lock, limit, [&] { return records_.size() > size; });
+  return added_.wait_for(lock, limit, [&] { return gone_ + records_.size() > size; });
 }
 
 std::string log_entry(const std::string& bytes, const std::string& program) {
@@ -145,9 +155,24 @@ static std::map<std::string, std::vector<size_t>> by_stream(
   return streams;
 }
 
+// "read FILE at PLACE SIZE" for a seek and the read or write that follows it in the same file;
+// empty for others.
+static std::string placed(const std::string& seek, const std::string& next) {
+  static const std::regex kSeek("seek (\\S+) (0x[0-9a-f]+)");
+  static const std::regex kNext("(read|write) (\\S+) (.*)");
+  std::smatch from;
+  std::smatch to;
+  if (!std::regex_match(seek, from, kSeek) || !std::regex_match(next, to, kNext) ||
+      from[1] != to[2]) {
+    return "";
+  }
+  return to[1].str() + " " + to[2].str() + " at " + from[2].str() + " " + to[3].str();
+}
+
 std::vector<Journal::Entry> fold(const std::vector<Journal::Entry>& entries,
                                  const std::string& line) {
   std::vector<bool> folded(entries.size(), false);
+  std::vector<Journal::Entry> all = entries;
   for (const auto& [stream, places] : by_stream(entries)) {
     std::vector<Journal::Entry> own;
     for (const size_t place : places) {
@@ -158,6 +183,11 @@ std::vector<Journal::Entry> fold(const std::vector<Journal::Entry>& entries,
       if (is_reply(own, i, &reply)) {
         folded[places[i]] = folded[places[i + 1]] = folded[places[i + 3]] = true;
         i += 3;
+      } else if (const std::string text =
+                     i + 1 < own.size() ? placed(own[i].text, own[i + 1].text) : "";
+                 !text.empty()) {
+        folded[places[i]] = true;
+        all[places[i + 1]].text = text;
       }
     }
     const std::string head = "D [FTM-AT]at_command_thread, ";
@@ -170,7 +200,7 @@ std::vector<Journal::Entry> fold(const std::vector<Journal::Entry>& entries,
   std::vector<Journal::Entry> left;
   for (size_t i = 0; i < entries.size(); ++i) {
     if (!folded[i]) {
-      left.push_back(entries[i]);
+      left.push_back(all[i]);
     }
   }
   return left;

@@ -7,7 +7,7 @@
 //   write /sys/class/leds/red/brightness 255\n
 //   wait 100 ms
 //
-// Bytes stand as visible() shows them.
+// Bytes stand as visible() shows them. The latest half million entries at most are kept.
 
 #pragma once
 
@@ -42,7 +42,7 @@ class Journal {
 
   // The entries since the last take, in order.
   std::vector<Entry> take();
-  // The entries from an index on; how many there are in all.
+  // The entries from an index on that are kept still; how many there have been in all.
   std::vector<Entry> since(size_t index) const;
   size_t size() const;
   // Waits until there are more than that many. False when the limit passes first.
@@ -53,27 +53,34 @@ class Journal {
     pid_t thread;  // 0 for a program
     std::string text;
   };
+  static constexpr size_t kMostEntries = 500'000;
+  static constexpr size_t kMostThreads = 10'000;
+
+  std::vector<Entry> entries_from(size_t index) const;
   Entry entry(const Record& record) const;
   void note_thread(pid_t thread);
 
   mutable std::mutex mutex_;
   mutable std::condition_variable added_;
   std::vector<Record> records_;
+  size_t gone_ = 0;  // older entries, which are no longer kept
   size_t taken_ = 0;
   pid_t daemon_ = 0;
   pid_t worker_ = 0;
   // In the order in which they were made; the names are given when entries are read, because only
   // then it is known which of them is the worker.
   std::vector<pid_t> threads_;
+  int threads_gone_ = 0;
 };
 
 // A log line as the desk's log writes it ("TAG P DATE TIME PID TID TEXT\n") as an entry; empty when
 // the bytes are none. program is the tag of lines without one.
 std::string log_entry(const std::string& bytes, const std::string& program);
 
-// What is always the same around a command folds into its reply: the three log lines of a reply
-// that was written whole, and the worker's two around the line that it was given. Anything else
-// stays as it is. line is what was sent, empty when these entries belong to no line.
+// A seek folds into the read or write that follows it in the file ("read FILE at 0x40 8"), and what
+// is always the same around a command into its reply: the three log lines of a reply that was
+// written whole, and the worker's two around the line that it was given. Anything else stays as it
+// is. line is what was sent, empty when these entries belong to no line.
 std::vector<Journal::Entry> fold(const std::vector<Journal::Entry>& entries,
                                  const std::string& line);
 

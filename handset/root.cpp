@@ -4,6 +4,8 @@
 
 #include <fstream>
 #include <iterator>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 
 namespace handset {
@@ -39,11 +41,14 @@ void lay_root(const fs::path& root) {
 
 static std::string content(const fs::path& file) {
   std::ifstream stream(file, std::ios::binary);
+  if (!fs::is_regular_file(file) || !stream) {
+    throw std::runtime_error("cannot read " + file.string());
+  }
   return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 static void lay_properties(const fs::path& file, const fs::path& root) {
-  std::ifstream stream(file);
+  std::istringstream stream(content(file));
   for (std::string line; std::getline(stream, line);) {
     const size_t equals = line.find('=');
     if (!line.empty() && line[0] != '#' && equals != std::string::npos) {
@@ -54,6 +59,9 @@ static void lay_properties(const fs::path& file, const fs::path& root) {
 }
 
 void lay_profile(const fs::path& profile, const fs::path& root, Nodes* nodes) {
+  if (!fs::is_directory(profile)) {
+    throw std::runtime_error("no folder of a phone: " + profile.string());
+  }
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator(profile)) {
     const fs::path place = entry.path().lexically_relative(profile);
     const std::string tree = place.begin()->string();
@@ -61,10 +69,12 @@ void lay_profile(const fs::path& profile, const fs::path& root, Nodes* nodes) {
       fs::create_directories(root / place);
     } else if (place == "properties") {
       lay_properties(entry.path(), root);
-    } else if (place == "sensors") {
-      continue;  // the sensor hub's own
+    } else if (place == "sensors" || place == "about" || place == "script") {
+      continue;  // the sensor hub's own, and what is no file of the phone
     } else if (tree == "sys" || tree == "proc") {
       nodes->set((fs::path("/") / place).string(), content(entry.path()));
+    } else if (!entry.is_symlink() && !entry.is_regular_file()) {
+      throw std::runtime_error("neither a file nor a link: " + entry.path().string());
     } else {
       fs::remove(root / place);
       fs::copy(entry.path(), root / place, fs::copy_options::copy_symlinks);

@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <linux/input-event-codes.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
@@ -18,6 +19,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "handset/console/broken_phones.h"
 #include "handset/models/partitions.h"
 #include "handset/visible.h"
 
@@ -178,6 +180,12 @@ void link(Handset& phone, const Line& line, std::ostream&) {
   fs::create_symlink(line[2], phone.path(absolute(line[1])));
 }
 
+void fifo(Handset& phone, const Line& line, std::ostream&) {
+  if (mkfifo(phone.path(absolute(line[1])).c_str(), 0666) != 0) {
+    refuse(strerror(errno));
+  }
+}
+
 void cut(Handset& phone, const Line& line, std::ostream&) {
   fs::resize_file(phone.path(absolute(line[1])), number<uint64_t>(line[2]));
 }
@@ -224,7 +232,8 @@ const std::map<std::string, int> kFailingCalls = {
     {"seek", SYS_lseek},    {"sync", SYS_fsync},         {"datasync", SYS_fdatasync},
     {"pread", SYS_pread64}, {"truncate", SYS_ftruncate},
 #ifdef SYS_unlink
-    {"unlink", SYS_unlink}, {"mkdir", SYS_mkdir},        {"chmod", SYS_chmod},
+    {"access", SYS_access}, {"unlink", SYS_unlink},      {"mkdir", SYS_mkdir},
+    {"chmod", SYS_chmod},   {"rename", SYS_rename},
 #endif
 };
 
@@ -244,8 +253,10 @@ Faults::Which which_calls(const Line& line, size_t place) {
 }
 
 void fail(Handset& phone, const Line& line, std::ostream&) {
-  if (line[1] == "thread" || line[1] == "process") {
-    phone.fail(line[1], SYS_clone3, error_number(line[2]));
+  static const std::map<std::string, int> kNoPaths = {
+      {"thread", SYS_clone3}, {"process", SYS_clone3}, {"socket", SYS_shutdown}};
+  if (const auto other = kNoPaths.find(line[1]); other != kNoPaths.end()) {
+    phone.fail(line[1], other->second, error_number(line[2]));
     return;
   }
   if (line.size() < 4) {
@@ -285,12 +296,20 @@ Handset::Key key_named(Handset& phone, const std::string& name) {
   return *key;
 }
 
+// The power key is one of the phone's wakeup sources, whoever listens to it.
+void wake_by(Handset& phone, const InputDevice* device) {
+  if (device == &phone.power_key) {
+    phone.power.wakeup_event();
+  }
+}
+
 void keys(Handset& phone, const Line& line, std::ostream& out) {
   bool waiting = false;
   for (size_t i = 1; i < line.size(); ++i) {
     const Handset::Key key = key_named(phone, line[i]);
     waiting = waiting || !key.device->listening();
     key.device->press(key.code);
+    wake_by(phone, key.device);
   }
   out << (waiting ? "pressed as soon as AT+KEY listens\n" : "");
 }
@@ -298,12 +317,25 @@ void keys(Handset& phone, const Line& line, std::ostream& out) {
 void press(Handset& phone, const Line& line, std::ostream& out) {
   for (size_t i = 1; i < line.size(); ++i) {
     const Handset::Key key = key_named(phone, line[i]);
-    if (key.device->listening()) {
+    if (key.device->held(key.code)) {
+      out << line[i] << " is held already\n";
+    } else if (key.device->listening()) {
       key.device->press(key.code);
     } else {
       out << line[i] << " is lost: nobody listens\n";
     }
+    wake_by(phone, key.device);
   }
+}
+
+void hold(Handset& phone, const Line& line, std::ostream&) {
+  const Handset::Key key = key_named(phone, line[1]);
+  key.device->hold(key.code);
+}
+
+void let_go(Handset& phone, const Line& line, std::ostream&) {
+  const Handset::Key key = key_named(phone, line[1]);
+  key.device->let_go(key.code);
 }
 
 InputDevice& input_device(Handset& phone, const std::string& name) {
@@ -320,6 +352,7 @@ void event(Handset& phone, const Line& line, std::ostream&) {
   } else {
     device.send(number<uint16_t>(line[2]), number<int32_t>(line[3]));
   }
+  wake_by(phone, &device);
 }
 
 void fail_input(Handset& phone, const Line& line, std::ostream&) {
@@ -344,17 +377,19 @@ void mixer(Handset& phone, const Line& line, std::ostream& out) {
 }
 
 void set_mixer(Handset& phone, const Line& line, std::ostream&) {
-  if (phone.sound.show(line.rest(2)).empty()) {
-    refuse("no such control: " + line.rest(2));
+  if (!phone.sound.set(line.rest(2), line[1])) {
+    refuse("no such control or item: " + line.rest(2) + " = " + line[1]);
   }
-  phone.sound.set(line.rest(2), line[1]);
 }
 
 void fail_mixer(Handset& phone, const Line& line, std::ostream&) {
-  if (phone.sound.show(line.rest(2)).empty()) {
-    refuse("no such control: " + line.rest(2));
+  const std::map<std::string, SoundCard::Access> accesses = {{"read", SoundCard::Access::kRead},
+                                                             {"write", SoundCard::Access::kWrite}};
+  const std::string control = line.rest(3);
+  if (phone.sound.show(control).empty()) {
+    refuse("no such control: " + control);
   }
-  phone.sound.fail(line.rest(2), error_number(line[1]));
+  phone.sound.fail(control, choice(accesses, line[1]), error_number(line[2]));
 }
 
 // The codec's detector measures when its second setting is written.
@@ -528,6 +563,24 @@ void greeting(Handset& phone, const Line& line, std::ostream&) {
   phone.hub_service.set_greeting(unescaped(line.rest(1)));
 }
 
+void late_sensor(Handset& phone, const Line& line, std::ostream&) {
+  if (!phone.sensors.set_late(line[1], std::chrono::milliseconds(number<int>(line[2])))) {
+    refuse("no such sensor: " + line[1]);
+  }
+}
+
+void hub_lifetime(Handset& phone, const Line& line, std::ostream&) {
+  phone.hub_service.set_lifetime(std::chrono::milliseconds(number<int>(line[1])));
+}
+
+void spoil_hub(Handset& phone, const Line& line, std::ostream&) {
+  const std::map<std::string, HubService::Spoilt> kinds = {
+      {"nothing", HubService::Spoilt::kNothing},
+      {"responses", HubService::Spoilt::kResponses},
+      {"heads", HubService::Spoilt::kHeads}};
+  phone.hub_service.set_spoilt(choice(kinds, line[1]));
+}
+
 void hub(Handset& phone, const Line& line, std::ostream&) {
   struct State {
     SensorHub::State hub;
@@ -562,8 +615,8 @@ void power(Handset& phone, const Line&, std::ostream& out) {
   out << "\n";
 }
 
-void wait_asleep(Handset& phone, const Line&, std::ostream&) {
-  if (!phone.power.wait_asleep()) {
+void asleep(Handset& phone, const Line&, std::ostream&) {
+  if (!phone.power.asleep()) {
     refuse("the phone does not sleep");
   }
 }
@@ -582,6 +635,9 @@ void wake(Handset& phone, const Line&, std::ostream&) {
 }
 
 void wake_lock(Handset& phone, const Line& line, std::ostream&) {
+  if (phone.power.asleep()) {
+    refuse("the phone sleeps: no process of it runs");
+  }
   const int error =
       choice(std::map<std::string, bool>{{"taken", true}, {"dropped", false}}, line[2])
           ? phone.power.store_wake_lock(line[1])
@@ -620,16 +676,13 @@ void log(Handset& phone, const Line& line, std::ostream& out) {
   }
 }
 
-void wait(Handset& phone, const Line& line, std::ostream& out) {
-  phone.serial.wait_replies(1, std::chrono::seconds(number<int>(line[1])));
+void wait(Handset& phone, const Line&, std::ostream& out) {
   for (const std::string& reply : phone.serial.take_replies()) {
     out << "< " << visible(reply) << "\n";
   }
 }
 
-void pause(Handset&, const Line& line, std::ostream&) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(number<int>(line[1])));
-}
+void pause(Handset&, const Line&, std::ostream&) {}
 
 void waits(Handset& phone, const Line& line, std::ostream&) {
   phone.clock.set_factor(number<double>(line[1]));
@@ -647,6 +700,19 @@ void tty(Handset& phone, const Line& line, std::ostream&) {
     refuse("no speed: " + line[2]);
   }
   phone.serial.set_tty(choice(settings, line[1]), speed);
+}
+
+void late(Handset& phone, const Line& line, std::ostream&) {
+  phone.serial.set_late(std::chrono::milliseconds(number<uint16_t>(line[1])));
+}
+
+void torn(Handset& phone, const Line& line, std::ostream&) {
+  const int pause = line.size() > 2 ? number<uint16_t>(line[2]) : 0;
+  phone.serial.set_torn(number<uint16_t>(line[1]), std::chrono::milliseconds(pause));
+}
+
+void cut_replies(Handset& phone, const Line& line, std::ostream&) {
+  phone.serial.cut_replies(line[1] == "works" ? -1 : number<uint16_t>(line[1]));
 }
 
 void where(Handset& phone, const Line&, std::ostream& out) {
@@ -667,8 +733,22 @@ void start(Handset& phone, const Line& line, std::ostream&) {
   phone.start(options);
 }
 
+void end_of_reboot(Handset& phone, const Line&, std::ostream&) {
+  phone.nodes.restart();
+  phone.serial.drop_unread();
+  phone.start({.faults = true});
+}
+
+void broken(Handset& phone, const Line& line, std::ostream& out) {
+  if (line.size() == 1) {
+    print_broken_phones(out);
+  } else {
+    break_phone(&phone, line.rest(1));
+  }
+}
+
 void end(Handset& phone, const Line&, std::ostream& out) {
-  const auto status = phone.wait_exit();
+  const auto status = phone.wait_exit(std::chrono::seconds(0));
   if (!status.has_value()) {
     refuse("the daemon runs on");
   }
@@ -683,31 +763,76 @@ void help(Handset&, const Line&, std::ostream& out) {
   print_dot_commands(out);
 }
 
+void only_session(Handset&, const Line& line, std::ostream&) {
+  refuse("not in a script: " + line[0]);
+}
+
+// ---- what is waited for
+
+// A condition, asked again and again, and how long at most.
+struct Wait {
+  std::function<bool()> come;
+  std::chrono::milliseconds limit;
+};
+
+constexpr std::chrono::seconds kPatience(20);
+
+Wait for_reply(Handset& phone, const Line& line) {
+  return {[&phone] { return phone.serial.wait_replies(1, std::chrono::seconds(0)); },
+          std::chrono::seconds(number<uint16_t>(line[1]))};
+}
+
+Wait for_time(Handset&, const Line& line) {
+  return {[] { return false; }, std::chrono::milliseconds(number<uint32_t>(line[1]))};
+}
+
+Wait for_sleep(Handset& phone, const Line&) {
+  return {[&phone] { return phone.power.asleep(); }, kPatience};
+}
+
+Wait for_end(Handset& phone, const Line&) {
+  return {[&phone] { return phone.wait_exit(std::chrono::seconds(0)).has_value(); }, kPatience};
+}
+
+// The phone goes down at once and stays so for a while.
+Wait for_reboot(Handset& phone, const Line& line) {
+  phone.stop();
+  return {[] { return false; }, std::chrono::milliseconds(number<uint16_t>(line[1]))};
+}
+
 struct DotCommand {
   const char* name;
   const char* arguments;
   const char* meaning;
   size_t least_words;
   void (*run)(Handset&, const Line&, std::ostream&);
+  Wait (*wait)(Handset&, const Line&) = nullptr;  // before run
 };
 
 // Values take the escapes \n, \r, \t, \\, \xHH, and \{512*k} for 512 times "k".
 const DotCommand kDotCommands[] = {
     {".help", "", "this list", 1, help},
+    {".commands", "[WORD]",
+     "the phone's commands, all or those that have to do with this (not in a script)", 1,
+     only_session},
+    {".explain", "", "what the last replies mean (not in a script)", 1, only_session},
     {".node", "PATH [VALUE]", "show a kernel node, or set it (a line feed is added)", 2, node},
     {".nodebytes", "PATH BYTES", "set a kernel node to exactly these bytes", 2, node_bytes},
     {".remove", "PATH", "take a node, a file or a folder away", 2, remove},
     {".fail", "PATH CALL ERROR|works [N]",
-     "make open, read, write, seek, sync, datasync, pread, truncate, unlink, mkdir or chmod fail; "
-     "only the Nth from now, or N-M",
+     "make open, read, write, seek, sync, datasync, pread, truncate, access, unlink, mkdir, chmod "
+     "or "
+     "rename (to PATH) fail; only the Nth from now, or N-M",
      3, fail},
-    {".fail", "thread|process ERROR|works", "make no new one", 3, fail},
+    {".fail", "thread|process|socket ERROR|works", "make no new one; let no socket be shut down", 3,
+     fail},
     {".short", "PATH read|write BYTES [N]",
      "let a read or write move that many bytes at most, until .fail says that it works", 4,
      shorten},
     {".file", "PATH [TEXT]", "show a file or folder of the phone, or make the file", 2, file},
     {".folder", "PATH", "make a folder", 2, folder},
     {".link", "PATH TARGET", "make a symbolic link", 3, link},
+    {".fifo", "PATH", "make a FIFO", 2, fifo},
     {".cut", "PATH SIZE", "make a file or partition that long", 3, cut},
     {".bytes", "PATH OFFSET SIZE | PATH OFFSET = BYTES", "show or set bytes of a partition", 4,
      bytes},
@@ -717,6 +842,8 @@ const DotCommand kDotCommands[] = {
     {".key", "power|volup|voldown ...", "press keys, now or as soon as AT+KEY listens", 2, keys},
     {".press", "power|volup|voldown ...",
      "press keys now, as a hand does: lost when nobody listens", 2, press},
+    {".hold", "power|volup|voldown", "press a key and keep it down, until it is let go", 2, hold},
+    {".letgo", "power|volup|voldown", "let go of a key that is held", 2, let_go},
     {".event", "event0|1|2 CODE VALUE | event0|1|2 raw BYTES",
      "an input device reports a key's event, or these bytes", 4, event},
     {".eventfail", "event0|1|2 types|epoll",
@@ -726,7 +853,8 @@ const DotCommand kDotCommands[] = {
     {".mixer", "CONTROL", "a mixer control's values", 2, mixer},
     {".mixerset", "VALUE CONTROL", "set a control's first value: a number or an item", 3,
      set_mixer},
-    {".mixerfail", "ERROR|works CONTROL", "make writes of a control fail", 3, fail_mixer},
+    {".mixerfail", "read|write ERROR|works CONTROL", "make reads or writes of a control fail", 4,
+     fail_mixer},
     {".crack", "VALUE ENABLE INTERRUPT",
      "what the die-crack detector measures at these two settings", 4, crack},
     {".camerafail", "NUMBER up|down|control ERROR|works", "make a camera's request fail", 4,
@@ -748,53 +876,114 @@ const DotCommand kDotCommands[] = {
      "put a sensor behind the hub; EVENT is the message id of its samples", 5, set_sensor},
     {".hub", "healthy|silent|garbage|refusing|absent|MS",
      "how the sensor hub is, or how long each of its answers takes", 2, hub},
+    {".hublate", "SENSOR MS",
+     "a lookup finds the sensor that much after its first answer, with a second one", 3,
+     late_sensor},
+    {".hubleave", "MS", "the hub hangs up on each client that long after it has come; 0 never", 2,
+     hub_lifetime},
+    {".hubspoil", "nothing|responses|heads",
+     "responses come without an outcome, or packets with a wrong length in their heads", 2,
+     spoil_hub},
     {".hubperiod", "MS", "the time between samples, 0 for what is asked for", 2, sample_period},
     {".hubevents", "[ID...]", "events without payload that come when a sensor is enabled", 1,
      extra_events},
     {".hubgreeting", "[BYTES]", "a report that each client of the hub is sent first", 1, greeting},
     {".panel", "FILE.png", "what the panel shows, as a picture", 2, panel},
     {".power", "", "asleep or awake, the alarm, the wake locks", 1, power},
-    {".asleep", "", "wait until the phone sleeps", 1, wait_asleep},
+    {".asleep", "", "wait until the phone sleeps", 1, asleep, for_sleep},
     {".alarm", "", "let the RTC's alarm wake the phone now", 1, alarm},
-    {".wake", "", "wake the phone by an event from outside", 1, wake},
-    {".wakelock", "NAME taken|dropped", "what another process does with a wake lock", 3, wake_lock},
+    {".wake", "", "wake the phone by an event from outside (the power key does so, too)", 1, wake},
+    {".wakelock", "NAME taken|dropped",
+     "what another process does with a wake lock while the phone is awake", 3, wake_lock},
     {".journal", "[KIND|raw|on|off]",
      "what the daemon has done since the last look, or with each command (console)", 1, journal},
     {".log", "[LINES]", "the end of the daemon's log", 1, log},
     {".wait", "SECONDS", "wait for a reply that comes after its command, that long at most", 2,
-     wait},
-    {".pause", "MS", "wait, as a script between commands", 2, pause},
+     wait, for_reply},
+    {".pause", "MS", "wait, as a script between commands", 2, pause, for_time},
     {".waits", "FACTOR", "what part of its time each wait takes: 1 all, 0 none", 2, waits},
     {".tty", "raw|canonical|default|uart [BITS/S]",
      "the settings of the phone's tty: raw is the first; uart tears what is sent", 2, tty},
+    {".late", "MS", "replies reach a program on the line that much later", 2, late},
+    {".torn", "BYTES [MS]",
+     "replies reach it in parts of so many bytes, 0 for whole, with a pause after each", 2, torn},
+    {".cutreplies", "BYTES|works", "the line takes so many bytes of each reply and no more", 2,
+     cut_replies},
+    {".broken", "[NAME|DIR]", "break the phone in a way of the list, or of a folder", 1, broken},
+    {".reboot", "MS",
+     "the phone restarts and is away that long; nodes that it wrote are as before, files stay", 2,
+     end_of_reboot, for_reboot},
     {".line", "", "where another serial program attaches", 1, where},
     {".start", "[no-line] [no-wait]",
      "start the daemon, anew if it runs; without a serial line, without waiting for it", 1, start},
-    {".end", "", "wait for the daemon's end", 1, end},
+    {".end", "", "wait for the daemon's end", 1, end, for_end},
 };
 
 }  // namespace
 
-bool run_dot_command(Handset* phone, const std::string& text, std::ostream& out) {
+static Line split(const std::string& text) {
   std::istringstream stream(text);
-  const Line line{{std::istream_iterator<std::string>(stream), {}}, text};
+  return {{std::istream_iterator<std::string>(stream), {}}, text};
+}
+
+// Null when there is none of that name.
+static const DotCommand* command_of(const Line& line) {
   const auto* command = std::find_if(std::begin(kDotCommands), std::end(kDotCommands),
                                      [&](const DotCommand& c) { return line[0] == c.name; });
-  if (command == std::end(kDotCommands)) {
+  return command == std::end(kDotCommands) ? nullptr : command;
+}
+
+// A command without arguments takes none.
+static bool fits(const DotCommand& command, const Line& line) {
+  return line.size() >= command.least_words && (*command.arguments != '\0' || line.size() == 1);
+}
+
+std::function<bool()> dot_command_wait(Handset* phone, const std::string& text) {
+  const Line line = split(text);
+  const DotCommand* command = command_of(line);
+  if (command == nullptr || command->wait == nullptr || !fits(*command, line)) {
+    return [] { return true; };
+  }
+  try {
+    const Wait wait = command->wait(*phone, line);
+    return [wait, until = std::chrono::steady_clock::now() + wait.limit] {
+      return wait.come() || std::chrono::steady_clock::now() >= until;
+    };
+  } catch (const std::invalid_argument&) {
+    return [] { return true; };  // finish_dot_command says why
+  }
+}
+
+bool finish_dot_command(Handset* phone, const std::string& text, std::ostream& out) {
+  const Line line = split(text);
+  const DotCommand* command = command_of(line);
+  if (command == nullptr) {
     out << "no such command: " << line[0] << "; .help lists them\n";
     return false;
   }
-  if (line.size() < command->least_words) {
-    out << "usage: " << command->name << " " << command->arguments << "\n";
+  if (!fits(*command, line)) {
+    out << "usage: " << command->name << (*command->arguments != '\0' ? " " : "")
+        << command->arguments << "\n";
     return false;
   }
   try {
+    if (command->wait != nullptr) {
+      command->wait(*phone, line);  // refuses what is no number
+    }
     command->run(*phone, line, out);
   } catch (const std::exception& error) {
     out << error.what() << "\n";
     return false;
   }
   return true;
+}
+
+bool run_dot_command(Handset* phone, const std::string& line, std::ostream& out) {
+  const std::function<bool()> over = dot_command_wait(phone, line);
+  while (!over()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return finish_dot_command(phone, line, out);
 }
 
 std::vector<std::string> dot_command_names() {

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -15,6 +16,11 @@ namespace handset {
 // Runs a line that begins with a dot and prints what it has to say. False when the line is none
 // that can be carried out; out then has one line that says why.
 bool run_dot_command(Handset* phone, const std::string& line, std::ostream& out);
+
+// The same in two steps, for those who do something else meanwhile: what the line waits for, true
+// once that is there or its time is over, and then the line itself. Most lines wait for nothing.
+std::function<bool()> dot_command_wait(Handset* phone, const std::string& line);
+bool finish_dot_command(Handset* phone, const std::string& line, std::ostream& out);
 
 // The commands' names, and the list of them that ".help" prints.
 std::vector<std::string> dot_command_names();

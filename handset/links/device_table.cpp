@@ -44,7 +44,7 @@ Answer DeviceTable::open(const TrappedCall& call, const std::string& path) {
     files_[name] = std::move(opened.file);
     arriving_ = name;
   }
-  return Answer::descriptor(opened.fd);
+  return Answer::descriptor(opened.fd, static_cast<int>(call.arguments[2]));
 }
 
 Answer DeviceTable::ioctl(const TrappedCall& call) {

@@ -3,6 +3,7 @@
 #include "handset/links/faults.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -46,8 +47,7 @@ std::optional<Faults::Fault> Faults::take(const std::string& path, int call) {
   return fault.which.first > 1 ? std::nullopt : std::optional(fault);
 }
 
-// Does the first bytes of a read or write on the caller's own open file.
-static Answer move_some(const TrappedCall& call, size_t most) {
+Answer move_some(const TrappedCall& call, size_t most) {
   const int file = call.duplicate(call.descriptor());
   if (file < 0) {
     return Answer::fail(errno);
@@ -71,30 +71,53 @@ Answer Faults::open(const std::string& path) {
   return Answer::fail(fault.has_value() ? fault->error : 0);
 }
 
-// What the call is on, as fail() names it.
-static std::string target(const TrappedCall& call) {
+// A path as fail() names it; the daemon works in "/".
+static std::string named(const std::string& path) {
+  return path.starts_with('/') ? path : "/" + path;
+}
+
+std::string target(const TrappedCall& call) {
   switch (call.number) {
     case SYS_clone3: {
       uint64_t flags = 0;  // the first field of the caller's record
       call.read(call.arguments[0], &flags, sizeof(flags));
       return (flags & CLONE_THREAD) != 0 ? "thread" : "process";
     }
+    case SYS_shutdown:
+      return "socket";
+    case SYS_unlinkat: {
+      const std::string name = call.text(call.arguments[1]);
+      return call.descriptor() == AT_FDCWD ? named(name)
+                                           : call.link(call.descriptor()) + named(name);
+    }
 #ifdef SYS_unlink
+    case SYS_access:
     case SYS_unlink:
     case SYS_mkdir:
     case SYS_chmod:
-      return call.text(call.arguments[0]);
+      return named(call.text(call.arguments[0]));
+    case SYS_rename:
+      return named(call.text(call.arguments[1]));
 #endif
     default:
       return call.link(call.descriptor());
   }
 }
 
+// The call that fail() knows it by.
+static int known_as(int call) {
+#ifdef SYS_unlink
+  return call == SYS_unlinkat ? SYS_unlink : call;
+#else
+  return call;
+#endif
+}
+
 Answer Faults::answer(const TrappedCall& call) {
   if (none()) {
     return Answer::kernel();  // without looking at what the call is on
   }
-  const std::optional<Fault> fault = take(target(call), call.number);
+  const std::optional<Fault> fault = take(target(call), known_as(call.number));
   if (!fault.has_value()) {
     return Answer::kernel();
   }

@@ -14,6 +14,13 @@
 
 namespace handset {
 
+// What a call is on, as Faults::fail names it; empty where that is nothing.
+std::string target(const TrappedCall& call);
+
+// Does the first bytes, most of them, of a read or write on the caller's own open file. Not where
+// that would wait.
+Answer move_some(const TrappedCall& call, size_t most);
+
 class Faults {
  public:
   // Which calls from now on, the first being 1.
@@ -22,8 +29,9 @@ class Faults {
     int last = INT_MAX;
   };
 
-  // The call (SYS_...) on the path fails with an errno; with error 0 it works again. For SYS_clone3
-  // the "path" is "thread" or "process".
+  // The call (SYS_...) on the path fails with an errno; with error 0 it works again. A rename's
+  // path is the new name; for SYS_clone3 the "path" is "thread" or "process", for SYS_shutdown
+  // "socket".
   void fail(const std::string& path, int call, int error, const Which& which);
   // A read or write on the path moves this many bytes at most.
   void shorten(const std::string& path, int call, size_t most, const Which& which);

@@ -47,10 +47,11 @@ static std::string packet(qmi::PacketKind kind, uint16_t txn, uint16_t msg_id,
   return std::string(head, head + sizeof(head)) + body;
 }
 
-// No error, the client's id, result 0.
-static std::string response(uint16_t txn) {
+// No error, unless the outcome is left out, the client's id, result 0.
+static std::string response(uint16_t txn, bool outcome) {
   return packet(qmi::kResponse, txn, kRequestMessage,
-                field(0x02, number(0, 4)) + field(0x10, number(1, 8)) + field(0x11, number(0, 4)));
+                (outcome ? field(0x02, number(0, 4)) : "") + field(0x10, number(1, 8)) +
+                    field(0x11, number(0, 4)));
 }
 
 // The client's id, and the payload behind its own length.
@@ -144,6 +145,16 @@ void HubService::set_greeting(const std::string& payload) {
   greeting_ = payload;
 }
 
+void HubService::set_lifetime(std::chrono::milliseconds time) {
+  const std::lock_guard lock(mutex_);
+  lifetime_ = time;
+}
+
+void HubService::set_spoilt(Spoilt spoilt) {
+  const std::lock_guard lock(mutex_);
+  spoilt_ = spoilt;
+}
+
 // ---- the service's time
 
 HubService::Time HubService::now() const {
@@ -179,14 +190,18 @@ bool HubService::settled() const {
          poll(unread.data(), unread.size(), 0) == 0;
 }
 
+void HubService::set_patience(std::chrono::milliseconds patience) {
+  const std::lock_guard lock(mutex_);
+  patience_ = patience;
+}
+
 std::function<bool()> HubService::skip(nanoseconds time) {
-  constexpr std::chrono::seconds kPatience(10);  // a daemon that hangs is waited for no longer
   const std::lock_guard lock(mutex_);
   stepped_ = now();
   ++skips_;
   // Ends with the last copy of the function.
   const std::shared_ptr<void> skip(nullptr, [this](void*) { end_skip(); });
-  return [this, skip, target = now() + time, give_up = steady_clock::now() + kPatience] {
+  return [this, skip, target = now() + time, give_up = steady_clock::now() + patience_] {
     return skip_towards(target, give_up);
   };
 }
@@ -252,6 +267,9 @@ void HubService::accept_client() {
     if (!greeting_.empty()) {
       queue_packet(last_client_, report(greeting_));
     }
+    if (lifetime_.count() > 0) {
+      queue_.insert({now() + lifetime_, {.client = last_client_, .hang_up = true}});
+    }
   }
 }
 
@@ -298,7 +316,7 @@ void HubService::answer(int id, uint16_t txn, const std::string& body) {
   if (!reply.has_value()) {
     return;
   }
-  queue_packet(id, response(txn));
+  queue_packet(id, response(txn, spoilt_ != Spoilt::kResponses));
   for (const std::string& payload : reply->reports) {
     queue_packet(id, report(payload));
   }
@@ -309,6 +327,9 @@ void HubService::answer(int id, uint16_t txn, const std::string& body) {
 }
 
 void HubService::queue_packet(int id, std::string packet) {
+  if (spoilt_ == Spoilt::kHeads) {
+    ++packet[qmi::kHeadSize - 2];  // of the length
+  }
   queue_.insert({now() + delay_, {.client = id, .packet = std::move(packet)}});
 }
 
@@ -324,6 +345,10 @@ void HubService::send_due() {
     const Time time = next->first;
     Outgoing due = std::move(next->second);
     next = queue_.erase(next);
+    if (due.hang_up) {
+      drop(due.client);
+      return;  // what else is due comes with the loop's next turn
+    }
     if (due.stream.has_value()) {
       const std::optional<std::string> payload = due.stream->next();
       if (!payload.has_value()) {

@@ -50,6 +50,18 @@ class HubService {
   void set_delay(std::chrono::milliseconds answer);
   // Each client that connects is first sent this as a report's payload, unless empty.
   void set_greeting(const std::string& payload);
+  // Each client that connects is hung up on after this time; 0: none is.
+  void set_lifetime(std::chrono::milliseconds time);
+  // What is wrong with the packets from now on.
+  enum class Spoilt {
+    kNothing,
+    kResponses,  // they lack their outcome
+    kHeads,      // they tell a wrong length
+  };
+  void set_spoilt(Spoilt spoilt);
+
+  // A client that handles nothing is waited for no longer than that in skip: 10 s unless set.
+  void set_patience(std::chrono::milliseconds patience);
 
   // The service's time goes ahead by this much: what falls due meanwhile is sent and handled by the
   // clients before the returned function (to be asked again and again) says true. As long as that
@@ -70,6 +82,7 @@ class HubService {
     int client = 0;
     std::string packet = {};
     std::optional<Stream> stream = {};  // instead of a packet: its next report
+    bool hang_up = false;               // instead of a packet: the client's end
   };
 
   void loop();
@@ -95,6 +108,9 @@ class HubService {
   Handler handler_;
   std::chrono::milliseconds delay_{0};
   std::string greeting_;
+  std::chrono::milliseconds lifetime_{0};
+  Spoilt spoilt_ = Spoilt::kNothing;
+  std::chrono::milliseconds patience_{10'000};
   std::chrono::nanoseconds skipped_{0};
   int skips_ = 0;      // under way
   Time stepped_ = {};  // the time while there are any

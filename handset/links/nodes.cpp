@@ -6,14 +6,18 @@
 
 #include <errno.h>
 #include <fuse.h>
+#include <fuse_lowlevel.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "handset/links/stage.h"
+#include "handset/recent.h"
 
 namespace handset {
 
@@ -53,7 +57,8 @@ struct NodeOperations {
     status->st_nlink = 1;
     if (const auto node = all.nodes_.find(path); node != all.nodes_.end()) {
       status->st_mode = S_IFREG | node->second.mode;
-      status->st_size = 4096;  // what sysfs says of an attribute, whatever it holds
+      // What sysfs says of an attribute, whatever it holds, and procfs of a file.
+      status->st_size = std::string_view(path).starts_with("/sys/") ? 4096 : 0;
     } else if (is_link(path)) {
       status->st_mode = S_IFLNK | 0777;
     } else if (is_folder(all, path)) {
@@ -92,8 +97,10 @@ struct NodeOperations {
     return failure(path, Nodes::Operation::kOpen);
   }
 
+  // What each access begins with.
   static int failure(const char* path, Nodes::Operation operation) {
     Nodes& all = *nodes();
+    all.before_access_();
     const std::lock_guard lock(all.mutex_);
     const auto node = all.nodes_.find(path);
     if (node == all.nodes_.end()) {
@@ -109,9 +116,18 @@ struct NodeOperations {
     }
     Nodes& all = *nodes();
     std::unique_lock lock(all.mutex_);
-    const Nodes::Node node = all.nodes_[path];
+    Nodes::Node node = all.nodes_[path];
     lock.unlock();
-    const std::string value = node.read ? node.read() : node.value;
+    // What a function gives is given once: the rest of a read text does not ask it again.
+    if (node.read && offset == 0) {
+      node.value = node.read();
+      lock.lock();
+      if (const auto read = all.nodes_.find(path); read != all.nodes_.end()) {
+        read->second.value = node.value;
+      }
+      lock.unlock();
+    }
+    const std::string& value = node.value;
     const size_t start = std::min(static_cast<size_t>(offset), value.size());
     const size_t count = std::min(size, value.size() - start);
     std::copy_n(value.data() + start, count, buffer);
@@ -131,8 +147,9 @@ struct NodeOperations {
     }
     // Recorded before a function runs, so that what it brings about comes behind it, and taken back
     // when it fails.
-    all.writes_.push_back({path, bytes});
+    add_recent(&all.writes_, Nodes::Write{path, bytes});
     if (!node->second.write) {
+      node->second.before = node->second.before.value_or(node->second.value);
       node->second.value = bytes;
       return static_cast<int>(size);
     }
@@ -188,6 +205,14 @@ Nodes::~Nodes() {
 void Nodes::set(const std::string& path, const std::string& value) {
   const std::lock_guard lock(mutex_);
   nodes_[path].value = value;
+  nodes_[path].before.reset();
+}
+
+void Nodes::store(const std::string& path, const std::string& value) {
+  const std::lock_guard lock(mutex_);
+  Node& node = nodes_[path];
+  node.before = node.before.value_or(node.value);
+  node.value = value;
 }
 
 std::optional<std::string> Nodes::value(const std::string& path) const {
@@ -202,6 +227,16 @@ std::optional<std::string> Nodes::value(const std::string& path) const {
 void Nodes::remove(const std::string& path) {
   const std::lock_guard lock(mutex_);
   nodes_.erase(path);
+}
+
+void Nodes::restart() {
+  const std::lock_guard lock(mutex_);
+  for (auto& [path, node] : nodes_) {
+    if (node.before.has_value()) {
+      node.value = *std::exchange(node.before, std::nullopt);
+    }
+    node.mode = Node().mode;
+  }
 }
 
 void Nodes::fail(const std::string& path, Operation operation, int error) {
@@ -252,6 +287,24 @@ std::vector<std::string> Nodes::paths() const {
   return all;
 }
 
+// More than can wait in a node at a time: a suspend lasts until the phone wakes.
+static constexpr int kWorkers = 8;
+
+// Until the mount is gone. Not the library's own loop: it cancels its threads, also in the middle
+// of a message on standard error, whose lock then stays taken.
+static void answer_requests(fuse_session* session) {
+  fuse_buf request = {};
+  for (;;) {
+    const int size = fuse_session_receive_buf(session, &request);
+    if (size > 0) {
+      fuse_session_process_buf(session, &request);
+    } else if (size != -EINTR && size != -EAGAIN) {
+      break;
+    }
+  }
+  free(request.mem);
+}
+
 void Nodes::serve(int fuse_fd) {
   wait_unmounted();
   server_ = std::thread([this, fuse_fd] {
@@ -267,9 +320,14 @@ void Nodes::serve(int fuse_fd) {
     // The stage has mounted it already: this form only takes over the descriptor.
     const std::string mounted = "/dev/fd/" + std::to_string(fuse_fd);
     if (fuse_mount(server, mounted.c_str()) == 0) {
-      fuse_loop_config* config = fuse_loop_cfg_create();
-      fuse_loop_mt(server, config);
-      fuse_loop_cfg_destroy(config);
+      std::vector<std::thread> workers;
+      workers.reserve(kWorkers);
+      for (int i = 0; i < kWorkers; ++i) {
+        workers.emplace_back(answer_requests, fuse_get_session(server));
+      }
+      for (std::thread& worker : workers) {
+        worker.join();
+      }
       fuse_unmount(server);
     }
     fuse_destroy(server);

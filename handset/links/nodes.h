@@ -30,9 +30,14 @@ class Nodes {
 
   // Makes the node or changes its value. Paths are absolute and begin with /sys or /proc.
   void set(const std::string& path, const std::string& value);
+  // What a write of the phone makes of the node's value: gone with a restart.
+  void store(const std::string& path, const std::string& value);
   // The node's value, or nothing when there is no such node.
   std::optional<std::string> value(const std::string& path) const;
   void remove(const std::string& path);
+  // The nodes that the phone has written get the values back that they had before, or were given
+  // since: what a restart of the kernel does.
+  void restart();
 
   // Makes an operation fail with an errno from now on; 0 makes it work again.
   void fail(const std::string& path, Operation operation, int error);
@@ -42,11 +47,18 @@ class Nodes {
   void on_read(const std::string& path, std::function<std::string()> function);
   void on_write(const std::string& path, std::function<int(const std::string&)> function);
 
+  // Runs a function before a process opens, reads or writes a node, which waits for it. Set before
+  // serve.
+  void before_access(std::function<void()> function) {
+    before_access_ = std::move(function);
+  }
+
   // In such a function that waits: true when the process that asks has been ended, so that nobody
   // waits for the answer any more.
   static bool caller_interrupted();
 
-  // Stores in the order they came, failed ones not included; take_writes also forgets them.
+  // The latest stores, 100,000 at most, in the order they came, failed ones not included;
+  // take_writes also forgets them.
   std::vector<Write> writes() const;
   std::vector<Write> take_writes();
 
@@ -63,6 +75,7 @@ class Nodes {
 
   struct Node {
     std::string value;
+    std::optional<std::string> before;  // the phone's first write, since the value was given
     mode_t mode = 0644;
     std::map<Operation, int> failing;
     std::function<std::string()> read;
@@ -72,6 +85,7 @@ class Nodes {
   mutable std::mutex mutex_;
   std::map<std::string, Node> nodes_;
   std::vector<Write> writes_;
+  std::function<void()> before_access_ = [] {};
   std::thread server_;
 };
 

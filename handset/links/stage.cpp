@@ -2,10 +2,11 @@
 // traps, exec. A program of its own, because it must run between fork and exec without the threads
 // of the handset. Called by Handset::start only:
 //
-//   handset_stage ROOT SERIAL DAEMON TRAPS
+//   handset_stage ROOT SERIAL DAEMON TRAPS PRELOAD
 //
 // ROOT is the prepared folder, SERIAL the tty that becomes /dev/ttyMSM0 (empty for none), DAEMON
-// the binary that becomes /odm/bin/ftmd, TRAPS the number of a StageTraps. Descriptor kStageSocket
+// the binary that becomes /odm/bin/ftmd, TRAPS the number of a StageTraps, PRELOAD a library of the
+// phone that the daemon is loaded with (empty for none). Descriptor kStageSocket
 // is a seqpacket socket to the handset, which gets the FUSE and the trap descriptor, or one line of
 // text that says what is missing.
 
@@ -181,8 +182,11 @@ static std::vector<sock_filter> trap_program(StageTraps traps) {
   };
   std::for_each(std::begin(kTrappedCalls), std::end(kTrappedCalls), trap);
   std::for_each(std::begin(kJournalCalls), std::end(kJournalCalls), trap);
-  if (traps == StageTraps::kCallsAndFaults) {
+  if (traps == StageTraps::kCallsAndFaults || traps == StageTraps::kEveryCall) {
     std::for_each(std::begin(kFaultCalls), std::end(kFaultCalls), trap);
+  }
+  if (traps == StageTraps::kEveryCall) {
+    std::for_each(std::begin(kOtherCalls), std::end(kOtherCalls), trap);
   }
   // Of all reads only those of the command loop: nothing else here reads in its size.
   add({when(SYS_read, 3), load(argument(2)), when(kSerialReadSize, 1),
@@ -221,7 +225,7 @@ static void refuse_module_calls() {
 }
 
 int main(int argc, char** argv) {
-  if (argc != 5) {
+  if (argc != 6) {
     fprintf(stderr, "handset_stage is started by the handset\n");
     return 2;
   }
@@ -247,6 +251,9 @@ int main(int argc, char** argv) {
   mount_nodes(root);
   enter_root(root);
 
+  if (argv[5][0] != '\0') {
+    setenv("LD_PRELOAD", argv[5], 1);
+  }
   char* const arguments[] = {const_cast<char*>("ftmd"), nullptr};
   // Like init, and unlike whoever started the handset, hand on nothing but 0, 1 and 2.
   close_range(kStageSocket, ~0U, CLOSE_RANGE_CLOEXEC);

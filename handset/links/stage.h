@@ -10,9 +10,9 @@ namespace handset {
 // one is kTraps, kUntrapped or kFailed (the text says why).
 enum class StageMessage : char { kFuse = 'F', kTraps = 'T', kUntrapped = 'U', kFailed = 'E' };
 
-// What the phone's processes are kept from doing alone: nothing, the trapped calls, or these and
-// the calls that Handset::fail makes fail.
-enum class StageTraps { kNone, kCalls, kCallsAndFaults };
+// What the phone's processes are kept from doing alone: nothing, the trapped calls, these and the
+// calls that Handset::fail makes fail, or all that can fail.
+enum class StageTraps { kNone, kCalls, kCallsAndFaults, kEveryCall };
 
 constexpr int kStageSocket = 3;  // the stage's descriptor of the handset
 
@@ -34,7 +34,26 @@ constexpr int kJournalCalls[] = {
 };
 constexpr unsigned kSerialReadSize = 576;
 
-// Reads of every size, which only a handset with faults sees.
-constexpr int kFaultCalls[] = {SYS_read, SYS_pread64};
+// Reads of every size and what else is worth failing, which only a handset with faults sees.
+constexpr int kFaultCalls[] = {
+    SYS_read,
+    SYS_pread64,
+    SYS_shutdown,
+#ifdef SYS_access
+    SYS_access,
+#endif
+};
+
+// What else can fail, which only a handset that looks at every call sees. Not sendmsg: with it the
+// stage hands over the traps.
+constexpr int kOtherCalls[] = {
+    SYS_newfstatat,    SYS_fstat,     SYS_getdents64, SYS_faccessat, SYS_renameat, SYS_mkdirat,
+    SYS_fcntl,         SYS_dup3,      SYS_pipe2,      SYS_wait4,     SYS_mmap,     SYS_mprotect,
+    SYS_epoll_create1, SYS_epoll_ctl, SYS_eventfd2,   SYS_socket,    SYS_connect,  SYS_recvfrom,
+    SYS_recvmsg,       SYS_shutdown,  SYS_ppoll,      SYS_fchown,
+#ifdef SYS_epoll_wait
+    SYS_epoll_wait,    SYS_poll,      SYS_dup2,
+#endif
+};
 
 }  // namespace handset

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
@@ -48,9 +49,12 @@ StageProcess::StageProcess(const Files& files, StageTraps traps) {
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) != 0) {
     throw system_error("cannot make a socket", errno);
   }
-  std::vector<std::string> arguments = {FTM_STAGE, files.root.string(), files.tty,
+  std::vector<std::string> arguments = {files.stage.string(),
+                                        files.root.string(),
+                                        files.tty,
                                         files.daemon.string(),
-                                        std::to_string(static_cast<int>(traps))};
+                                        std::to_string(static_cast<int>(traps)),
+                                        files.preload};
   std::vector<std::string> variables = environment();
 
   posix_spawn_file_actions_t actions;
@@ -60,9 +64,19 @@ StageProcess::StageProcess(const Files& files, StageTraps traps) {
   posix_spawn_file_actions_addopen(&actions, 1, files.output.c_str(), flags, 0644);
   posix_spawn_file_actions_addopen(&actions, 2, files.log.c_str(), flags, 0644);
   posix_spawn_file_actions_adddup2(&actions, sockets[1], kStageSocket);
-  const int error = posix_spawn(&pid_, FTM_STAGE, &actions, nullptr, pointers(&arguments).data(),
-                                pointers(&variables).data());
+  // What the desk's program does with signals is no matter of the phone.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t signals;
+  sigfillset(&signals);
+  posix_spawnattr_setsigdefault(&attributes, &signals);
+  sigemptyset(&signals);
+  posix_spawnattr_setsigmask(&attributes, &signals);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  const int error = posix_spawn(&pid_, files.stage.c_str(), &actions, &attributes,
+                                pointers(&arguments).data(), pointers(&variables).data());
   posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
   close(sockets[1]);
   if (error != 0) {
     close(sockets[0]);

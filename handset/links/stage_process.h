@@ -16,11 +16,13 @@ namespace handset {
 class StageProcess {
  public:
   struct Files {
+    std::filesystem::path stage;   // the program of stage.cpp
     std::filesystem::path root;    // the phone's
     std::string tty;               // what becomes /dev/ttyMSM0; none when empty
     std::filesystem::path daemon;  // what becomes /odm/bin/ftmd
     std::filesystem::path output;  // the daemon's standard output and standard error
     std::filesystem::path log;
+    std::string preload;  // a library of the phone that the daemon is loaded with; empty for none
   };
 
   // Starts the stage. Throws std::runtime_error where there is no process.

@@ -3,6 +3,7 @@
 #include "handset/links/supervisor.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <linux/seccomp.h>
 #include <poll.h>
 #include <string.h>
@@ -106,6 +107,9 @@ void Supervisor::loop(int listener) {
     if (poll(&waiting, 1, next_timeout()) < 0 && errno != EINTR) {
       return;
     }
+    if (!wait_released(listener)) {
+      return;
+    }
     answer_due(listener);
     if ((waiting.revents & POLLIN) != 0) {
       if (!answer_next(listener)) {
@@ -115,6 +119,29 @@ void Supervisor::loop(int listener) {
       return;
     }
   }
+}
+
+// Waits while the phone is held; what is due then comes that much later. False when the phone's
+// processes end meanwhile.
+bool Supervisor::wait_released(int listener) {
+  constexpr int kLookAgain = 1;  // ms
+  const Time start = steady_clock::now();
+  bool held = false;
+  while (held_()) {
+    held = true;
+    pollfd ended = {listener, 0, 0};
+    if (poll(&ended, 1, kLookAgain) > 0) {
+      return false;
+    }
+  }
+  if (held) {
+    std::multimap<Time, Pending> shifted;
+    for (const auto& [due, pending] : later_) {
+      shifted.insert({due + (steady_clock::now() - start), pending});
+    }
+    later_ = std::move(shifted);
+  }
+  return true;
 }
 
 int Supervisor::next_timeout() const {
@@ -143,11 +170,12 @@ static void pass_on(int listener, uint64_t id) {
 }
 
 // Gives the caller a copy of the descriptor, and closes it here.
-static void respond_descriptor(int listener, uint64_t id, int fd) {
+static void respond_descriptor(int listener, uint64_t id, int fd, int flags) {
   seccomp_notif_addfd add = {};
   add.id = id;
   add.flags = SECCOMP_ADDFD_FLAG_SEND;
   add.srcfd = static_cast<uint32_t>(fd);
+  add.newfd_flags = static_cast<uint32_t>(flags & O_CLOEXEC);
   if (ioctl(listener, SECCOMP_IOCTL_NOTIF_ADDFD, &add) < 0) {
     respond(listener, id, -errno);  // the caller may have no descriptor left
   }
@@ -178,8 +206,11 @@ bool Supervisor::answer_next(int listener) {
   call.number = notification.data.nr;
   call.journal = journal_;
   std::copy(std::begin(notification.data.args), std::end(notification.data.args), call.arguments);
-  const auto handler = handlers_.find(call.number);
-  const Answer answer = handler == handlers_.end() ? Answer::kernel() : handler->second(call);
+  Answer answer = interceptor_ == nullptr ? Answer::kernel() : interceptor_(call);
+  if (const auto handler = handlers_.find(call.number);
+      answer.kind == Answer::Kind::kKernel && handler != handlers_.end()) {
+    answer = handler->second(call);
+  }
   if (observer_ != nullptr) {
     observer_(call, answer);
   }
@@ -200,7 +231,7 @@ void Supervisor::give(int listener, uint64_t id, const Answer& answer) {
       }
       break;
     case Answer::Kind::kDescriptor:
-      respond_descriptor(listener, id, static_cast<int>(answer.value));
+      respond_descriptor(listener, id, static_cast<int>(answer.value), answer.flags);
       break;
   }
 }

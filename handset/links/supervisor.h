@@ -66,15 +66,17 @@ struct Answer {
                              std::function<bool()> ready) {
     return {Kind::kResult, value, delay, std::move(ready)};
   }
-  // The call returns a copy of the handset's descriptor fd, which is closed here.
-  static Answer descriptor(int fd) {
-    return {Kind::kDescriptor, fd, {}};
+  // The call, an open with these flags, returns a copy of the handset's descriptor fd, which is
+  // closed here.
+  static Answer descriptor(int fd, int flags) {
+    return {Kind::kDescriptor, fd, {}, nullptr, flags};
   }
 
   Kind kind;
   int64_t value;
   std::chrono::nanoseconds delay;
   std::function<bool()> ready = nullptr;
+  int flags = 0;  // of kDescriptor
 };
 
 class Supervisor {
@@ -87,9 +89,21 @@ class Supervisor {
   // Registers the handler of a system call. Not while a phone runs.
   void handle(int call, Handler handler);
 
+  // Shows every call to interceptor first: what that answers stands, unless it is the kernel's. Not
+  // while a phone runs.
+  void intercept(Handler interceptor) {
+    interceptor_ = std::move(interceptor);
+  }
+
   // Shows every call with its answer, before it is given. Not while a phone runs.
   void observe(std::function<void(const TrappedCall&, const Answer&)> observer) {
     observer_ = std::move(observer);
+  }
+
+  // While the function says true no call is answered and no wait ends: the phone's processes stand
+  // still. Not while a phone runs.
+  void hold_while(std::function<bool()> held) {
+    held_ = std::move(held);
   }
 
   // Answers the calls of the listener (taken over) until every trapped process has ended; then, and
@@ -103,7 +117,9 @@ class Supervisor {
     int64_t value;
     std::function<bool()> ready;
   };
+  using Time = std::chrono::steady_clock::time_point;
   void loop(int listener);
+  bool wait_released(int listener);
   bool answer_next(int listener);
   void give(int listener, uint64_t id, const Answer& answer);
   void answer_due(int listener);
@@ -111,8 +127,10 @@ class Supervisor {
 
   Journal* const journal_;
   std::map<int, Handler> handlers_;
+  Handler interceptor_;
   std::function<void(const TrappedCall&, const Answer&)> observer_;
-  std::multimap<std::chrono::steady_clock::time_point, Pending> later_;
+  std::function<bool()> held_ = [] { return false; };
+  std::multimap<Time, Pending> later_;
   std::thread thread_;
 };
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "handset/recent.h"
 #include "handset/visible.h"
 
 namespace handset {
@@ -36,7 +37,7 @@ class CameraSensorFile : public MemoryFile {
     const std::lock_guard lock(sensor_->mutex_);
     const bool power = request == CameraSensor::kPowerUp || request == CameraSensor::kPowerDown;
     if (power) {
-      sensor_->requests_.push_back(request);
+      add_recent(&sensor_->requests_, request);
       const bool failing = sensor_->failures_.count(request) != 0;
       caller.note("camera " + std::to_string(sensor_->number_) +
                   (request == CameraSensor::kPowerUp ? " power up" : " power down") +

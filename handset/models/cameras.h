@@ -25,7 +25,7 @@ class CameraSensor : public Device {
 
   void set_id(int32_t id);
   bool powered() const;
-  // The power requests so far, failed ones included.
+  // The latest power requests, 100,000 at most, failed ones included.
   std::vector<uint32_t> requests() const;
   // How often it is open.
   int opened() const;

@@ -2,6 +2,8 @@
 
 #include "handset/models/clock.h"
 
+#include "handset/recent.h"
+
 namespace handset {
 
 using std::chrono::microseconds;
@@ -20,7 +22,7 @@ std::vector<microseconds> Clock::take_waits() {
 Clock::Wait Clock::wait(nanoseconds asked) {
   {
     const std::lock_guard lock(mutex_);
-    waits_.push_back(std::chrono::duration_cast<microseconds>(asked));
+    add_recent(&waits_, std::chrono::duration_cast<microseconds>(asked));
   }
   if (on_wait_) {
     on_wait_(std::chrono::duration_cast<microseconds>(asked));

@@ -25,7 +25,7 @@ class Clock {
     factor_ = factor;
   }
 
-  // Waits in the order they began; take_waits also forgets them.
+  // The latest waits, 100,000 at most, in the order they began; take_waits also forgets them.
   std::vector<std::chrono::microseconds> waits() const;
   std::vector<std::chrono::microseconds> take_waits();
 

@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <set>
 
+#include "handset/recent.h"
+
 namespace handset {
 
 static const char* const kCrtcProperties[] = {"ACTIVE", "MODE_ID"};
@@ -19,6 +21,7 @@ static const char* const kPlaneProperties[] = {"FB_ID", "CRTC_ID", "SRC_X",  "SR
                                                "SRC_H", "CRTC_X",  "CRTC_Y", "CRTC_W", "CRTC_H"};
 static const char kConnectorCrtc[] = "CRTC_ID";
 static const char kModeProperties[] = "mode_properties";
+static const char kPlaneType[] = "type";
 
 bool Picture::write_png(const std::string& file) const {
   std::vector<uint8_t> bytes;
@@ -52,9 +55,12 @@ DisplayCard::DisplayCard(const Card& card) : card_(card) {
   names.erase(card_.lacks);
   uint32_t id = kProperties;
   for (const std::string& name : names) {
-    properties_[id++] = {.name = name, .blob = false};
+    properties_[id++] = {.name = name, .flags = DRM_MODE_PROP_ATOMIC};
   }
-  properties_[id] = {.name = kModeProperties, .blob = true};
+  const uint32_t type = id++;
+  properties_[type] = {.name = kPlaneType, .flags = DRM_MODE_PROP_ENUM | DRM_MODE_PROP_IMMUTABLE};
+  properties_[id] = {.name = kModeProperties,
+                     .flags = DRM_MODE_PROP_BLOB | DRM_MODE_PROP_IMMUTABLE};
   const auto give = [&](uint32_t object, const std::string& name) {
     if (name != card_.lacks) {
       values_[object][property_id(name)] = 0;
@@ -66,10 +72,11 @@ DisplayCard::DisplayCard(const Card& card) : card_(card) {
       give(kCrtcs + i, name);
     }
   }
-  for (uint32_t i = 0; i < static_cast<uint32_t>(card_.planes); ++i) {
+  for (uint32_t i = 0; i < card_.planes.size(); ++i) {
     for (const char* name : kPlaneProperties) {
       give(kPlanes + i, name);
     }
+    values_[kPlanes + i][type] = static_cast<uint64_t>(card_.planes[i]);
   }
   for (uint32_t i = 0; i < card_.connectors.size(); ++i) {
     give(kConnectors + i, kConnectorCrtc);
@@ -146,7 +153,7 @@ uint32_t DisplayCard::add_framebuffer(const Framebuffer& framebuffer) {
 
 void DisplayCard::remove_framebuffer(uint32_t id) {
   const std::lock_guard lock(mutex_);
-  for (uint32_t i = 0; i < static_cast<uint32_t>(card_.planes); ++i) {
+  for (uint32_t i = 0; i < card_.planes.size(); ++i) {
     const uint32_t plane = kPlanes + i;
     if (value(values_, plane, "FB_ID") == id) {
       turn_off(static_cast<uint32_t>(value(values_, plane, "CRTC_ID")));
@@ -183,7 +190,7 @@ uint32_t DisplayCard::driving_crtc(uint32_t index) const {
 DisplayCard::Shown DisplayCard::shown(uint32_t crtc) const {
   const std::lock_guard lock(mutex_);
   Shown shown = {.mode = static_cast<uint32_t>(value(values_, crtc, "MODE_ID")), .framebuffer = 0};
-  for (uint32_t i = 0; i < static_cast<uint32_t>(card_.planes) && shown.framebuffer == 0; ++i) {
+  for (uint32_t i = 0; i < card_.planes.size() && shown.framebuffer == 0; ++i) {
     if (value(values_, kPlanes + i, "CRTC_ID") == crtc) {
       shown.framebuffer = static_cast<uint32_t>(value(values_, kPlanes + i, "FB_ID"));
     }
@@ -256,7 +263,7 @@ int DisplayCard::check(const Values& values) const {
       return error;
     }
   }
-  for (uint32_t i = 0; i < static_cast<uint32_t>(card_.planes); ++i) {
+  for (uint32_t i = 0; i < card_.planes.size(); ++i) {
     if (const int error = check_plane(values, kPlanes + i); error != 0) {
       return error;
     }
@@ -334,6 +341,9 @@ int DisplayCard::change(const std::vector<Change>& changes, Values* values, bool
       if (held == object->second.end()) {
         return -ENOENT;
       }
+      if (properties_.at(property).flags != DRM_MODE_PROP_ATOMIC) {
+        return -EINVAL;
+      }
       *mode_set = *mode_set || (held->second != value && change.object < kPlanes);
       held->second = value;
     }
@@ -360,7 +370,8 @@ int DisplayCard::commit(const std::vector<Change>& changes, uint32_t flags) {
       }
     }
     values_ = next;
-    first_pixels_.push_back(first_pixel());
+    add_recent(&first_pixels_, first_pixel());
+    ++commits_;
   }
   return error;
 }
@@ -433,7 +444,7 @@ Picture DisplayCard::picture() const {
   const std::lock_guard lock(mutex_);
   const uint32_t crtc = lit_crtc();
   Picture picture = blank_picture(crtc);
-  for (uint32_t i = 0; crtc != 0 && i < static_cast<uint32_t>(card_.planes); ++i) {
+  for (uint32_t i = 0; crtc != 0 && i < card_.planes.size(); ++i) {
     if (value(values_, kPlanes + i, "CRTC_ID") == crtc) {
       draw_plane(kPlanes + i, &picture);
     }
@@ -448,7 +459,7 @@ DisplayCard::Objects DisplayCard::objects() const {
 
 int DisplayCard::commits() const {
   const std::lock_guard lock(mutex_);
-  return static_cast<int>(first_pixels_.size());
+  return commits_;
 }
 
 std::vector<uint32_t> DisplayCard::first_pixels() const {
@@ -458,7 +469,7 @@ std::vector<uint32_t> DisplayCard::first_pixels() const {
 
 uint32_t DisplayCard::first_pixel() const {
   uint8_t pixel[4] = {};  // red first
-  for (uint32_t plane = kPlanes; plane < kPlanes + static_cast<uint32_t>(card_.planes); ++plane) {
+  for (uint32_t plane = kPlanes; plane < kPlanes + card_.planes.size(); ++plane) {
     const auto shown = framebuffers_.find(static_cast<uint32_t>(value(values_, plane, "FB_ID")));
     if (shown != framebuffers_.end() && value(values_, plane, "CRTC_X") == 0 &&
         pread(shown->second.memory, pixel, sizeof(pixel),

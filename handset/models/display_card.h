@@ -42,10 +42,12 @@ class DisplayCard : public Device {
     uint32_t possible_crtcs = 3;  // mask of those it can drive
     std::string mode_properties = {};  // text of that blob; no such property when empty
   };
+  enum class PlaneType { kOverlay, kPrimary, kCursor };  // with the kernel's values
   struct Card {
     bool dumb_buffers = true;
     int crtcs = 2;
-    int planes = 4;                 // the first one of each CRTC is its primary, the rest overlays
+    std::vector<PlaneType> planes = {PlaneType::kPrimary, PlaneType::kPrimary, PlaneType::kOverlay,
+                                     PlaneType::kOverlay};
     uint32_t plane_crtcs = ~0U;     // mask of the CRTCs that they can be shown on
     uint32_t pitch_alignment = 32;  // bytes
     bool mappable = true;           // false: its buffers cannot be mapped
@@ -92,7 +94,7 @@ class DisplayCard : public Device {
 
   struct Property {
     std::string name;
-    bool blob;  // its value is a blob's id and is never written; the others are atomic ones
+    uint32_t flags;  // DRM_MODE_PROP_...; one that is not atomic is never written
   };
   struct Buffer {
     uint32_t width;
@@ -187,7 +189,8 @@ class DisplayCard : public Device {
   Values values_;
   std::vector<uint32_t> driving_crtcs_;  // by connector
   uint32_t next_id_ = 1000;
-  std::vector<uint32_t> first_pixels_;                // one for each commit
+  int commits_ = 0;
+  std::vector<uint32_t> first_pixels_;                // one for each of the latest commits
   std::map<uint32_t, std::pair<int, int>> failures_;  // request to errno and calls to skip
 };
 

@@ -264,14 +264,14 @@ int DisplayCardFile::crtc(const Caller&, drm_mode_crtc* record) {
 }
 
 int DisplayCardFile::planes(const Caller& caller, drm_mode_get_plane_res* record) {
-  const auto planes = static_cast<uint32_t>(card_->hardware().planes);
-  const auto primaries = static_cast<uint32_t>(card_->hardware().crtcs);
   // Without the capability a client sees overlays alone.
-  const uint32_t hidden = universal_planes_ ? 0 : std::min(primaries, planes);
-  return fill(caller, record->plane_id_ptr, &record->count_planes,
-              ids(DisplayCard::kPlanes + hidden, planes - hidden))
-             ? 0
-             : -EFAULT;
+  std::vector<uint32_t> seen;
+  for (uint32_t i = 0; i < card_->hardware().planes.size(); ++i) {
+    if (universal_planes_ || card_->hardware().planes[i] == DisplayCard::PlaneType::kOverlay) {
+      seen.push_back(DisplayCard::kPlanes + i);
+    }
+  }
+  return fill(caller, record->plane_id_ptr, &record->count_planes, seen) ? 0 : -EFAULT;
 }
 
 // ---- Properties and blobs
@@ -282,7 +282,7 @@ bool DisplayCardFile::fill_properties(const Caller& caller, uint32_t object, uin
   std::vector<uint32_t> properties;
   std::vector<uint64_t> values;
   for (const auto& [id, value] : card_->values(object).value_or(DisplayCard::PropertyValues())) {
-    if (atomic_ || card_->property(id)->blob) {
+    if (atomic_ || card_->property(id)->flags != DRM_MODE_PROP_ATOMIC) {
       properties.push_back(id);
       values.push_back(value);
     }
@@ -312,17 +312,21 @@ int DisplayCardFile::object_properties(const Caller& caller, drm_mode_obj_get_pr
              : -EFAULT;
 }
 
-int DisplayCardFile::property(const Caller&, drm_mode_get_property* record) {
+int DisplayCardFile::property(const Caller& caller, drm_mode_get_property* record) {
+  static const std::vector<drm_mode_property_enum> kPlaneTypes = {
+      {0, "Overlay"}, {1, "Primary"}, {2, "Cursor"}};
   const auto property = card_->property(record->prop_id);
   if (!property.has_value()) {
     return -ENOENT;
   }
-  record->flags =
-      property->blob ? DRM_MODE_PROP_BLOB | DRM_MODE_PROP_IMMUTABLE : DRM_MODE_PROP_ATOMIC;
+  record->flags = property->flags;
   snprintf(record->name, sizeof(record->name), "%s", property->name.c_str());
   record->count_values = 0;
-  record->count_enum_blobs = 0;
-  return 0;
+  if ((property->flags & DRM_MODE_PROP_ENUM) == 0) {
+    record->count_enum_blobs = 0;
+    return 0;
+  }
+  return fill(caller, record->enum_blob_ptr, &record->count_enum_blobs, kPlaneTypes) ? 0 : -EFAULT;
 }
 
 int DisplayCardFile::blob(const Caller& caller, drm_mode_get_blob* record) {

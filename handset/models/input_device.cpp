@@ -101,8 +101,35 @@ void InputDevice::send(uint16_t code, int32_t value) {
 }
 
 void InputDevice::press(uint16_t code) {
-  send(code, 1);
-  send(code, 0);
+  if (!held(code)) {
+    send(code, 1);
+    send(code, 0);
+  }
+}
+
+void InputDevice::report_if_heard(uint16_t code, int32_t value) {
+  if (!open_.empty()) {
+    deliver({record(EV_KEY, code, value), record(EV_SYN, SYN_REPORT, 0)});
+  }
+}
+
+void InputDevice::hold(uint16_t code) {
+  const std::lock_guard lock(mutex_);
+  if (held_.insert(code).second) {
+    report_if_heard(code, 1);
+  }
+}
+
+void InputDevice::let_go(uint16_t code) {
+  const std::lock_guard lock(mutex_);
+  if (held_.erase(code) != 0) {
+    report_if_heard(code, 0);
+  }
+}
+
+bool InputDevice::held(uint16_t code) const {
+  const std::lock_guard lock(mutex_);
+  return held_.count(code) != 0;
 }
 
 void InputDevice::send_raw(const std::string& bytes) {

@@ -29,6 +29,11 @@ class InputDevice : public Device {
   void send(uint16_t code, int32_t value);
   // A press and a release, each followed by its synchronisation event, as a kernel reports them.
   void press(uint16_t code);
+  // A press without a release until it is let go, as a finger or a stuck key does it: lost when
+  // nobody listens, and until then the key cannot be pressed again.
+  void hold(uint16_t code);
+  void let_go(uint16_t code);
+  bool held(uint16_t code) const;
   // Bytes that are no whole event.
   void send_raw(const std::string& bytes);
 
@@ -50,11 +55,13 @@ class InputDevice : public Device {
   friend class InputFile;
 
   void deliver(const std::vector<std::string>& records);
+  void report_if_heard(uint16_t code, int32_t value);
 
   const uint64_t types_;
   std::atomic<int> types_error_ = 0;
   std::atomic<bool> epoll_fails_ = false;
   mutable std::mutex mutex_;
+  std::set<uint16_t> held_;
   std::set<int> open_;                // the handset's ends
   std::vector<std::string> waiting_;  // for the next open
 };

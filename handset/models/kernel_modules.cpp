@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <sstream>
 
+#include "handset/recent.h"
+
 namespace handset {
 
 void KernelModules::set_loaded(const std::string& name, bool loaded) {
@@ -65,7 +67,7 @@ std::vector<std::string> KernelModules::needs(const std::string& image) {
 int KernelModules::load(const std::string& image, const std::string& parameters) {
   const std::string loaded = name(image);
   const std::lock_guard lock(mutex_);
-  calls_.push_back({.what = "load", .name = loaded, .parameters = parameters});
+  add_recent(&calls_, Call{.what = "load", .name = loaded, .parameters = parameters});
   if (loaded.empty()) {
     return -ENOEXEC;
   }
@@ -85,7 +87,7 @@ int KernelModules::load(const std::string& image, const std::string& parameters)
 
 int KernelModules::unload(const std::string& name, uint64_t flags) {
   const std::lock_guard lock(mutex_);
-  calls_.push_back({.what = "unload", .name = name, .flags = flags});
+  add_recent(&calls_, Call{.what = "unload", .name = name, .flags = flags});
   if (loaded_.count(name) == 0) {
     return -ENOENT;
   }

@@ -30,7 +30,7 @@ class KernelModules {
   // The next unloads of the module fail with an errno, this many times.
   void fail(const std::string& name, int error, int times);
 
-  // The calls so far, in order.
+  // The latest calls, 100,000 at most, in order.
   std::vector<Call> calls() const;
 
   // What a module's image tells in its information section: its name (empty for an image that is

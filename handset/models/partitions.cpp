@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <stdexcept>
 
 namespace handset {
 
@@ -39,6 +40,9 @@ void write_partition(const fs::path& image, uint64_t offset, const std::string& 
 }
 
 std::string pcba_record(const std::string& number, uint8_t length) {
+  if (number.size() > kPcbaRecordSize - kNumberOffset) {
+    throw std::invalid_argument("the record has no room for that number");
+  }
   std::string record(kPcbaRecordSize, '\0');
   record.replace(kNumberOffset, number.size(), number);
   for (size_t i = 0; i < kScrambledSize; ++i) {

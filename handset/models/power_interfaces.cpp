@@ -53,6 +53,20 @@ bool PowerInterfaces::wait_asleep(seconds limit) const {
   return changed_.wait_for(lock, limit, [this] { return asleep_; });
 }
 
+void PowerInterfaces::wait_awake() {
+  Lock lock(mutex_);
+  while (asleep_ && wait_moment(lock)) {
+  }
+}
+
+void PowerInterfaces::set_asleep(bool asleep) {
+  if (asleep_ != asleep && on_sleep) {
+    on_sleep(asleep);
+  }
+  asleep_ = asleep;
+  changed_.notify_all();
+}
+
 void PowerInterfaces::wakeup_event() {
   const std::lock_guard lock(mutex_);
   note_event();
@@ -84,8 +98,7 @@ bool PowerInterfaces::event_in_progress() const {
 
 void PowerInterfaces::note_event() {
   ++wakeup_count_;
-  asleep_ = false;
-  changed_.notify_all();
+  set_asleep(false);
 }
 
 // The kernel, too, holds the phone awake for a moment, so that whoever set the alarm can act on it.
@@ -126,18 +139,16 @@ int PowerInterfaces::store_state(const std::string& text) {
     return -EBUSY;
   }
   const Time start = steady_clock::now();
-  asleep_ = true;
-  changed_.notify_all();
+  set_asleep(true);
   while (asleep_ &&
          (!suspend_time_.has_value() || steady_clock::now() < start + *suspend_time_ * factor_)) {
     if (!wait_moment(lock)) {
-      asleep_ = false;
+      set_asleep(false);
       return -EINTR;
     }
   }
-  asleep_ = false;
+  set_asleep(false);
   ++suspends_;
-  changed_.notify_all();
   return 0;
 }
 
@@ -168,8 +179,6 @@ int PowerInterfaces::store_wake_lock(const std::string& text) {
   const std::lock_guard lock(mutex_);
   wake_locks_.insert(name);
   known_locks_.insert(name);
-  asleep_ = false;
-  changed_.notify_all();
   return 0;
 }
 
@@ -195,14 +204,21 @@ std::string PowerInterfaces::show_wake_locks() {
   return names + "\n";
 }
 
-// "+N" arms the alarm N seconds ahead, "0" takes it back.
+// "+N" arms the alarm N seconds ahead, "N" at that second of the clock; a time that is over takes
+// it back.
 int PowerInterfaces::store_alarm(const std::string& text) {
+  const char* const digits = text.c_str() + (text[0] == '+' ? 1 : 0);
+  char* end = nullptr;
+  int64_t number = strtoll(digits, &end, 10);
+  if (end == digits || (*end != '\0' && *end != '\n')) {
+    return -EINVAL;
+  }
+  number -= text[0] == '+' ? 0 : time(nullptr);
   const std::lock_guard lock(mutex_);
   note_time();
-  const long number = strtol(text.c_str(), nullptr, 10);
-  if (text[0] != '+') {
+  if (number <= 0) {
     alarm_.reset();
-    return number == 0 ? 0 : -EINVAL;
+    return 0;
   }
   if (alarm_.has_value()) {
     return -EBUSY;
@@ -217,10 +233,8 @@ int PowerInterfaces::store_alarm(const std::string& text) {
 }
 
 std::string PowerInterfaces::show_alarm() {
-  Lock lock(mutex_);
+  const std::lock_guard lock(mutex_);
   note_time();
-  while (asleep_ && wait_moment(lock)) {
-  }
   return alarm_.has_value() ? alarm_text_ : "";
 }
 

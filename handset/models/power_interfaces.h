@@ -1,7 +1,7 @@
 // The kernel's power interfaces as the phone's processes see them below /sys: suspend with the
 // wakeup count, wake locks, and the RTC's alarm. A suspend lasts until a wakeup event comes (the
-// alarm is one), a wake lock is taken or a set time is over; while the phone sleeps, whoever reads
-// the alarm is frozen. Callable from any thread.
+// alarm is one) or a set time is over; who answers for the phone asks here whether it sleeps, as no
+// process of it runs meanwhile. Callable from any thread.
 
 #pragma once
 
@@ -38,6 +38,12 @@ class PowerInterfaces {
 
   // Waits until the phone sleeps. False when the limit passes first.
   bool wait_asleep(std::chrono::seconds limit = std::chrono::seconds(20)) const;
+  // For one of the phone's processes: waits until the phone is awake, or until interrupted.
+  void wait_awake();
+
+  // Called with true when the phone falls asleep and with false when it wakes up, before any of its
+  // processes runs on. It calls nothing of this object. Set before start.
+  std::function<void(bool)> on_sleep;
 
   // An event from outside: it moves the wakeup count and wakes the phone.
   void wakeup_event();
@@ -52,8 +58,8 @@ class PowerInterfaces {
   void note_sync();
 
   // What a read of a node gives, and what comes of a write to it: 0 or a negative errno. Whoever
-  // calls store_state and, while the phone sleeps, show_alarm waits until it wakes up, whoever
-  // calls show_wakeup_count until no event is in progress; each until interrupted at most.
+  // calls store_state waits until the phone wakes up, whoever calls show_wakeup_count until no
+  // event is in progress; each until interrupted at most.
   int store_state(const std::string& text);
   std::string show_wakeup_count();
   int store_wakeup_count(const std::string& text);
@@ -67,6 +73,7 @@ class PowerInterfaces {
   using Time = std::chrono::steady_clock::time_point;
   using Lock = std::unique_lock<std::mutex>;
 
+  void set_asleep(bool asleep);
   bool wait_moment(Lock& lock);
   bool event_in_progress() const;
   void note_event();

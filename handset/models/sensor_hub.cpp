@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 
 namespace handset {
 
+using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
@@ -117,34 +119,50 @@ static std::string measured(const SensorHub::Sensor& sensor) {
 
 // ---- sensors and settings
 
+// Throws std::exception on a line that describes none.
+static SensorHub::Sensor parse_sensor(const std::string& line) {
+  std::istringstream words(line);
+  SensorHub::Sensor sensor;
+  std::string hardware_id;
+  std::string event;
+  if (!(words >> sensor.name >> sensor.data_type >> hardware_id >> event)) {
+    throw std::invalid_argument("too few words");
+  }
+  sensor.hardware_id.reset();
+  if (hardware_id != "-") {
+    sensor.hardware_id = std::stoll(hardware_id);
+  }
+  sensor.event = event == "-" ? 0 : static_cast<uint32_t>(std::stoul(event));
+  for (float value; words >> value;) {
+    sensor.values.push_back(value);
+  }
+  return sensor;
+}
+
 static std::vector<SensorHub::Sensor> parse_sensors(const std::filesystem::path& file) {
   std::vector<SensorHub::Sensor> sensors;
   std::ifstream stream(file);
-  for (std::string line; std::getline(stream, line);) {
-    std::istringstream words(line);
-    SensorHub::Sensor sensor;
-    std::string hardware_id;
-    std::string event;
-    if (line.empty() || line[0] == '#' ||
-        !(words >> sensor.name >> sensor.data_type >> hardware_id >> event)) {
+  std::string line;
+  while (std::getline(stream, line)) {
+    if (line.empty() || line[0] == '#') {
       continue;
     }
-    sensor.hardware_id.reset();
-    if (hardware_id != "-") {
-      sensor.hardware_id = std::stoll(hardware_id);
+    try {
+      sensors.push_back(parse_sensor(line));
+    } catch (const std::exception&) {
+      throw std::runtime_error(file.string() + " describes no sensor with: " + line);
     }
-    sensor.event = event == "-" ? 0 : static_cast<uint32_t>(std::stoul(event));
-    for (float value; words >> value;) {
-      sensor.values.push_back(value);
-    }
-    sensors.push_back(sensor);
+  }
+  if (!stream.eof()) {
+    throw std::runtime_error("cannot read " + file.string());
   }
   return sensors;
 }
 
 void SensorHub::read_sensors(const std::filesystem::path& file) {
+  std::vector<Sensor> sensors = parse_sensors(file);
   const std::lock_guard lock(mutex_);
-  sensors_ = parse_sensors(file);
+  sensors_ = std::move(sensors);
 }
 
 std::vector<SensorHub::Sensor> SensorHub::sensors() const {
@@ -172,6 +190,15 @@ bool SensorHub::set_values(const std::string& name, const std::vector<float>& va
   Sensor* sensor = find(name);
   if (sensor != nullptr) {
     sensor->values = values;
+  }
+  return sensor != nullptr;
+}
+
+bool SensorHub::set_late(const std::string& name, milliseconds late) {
+  const std::lock_guard lock(mutex_);
+  Sensor* sensor = find(name);
+  if (sensor != nullptr) {
+    sensor->late = late;
   }
   return sensor != nullptr;
 }
@@ -284,21 +311,35 @@ std::string SensorHub::describe(const std::string& message) const {
   return text.str();
 }
 
-SensorHub::Reply SensorHub::lookup(const std::string& payload) {
-  sns_suid_req lookup;
-  lookup.ParseFromString(payload);
+// The event that tells which sensors of the type there are that long after a lookup.
+std::string SensorHub::found(const std::string& data_type, bool default_only,
+                             milliseconds after) const {
   sns_suid_event event;
-  event.set_data_type(lookup.data_type());
+  event.set_data_type(data_type);
   for (const Sensor& sensor : sensors_) {
-    if (sensor.data_type == lookup.data_type() &&
-        !(lookup.default_only() && event.suids_size() > 0)) {
+    if (sensor.data_type == data_type && sensor.late <= after &&
+        !(default_only && event.suids_size() > 0)) {
       auto* suid = event.add_suids();
       suid->set_low(suid_low(sensor));
       suid->set_high(kSuidHigh);
     }
   }
-  return {.events = {
-              event_message(kLookupSuid, kLookupSuid, {{kSuidEvent, event.SerializeAsString()}})}};
+  return event_message(kLookupSuid, kLookupSuid, {{kSuidEvent, event.SerializeAsString()}});
+}
+
+SensorHub::Reply SensorHub::lookup(const std::string& payload) {
+  sns_suid_req lookup;
+  lookup.ParseFromString(payload);
+  milliseconds latest{0};
+  for (const Sensor& sensor : sensors_) {
+    latest = sensor.data_type == lookup.data_type() ? std::max(latest, sensor.late) : latest;
+  }
+  Reply reply = {.events = {found(lookup.data_type(), lookup.default_only(), milliseconds(0))}};
+  if (lookup.register_updates() && latest.count() > 0) {
+    reply.later = {.event = found(lookup.data_type(), lookup.default_only(), latest),
+                   .delay = latest};
+  }
+  return reply;
 }
 
 SensorHub::Reply SensorHub::tell_attributes(const Sensor& sensor) {

@@ -23,6 +23,8 @@ class SensorHub {
     std::optional<int64_t> hardware_id = 0;  // attribute 19, which it may lack
     uint32_t event = 1025;                   // message id of its samples; 0: it gives none
     std::vector<float> values = {};
+    // A lookup does not find it at once, but this much later; who asks for updates is then told.
+    std::chrono::milliseconds late{0};
   };
 
   // What the hub sends on its own after a request: samples of a sensor.
@@ -30,9 +32,15 @@ class SensorHub {
     std::string sensor;
     std::chrono::nanoseconds period;
   };
+  // An event that comes by itself, that much behind the others.
+  struct Later {
+    std::string event;
+    std::chrono::milliseconds delay;
+  };
   struct Reply {
     std::vector<std::string> events = {};
     std::optional<Stream> stream = {};  // begins behind the events
+    std::optional<Later> later = {};
   };
 
   enum class State {
@@ -41,7 +49,8 @@ class SensorHub {
     kGarbage,  // sends events with bytes cut off, changed or added
   };
 
-  // Takes the sensors of a profile's file instead of those it has.
+  // Takes the sensors of a profile's file instead of those it has. Throws std::runtime_error with
+  // the line that describes none, or when the file cannot be read.
   void read_sensors(const std::filesystem::path& file);
 
   std::vector<Sensor> sensors() const;
@@ -49,6 +58,7 @@ class SensorHub {
   void set_sensor(const Sensor& sensor);
   // False when there is no such sensor.
   bool set_values(const std::string& name, const std::vector<float>& values);
+  bool set_late(const std::string& name, std::chrono::milliseconds late);
   void remove_sensor(const std::string& name);
 
   void set_state(State state);
@@ -69,6 +79,8 @@ class SensorHub {
 
  private:
   Reply lookup(const std::string& payload);
+  std::string found(const std::string& data_type, bool default_only,
+                    std::chrono::milliseconds after) const;
   Reply tell_attributes(const Sensor& sensor);
   Reply enable(const Sensor& sensor, const std::string& payload);
 

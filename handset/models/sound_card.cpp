@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "handset/recent.h"
 #include "handset/visible.h"
 
 namespace handset {
@@ -153,10 +154,10 @@ std::vector<std::string> SoundCard::take_writes() {
   return std::exchange(writes_, {});
 }
 
-void SoundCard::fail(const std::string& name, int error) {
+void SoundCard::fail(const std::string& name, Access access, int error) {
   const std::lock_guard lock(mutex_);
   if (Control* control = find(name); control != nullptr) {
-    control->failure = error;
+    (access == Access::kRead ? control->read_error : control->write_error) = error;
   }
 }
 
@@ -167,13 +168,19 @@ void SoundCard::on_write(const std::string& name, std::function<void()> function
   }
 }
 
-void SoundCard::set(const std::string& name, const std::string& value) {
+bool SoundCard::set(const std::string& name, const std::string& value) {
   const std::lock_guard lock(mutex_);
-  if (Control* control = find(name); control != nullptr) {
-    const int64_t number = value_of(control->type, control->items, value);
-    control->values[0] =
-        limited(control->type) ? std::clamp(number, control->minimum, control->maximum) : number;
+  Control* control = find(name);
+  if (control == nullptr) {
+    return false;
   }
+  const int64_t number = value_of(control->type, control->items, value);
+  if (control->type == SNDRV_CTL_ELEM_TYPE_ENUMERATED && number < 0) {
+    return false;
+  }
+  control->values[0] =
+      limited(control->type) ? std::clamp(number, control->minimum, control->maximum) : number;
+  return true;
 }
 
 // ---- the control device
@@ -355,6 +362,9 @@ int SoundCardFile::read(snd_ctl_elem_value* record) const {
   if (control == nullptr) {
     return -ENOENT;
   }
+  if (control->read_error != 0) {
+    return -control->read_error;
+  }
   record->value = {};
   each_value(control->type, control->values.size(), record, [&](size_t i, auto& place) {
     place = static_cast<std::remove_reference_t<decltype(place)>>(control->values[i]);
@@ -368,8 +378,8 @@ int SoundCardFile::write(snd_ctl_elem_value* record, std::function<void()>* writ
   if (control == nullptr) {
     return -ENOENT;
   }
-  if (control->failure != 0) {
-    return -control->failure;
+  if (control->write_error != 0) {
+    return -control->write_error;
   }
   std::vector<int64_t> values(control->values.size());
   each_value(control->type, values.size(), record,
@@ -381,7 +391,7 @@ int SoundCardFile::write(snd_ctl_elem_value* record, std::function<void()>* writ
   }
   const bool changed = values != control->values;
   control->values = values;
-  card_->writes_.push_back(SoundCard::show(*control));
+  add_recent(&card_->writes_, SoundCard::show(*control));
   *written = control->written;
   return changed ? 1 : 0;
 }

@@ -41,13 +41,14 @@ class SoundCard : public Device {
   std::vector<std::string> writes() const;
   std::vector<std::string> take_writes();
 
-  // Makes writes of the control fail with an errno; 0 makes them work again.
-  void fail(const std::string& name, int error);
+  // Makes reads or writes of the control fail with an errno; 0 makes them work again.
+  enum class Access { kRead, kWrite };
+  void fail(const std::string& name, Access access, int error);
   // Calls the function after each write of the control.
   void on_write(const std::string& name, std::function<void()> function);
-  // Sets a control's first value: a number, or the item's text. What is out of its range becomes
-  // the nearest in it, an unknown item the first.
-  void set(const std::string& name, const std::string& value);
+  // Sets a control's first value: a number, or the item's text. A number out of its range becomes
+  // the nearest in it. False when there is no such control or item.
+  bool set(const std::string& name, const std::string& value);
 
   // How often the mixer is open. (Seen as with every device, at the next open of one.)
   size_t handles() const {
@@ -66,7 +67,8 @@ class SoundCard : public Device {
     int64_t maximum;
     std::vector<std::string> items;
     std::vector<int64_t> values;
-    int failure = 0;
+    int read_error = 0;
+    int write_error = 0;
     std::function<void()> written = nullptr;
   };
 
