@@ -1,9 +1,11 @@
 // Replays transcripts, each scenario on a phone of its own, several side by side.
 //
-//   run_transcripts [--record] FILE...
+//   run_transcripts [--record] [--exchanges OUT] FILE...
 //
 // Prints what differs, line by line, and ends with status 1 when something did. With --record what
-// came is written into the file in place of what did not; read it before you keep it.
+// came is written into the file in place of what did not; read it before you keep it. With
+// --exchanges each sent line and the replies that came until the next one are written to OUT, as
+// protocol/check.py reads them.
 
 #include <algorithm>
 #include <atomic>
@@ -19,6 +21,7 @@
 
 #include "handset/console/dot_commands.h"
 #include "handset/handset.h"
+#include "handset/visible.h"
 #include "tests/transcripts/transcript.h"
 
 using handset::Handset;
@@ -28,6 +31,8 @@ namespace {
 
 struct Played {
   bool matched = true;
+  bool ended = false;  // the daemon, before it had handled what was sent
+  bool waits = false;  // what was sent, in the tty of a sleeping phone
   std::vector<std::string> prints;
   std::vector<Journal::Entry> entries;
 };
@@ -74,12 +79,15 @@ bool send(Handset* phone, const std::string& bytes, size_t* seen) {
 
 // Does one step and gathers what it brings about, until that is what is expected or clearly is not.
 Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
+  Played played;
   std::ostringstream out;
   std::string sent;
   bool handled = false;
   if (step.action[0] == '>') {
     sent = handset::sent_bytes(step.action);
     handled = send(phone, sent, seen);
+    played.waits = !handled && phone->power.asleep();
+    played.ended = !handled && !played.waits;
   } else {
     run_dot_command(phone, step.action, out);
     if (step.action.starts_with(".start")) {
@@ -95,7 +103,6 @@ Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
   while (record && step.entries.empty() && is_before(10 * kSilence) &&
          journal->wait_more(journal->size(), kSilence)) {
   }
-  Played played;
   played.prints = lines_of(out.str());
   for (;;) {
     const size_t size = journal->size();
@@ -265,10 +272,48 @@ std::vector<std::string> kept(const std::vector<Compared>& lines) {
   return all;
 }
 
+// "* {*}" and what follows it as one line.
+std::vector<std::string> joined_any(const std::vector<std::string>& lines) {
+  static const std::regex kAny("\\* ((?:main: |\\d+: |\\$ )?)\\{\\*\\}");
+  static const std::regex kEntry("((?:main: |\\d+: |\\$ )?)[^*-:|].*");
+  std::vector<std::string> all;
+  std::smatch any;
+  std::smatch entry;
+  for (const std::string& line : lines) {
+    if (!all.empty() && std::regex_match(all.back(), any, kAny) &&
+        std::regex_match(line, entry, kEntry) && any[1] == entry[1]) {
+      all.back() = "... " + line;
+    } else {
+      all.push_back(line);
+    }
+  }
+  return all;
+}
+
 struct Outcome {
-  std::string report;    // empty when all came as expected
-  std::string recorded;  // the scenario as it came out
+  std::string report;     // empty when all came as expected
+  std::string recorded;   // the scenario as it came out
+  std::string exchanges;  // a line for each sent line, the replies behind tabs
 };
+
+// What a step adds to the exchanges: its sent line, its replies, and "!" when the daemon ended. A
+// reply that the line did not take whole makes no exchange.
+std::string exchanged(const Step& step, const Played& played) {
+  static const std::regex kTorn("< .* = (E[A-Z]+|\\d+)");
+  for (const Journal::Entry& entry : played.entries) {
+    if (std::regex_match(entry.text, kTorn)) {
+      return "";
+    }
+  }
+  std::string text;
+  if (step.action[0] == '>') {
+    text = "\n" + handset::visible(handset::sent_bytes(step.action));
+  }
+  for (const Journal::Entry& entry : played.entries) {
+    text += entry.text.starts_with("< ") ? "\t" + handset::shown(entry) : "";
+  }
+  return text + (played.ended ? "\t!" : "");
+}
 
 Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
   Outcome outcome;
@@ -281,8 +326,11 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
   try {
     Handset phone;
     size_t seen = 0;
+    bool is_exchange = true;  // until a reply belongs to no line of its own
     for (const Step& step : scenario.steps) {
       const Played played = play(step, &phone, record, &seen);
+      is_exchange = is_exchange && !played.waits;
+      outcome.exchanges += is_exchange ? exchanged(step, played) : "";
       if (played.matched) {
         recorded += joined(step.source);
         continue;
@@ -292,9 +340,13 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
       for (const Compared& line : lines) {
         difference.push_back(std::string("  ") + line.mark + " " + line.text);
       }
-      recorded += step.action + "\n" + joined(counted(kept(lines)));
-      for (const std::string& line : step.source) {
-        recorded += line[0] == '#' ? line + "\n" : "";
+      if (step.in_block) {
+        recorded += joined(step.source);  // what a block says is not rewritten
+      } else {
+        recorded += step.action + "\n" + joined(counted(joined_any(kept(lines))));
+        for (const std::string& line : step.source) {
+          recorded += line[0] == '#' ? line + "\n" : "";
+        }
       }
       report(step, joined(counted(difference)));
       if (!record) {
@@ -311,7 +363,7 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
   return outcome;
 }
 
-int run(const std::vector<std::string>& files, bool record) {
+int run(const std::vector<std::string>& files, bool record, const std::string& exchanges) {
   struct Job {
     std::string file;
     Scenario scenario;
@@ -350,6 +402,15 @@ int run(const std::vector<std::string>& files, bool record) {
       }
     }
   }
+  if (!exchanges.empty()) {
+    std::ofstream stream(exchanges);
+    for (const Job& job : jobs) {
+      stream << "# " << job.file << ": " << job.scenario.title << job.outcome.exchanges << "\n";
+    }
+    if (!stream.flush()) {
+      throw std::runtime_error("cannot write " + exchanges);
+    }
+  }
   std::cout << jobs.size() - failed << " scenarios as expected, " << failed << " not\n";
   return failed == 0 ? 0 : 1;
 }
@@ -362,8 +423,13 @@ int main(int argc, char** argv) {
   if (record) {
     files.erase(files.begin());
   }
+  std::string exchanges;
+  if (files.size() > 1 && files[0] == "--exchanges") {
+    exchanges = files[1];
+    files.erase(files.begin(), files.begin() + 2);
+  }
   try {
-    return run(files, record);
+    return run(files, record, exchanges);
   } catch (const std::exception& error) {
     std::cerr << error.what() << "\n";
     return 2;

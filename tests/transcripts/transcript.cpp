@@ -26,7 +26,10 @@ static std::pair<std::string, int> split_count(const std::string& line) {
 std::vector<ExpectedEntry> parse_entry(const std::string& line) {
   ExpectedEntry entry;
   std::string text = line;
-  if (text.compare(0, 2, "* ") == 0) {
+  const bool after_any = text.starts_with("... ");
+  if (after_any) {
+    text.erase(0, 4);
+  } else if (text.starts_with("* ")) {
     entry.any_number = true;
     text.erase(0, 2);
   }
@@ -41,12 +44,24 @@ std::vector<ExpectedEntry> parse_entry(const std::string& line) {
   }
   int count = 1;
   std::tie(entry.text, count) = split_count(text);
-  return std::vector<ExpectedEntry>(static_cast<size_t>(count), entry);
+  std::vector<ExpectedEntry> entries(static_cast<size_t>(count), entry);
+  if (after_any) {
+    entries.insert(entries.begin(), {.stream = entry.stream, .text = "{*}", .any_number = true});
+  }
+  return entries;
 }
 
 namespace {
 
-using Blocks = std::map<std::string, std::vector<std::string>>;  // entries by ":: name"
+// A block: its name with the words that stand for others, as a pattern, and its lines.
+struct Block {
+  std::string name;
+  std::regex pattern;
+  std::vector<std::string> words;
+  std::vector<std::string> lines;
+};
+
+using Blocks = std::vector<Block>;
 
 // A file that is read line by line.
 class Reader {
@@ -77,15 +92,30 @@ bool is_block(const std::string& line) {
   return line.starts_with(":: ");
 }
 
-// Reads the entries behind a block's name, up to an empty line.
+// A block by its name: "{word}" in it stands for any text.
+Block named_block(const std::string& name) {
+  static const std::regex kSpecial("[.^$|()\\[\\]*+?\\\\]");
+  static const std::regex kWord("\\{(\\w+)\\}");
+  const std::string plain = std::regex_replace(name, kSpecial, "\\$&");
+  Block block = {name, std::regex(std::regex_replace(plain, kWord, "(.*)")), {}, {}};
+  for (std::sregex_iterator word(name.begin(), name.end(), kWord); word != std::sregex_iterator();
+       ++word) {
+    block.words.push_back(word->str());
+  }
+  return block;
+}
+
+// Reads the lines behind a block's name, up to an empty one.
 void read_block(Reader* reader, const std::string& name, Blocks* blocks) {
-  std::vector<std::string>& entries = (*blocks)[name];
-  if (!entries.empty()) {
+  const auto is_it = [&](const Block& block) { return block.name == name; };
+  if (std::any_of(blocks->begin(), blocks->end(), is_it)) {
     reader->fail("a block of this name is there already");
   }
+  Block block = named_block(name);
   for (std::string line; reader->next(&line) && !line.empty();) {
-    entries.push_back(line);
+    block.lines.push_back(line);
   }
+  blocks->push_back(block);
 }
 
 Blocks common_blocks(const std::string& file) {
@@ -102,40 +132,70 @@ Blocks common_blocks(const std::string& file) {
   return blocks;
 }
 
-// The entries of a block; a stream before its name is that of all, and a count behind it repeats
-// it.
-std::vector<ExpectedEntry> block_entries(const Reader& reader, const Blocks& blocks,
-                                         const std::string& line) {
+std::string replace_all(std::string text, const std::string& from, const std::string& to) {
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+// Whether a line names a block, its own or with a thread before it.
+bool names_block(const std::string& line) {
+  static const std::regex kBlock("((main|\\d+): )?:: .*");
+  return std::regex_match(line, kBlock);
+}
+
+// The lines that a line stands for: itself, or those of the block that it names. A stream before
+// the name is that of all of them, and a count behind it repeats them.
+std::vector<std::string> expand(const Reader& reader, const Blocks& blocks,
+                                const std::string& line) {
+  if (!names_block(line)) {
+    return {line};
+  }
   const size_t name = line.find(":: ");
   const auto [text, count] = split_count(line.substr(name));
-  const auto block = blocks.find(text);
-  if (block == blocks.end()) {
+  std::smatch found;
+  // The name with the fewest words is the nearest.
+  const Block* block = nullptr;
+  for (const Block& candidate : blocks) {
+    if (std::regex_match(text, candidate.pattern) &&
+        (block == nullptr || candidate.words.size() < block->words.size())) {
+      block = &candidate;
+    }
+  }
+  if (block == nullptr) {
     reader.fail("no such block");
   }
-  std::vector<ExpectedEntry> entries;
+  std::regex_match(text, found, block->pattern);
+  std::vector<std::string> lines;
   for (int i = 0; i < count; ++i) {
-    for (const std::string& entry_line : block->second) {
-      for (ExpectedEntry entry : parse_entry(line.substr(0, name) + entry_line)) {
-        entry.block = line;
-        entry.block_line = reader.number();
-        entries.push_back(entry);
+    for (std::string inner : block->lines) {
+      for (size_t word = 0; word < block->words.size(); ++word) {
+        inner = replace_all(inner, block->words[word], found[word + 1]);
+      }
+      for (const std::string& one : expand(reader, blocks, line.substr(0, name) + inner)) {
+        lines.push_back(one);
       }
     }
   }
-  return entries;
+  return lines;
 }
 
-// A line below an action.
-void read_outcome(const Reader& reader, const Blocks& blocks, const std::string& line, Step* step,
-                  bool* after_break) {
+bool is_action(const std::string& line) {
+  return line[0] == '>' || (line[0] == '.' && !line.starts_with("..."));
+}
+
+// A line below an action; block is the line that names the one it comes from.
+void read_outcome(const Reader& reader, const std::string& line, const std::string& block,
+                  Step* step, bool* after_break) {
   if (line == "--") {
     *after_break = true;
   } else if (line.starts_with("| ")) {
     step->prints.push_back(line.substr(2));
   } else {
-    static const std::regex kBlock("((main|\\d+): )?:: .*");
-    for (ExpectedEntry entry :
-         std::regex_match(line, kBlock) ? block_entries(reader, blocks, line) : parse_entry(line)) {
+    for (ExpectedEntry entry : parse_entry(line)) {
+      entry.block = block;
+      entry.block_line = block.empty() ? 0 : reader.number();
       entry.after_break = std::exchange(*after_break, false);
       step->entries.push_back(entry);
     }
@@ -171,13 +231,25 @@ std::vector<Scenario> read_transcript(const std::string& file) {
       (steps.empty() ? scenarios.back().head : steps.back().source).push_back(line);
       continue;
     }
-    if (line[0] == '>' || line[0] == '.') {
-      steps.push_back({.action = line, .line = reader.number()});
-      after_break = false;
-    } else if (steps.empty()) {
+    const std::vector<std::string> lines = expand(reader, blocks, line);
+    const std::string block = names_block(line) ? line : "";
+    const bool has_steps = std::any_of(lines.begin(), lines.end(), is_action);
+    if (steps.empty() && !is_action(lines.front())) {
       reader.fail("nothing is done before");
-    } else {
-      read_outcome(reader, blocks, line, &steps.back(), &after_break);
+    }
+    for (const std::string& one : lines) {
+      if (is_action(one)) {
+        steps.push_back({.action = one, .in_block = !block.empty(), .line = reader.number()});
+        after_break = false;
+      } else {
+        read_outcome(reader, one, has_steps ? "" : block, &steps.back(), &after_break);
+      }
+    }
+    if (has_steps && !block.empty()) {
+      steps[steps.size() -
+            static_cast<size_t>(std::count_if(lines.begin(), lines.end(), is_action))]
+          .source.push_back(line);
+      continue;
     }
     steps.back().source.push_back(line);
   }

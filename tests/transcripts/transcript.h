@@ -12,11 +12,14 @@
 //   | text                                         what a dot command prints
 //   1: wait 10 ms                                  an entry of another thread
 //   * 1: wait 10 ms                                any number of these, none included
+//   ... 1: wait 10 ms                              anything of that thread, then this
 //   --                                             what stands above came before what stands below
 //   :: the panel is opened                         the entries of that block
 //
 // {*} in an entry stands for any text. A block is what often comes together: ":: its name" and its
-// entries up to an empty line, at the head of a file, or in common.blocks for all files.
+// lines up to an empty one, at the head of a file, or in common.blocks for all files. A {word} in
+// its name stands for what a line that names it has there, in all its lines. A block may name
+// others, and may hold whole steps; such a one is named where a step would stand.
 
 #pragma once
 
@@ -37,6 +40,7 @@ struct ExpectedEntry {
 struct Step {
   std::string action;  // "> ..." or ". ..."; empty for what comes before the first
   std::vector<std::string> source = {};  // its lines in the file, comments too
+  bool in_block = false;                 // the file has them in a block
   std::vector<std::string> prints = {};
   std::vector<ExpectedEntry> entries = {};
   int line = 0;
@@ -55,7 +59,8 @@ std::vector<Scenario> read_transcript(const std::string& file);
 // What stands in the file before its first scenario.
 std::string transcript_head(const std::string& file);
 
-// The entry that a line of a transcript stands for, one for each of its "x3".
+// What a line of a transcript stands for: one entry for each of its "x3", and before it, for "...",
+// one of any number.
 std::vector<ExpectedEntry> parse_entry(const std::string& line);
 
 // Whether a pattern stands for the text: {*} takes any part of it.
