@@ -1,0 +1,16 @@
+// What the allocation matrix and the library that it loads into the daemon share: a file of the
+// phone, mapped by both.
+
+#pragma once
+
+#include <atomic>
+
+constexpr char kAllocationOrder[] = "/dev/.allocation_order";
+
+struct AllocationOrder {
+  std::atomic<bool> counts;  // from now on
+  std::atomic<long> count;   // allocations so far
+  std::atomic<long> fails;   // the one that fails, the first being 1; 0 for none
+  std::atomic<bool> failed;
+  char where[4096];  // the calls that it was in, innermost first: "ftmd+0x1234 libc.so.6+0x56 "
+};
