@@ -1,0 +1,5 @@
+// A program that does nothing, with the daemon's libraries.
+
+int main() {
+  return 0;
+}

@@ -1,0 +1,6 @@
+"""The package of the tree is what is tested."""
+
+import pathlib
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent.parent))
