@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Checks the form of every source file, the walls between the folders, and what clang-tidy knows of the
-# programs. clang-tidy leaves out a file that it passed before, until the file, any header of the
-# project, its compile command or the settings change.
+# Checks the form of every source file, the walls between the folders, the types and form of the
+# station's Python, and what clang-tidy knows of the programs. clang-tidy leaves out a file that it
+# passed before, until the file, any header of the project, its compile command or the settings change.
 # usage: lint.sh BUILD_FOLDER, from the project's folder.
 set -euo pipefail
-build=$1
+build=$(realpath "$1")
 failed=0
 
 if [ "$(git rev-parse --show-toplevel 2>/dev/null)" = "$PWD" ]; then
@@ -37,7 +37,7 @@ wall 'a quoted include names its file from the project folder' \
   '' '[^"]*' "\"($daemon|platform|handset|tests)/[^\"]*\""
 wall 'a quoted include goes down from the project folder' '' '[^"]*\.\./'
 wall 'a model knows its caller and its device, no other link, no console and not the whole handset' \
-  'handset/models/' 'handset/(links|console)/|handset/[^"/]*"' '"handset/(links/(call|device)|visible)\.h"'
+  'handset/models/' 'handset/(links|console)/|handset/[^"/]*"' '"handset/(links/(call|device)|recent|visible)\.h"'
 wall 'a link knows no model, no console and not the whole handset' \
   'handset/links/' 'handset/(models|console)/|handset/(handset|root)\.h'
 wall 'the handset knows nothing of the daemon' \
@@ -47,6 +47,13 @@ wall 'a module knows no other module' 'modules/' 'modules/' '^modules/([^/]*)/.*
 wall 'the core knows no module and no engine' 'core/' 'modules|audio_route|sensors|power|display'
 wall 'an engine knows no module' '(audio_route|sensors|power|display)/' 'modules/'
 wall 'the platform knows nothing above it' 'platform/' "($daemon)/"
+
+# ---- The station's Python
+
+(
+  cd station
+  mypy --cache-dir "$build/lint/mypy" ftm_station plan && PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m flake8
+) >&2 || failed=1
 
 # ---- clang-tidy
 

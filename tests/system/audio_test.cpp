@@ -31,7 +31,7 @@ TEST(Mixer, SeesEveryControlAndPassesOnEveryError) {
       "BOOL 1; Switch; ; 0\nINT 2; Ints; -10 100; 5 6\nENUM 2; Choice; a, b, c; c b\n"
       "BYTE 4; Bytes; ; 01 02 03 fe\nIEC958 1; Digital; ; 4\nINT64 1; Wide; ; 5\n"
       "INT 1; Refused; 0 1; 0\nINT 1; Ints; 0 9; 9\n");
-  phone.sound.fail("Refused", EPERM);
+  phone.sound.fail("Refused", SoundCard::Access::kWrite, EPERM);
   phone.start();
   EXPECT_EQ(phone.command("AT+LIST"),
             (Texts{"0 Switch 0", "1 Ints 5 6", "2 Choice c b", "3 Bytes 1 2 3 254", "4 Digital -22",

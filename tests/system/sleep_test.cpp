@@ -13,11 +13,18 @@ namespace fs = std::filesystem;
 static const std::string kBefore = "/mnt/vendor/norvareserve/ftm_admin/ftm_before_sleep_info";
 static const std::string kFailed = "/mnt/vendor/norvareserve/ftm_admin/ftm_sleep_fail_info";
 
+// Drops the test's wake lock once the alarm that is to wake the phone is armed.
+static void let_sleep(Handset& phone) {
+  ASSERT_TRUE(eventually([&] { return phone.power.alarm_pending(); }));
+  phone.power.store_wake_unlock("test");
+  ASSERT_TRUE(phone.power.wait_asleep());
+}
+
 TEST(Sleep, CopiesLogsNodesAndTheRouterLookUp) {
   Handset phone;
   phone.start();
+  phone.power.store_wake_lock("test");  // the phone sleeps when this test wants it
   phone.command("AT+ESLP=1");
-  ASSERT_TRUE(phone.power.wait_asleep());
   const auto copied = [&](const std::string& folder, const std::string& ipc_log) {
     return phone.read_file(folder + "/ipc_logging_qrtr_0.txt") ==
                phone.read_file("/d/ipc_logging/qrtr_0/" + ipc_log) &&
@@ -25,6 +32,7 @@ TEST(Sleep, CopiesLogsNodesAndTheRouterLookUp) {
            times(phone.read_file(folder + "/qrtr-lookup.txt").value_or(""), "Registry") == 1;
   };
   EXPECT_TRUE(eventually([&] { return copied(kBefore, "log"); }));
+  let_sleep(phone);
   phone.nodes.set("/proc/gpio/gpio", "after\n");
   ASSERT_TRUE(phone.power.fire_alarm());
   EXPECT_TRUE(eventually([&] { return copied(kFailed, "log_cont"); }));
@@ -39,6 +47,7 @@ TEST(Sleep, TakesAFolderThatAppearsWhileItWaits) {
     }
   });
   phone.start();
+  phone.power.store_wake_lock("test");
   phone.command("AT+ESLP=1");
   EXPECT_EQ(times(phone.log(), "Wait for " + kBefore + " is ready\n"), 1U);
   EXPECT_EQ(times(phone.log(), "created successfully, path is " + kBefore), 0U);
@@ -51,8 +60,9 @@ TEST(Sleep, LeavesNothingOpenAndNoProcessBehind) {
   size_t open_first = 0;
   for (int i = 0; i < kCycles; ++i) {
     const size_t log_before = phone.log().size();
+    phone.power.store_wake_lock("test");
     phone.command("AT+ESLP=1");
-    ASSERT_TRUE(phone.power.wait_asleep());
+    let_sleep(phone);
     ASSERT_TRUE(phone.power.fire_alarm());
     const std::string last = "qrtr-lookup > " + kFailed;
     ASSERT_TRUE(

@@ -281,9 +281,12 @@ TEST(DisplayCardModel, TellsThePipelineThatWasCommitted) {
 TEST(DisplayCardModel, LooksAtTypesFlagsAndPlanes) {
   DisplayCard::Card hardware = small_card();
   hardware.plane_crtcs = 2;  // the other CRTC
+  using Type = DisplayCard::PlaneType;
+  hardware.planes = {Type::kPrimary, Type::kOverlay, Type::kCursor, Type::kOverlay};
   DisplayCard card(hardware);
   Client client(&card);
   EXPECT_EQ(client.commit(client.lighting()), -EINVAL);
+  EXPECT_EQ(client.commit({{kPlane, "type", 2}}), -EINVAL);
   EXPECT_EQ(client.commit({}, 1U << 31), -EINVAL);
   EXPECT_EQ(client.commit({}, DRM_MODE_ATOMIC_TEST_ONLY | DRM_MODE_PAGE_FLIP_EVENT), -EINVAL);
   drm_mode_atomic request = {};
@@ -303,6 +306,11 @@ TEST(DisplayCardModel, LooksAtTypesFlagsAndPlanes) {
   drm_mode_get_plane_res planes = {};
   EXPECT_EQ(plain(DRM_IOCTL_MODE_GETPLANERESOURCES, &planes), 0);
   EXPECT_EQ(planes.count_planes, 2U);
+  uint32_t overlays[2] = {};
+  planes.plane_id_ptr = address(overlays);
+  EXPECT_EQ(plain(DRM_IOCTL_MODE_GETPLANERESOURCES, &planes), 0);
+  EXPECT_EQ(overlays[0], kPlane + 1);
+  EXPECT_EQ(overlays[1], kPlane + 3);
   drm_set_client_cap universal = {DRM_CLIENT_CAP_UNIVERSAL_PLANES, 1};
   EXPECT_EQ(plain(DRM_IOCTL_SET_CLIENT_CAP, &universal), 0);
   EXPECT_EQ(plain(DRM_IOCTL_MODE_GETPLANERESOURCES, &planes), 0);
@@ -359,7 +367,7 @@ TEST(SoundCardModel, TakesWhatIsInTheRange) {
   EXPECT_EQ(card.handles(), 1U);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name + std::to_string(c.value));
-    card.fail(c.name, c.failure);
+    card.fail(c.name, SoundCard::Access::kWrite, c.failure);
     snd_ctl_elem_value record = element(c.name);
     record.value.integer.value[0] = c.value;
     record.value.integer.value[1] = 7;
@@ -373,6 +381,8 @@ TEST(SoundCardModel, TakesWhatIsInTheRange) {
   EXPECT_EQ(open(SNDRV_CTL_IOCTL_ELEM_READ, &read), 0);
   EXPECT_EQ(read.value.integer.value[0], 9);
   EXPECT_EQ(read.id.numid, 1U);
+  card.fail("Volume", SoundCard::Access::kRead, EBUSY);
+  EXPECT_EQ(open(SNDRV_CTL_IOCTL_ELEM_READ, &read), -EBUSY);
   EXPECT_EQ(open(SNDRV_CTL_IOCTL_ELEM_READ, static_cast<snd_ctl_elem_value*>(nullptr)), -EFAULT);
 }
 
@@ -383,11 +393,12 @@ TEST(SoundCardModel, SetsTheNearestInTheRange) {
     const char *name, *value, *shown;
   } cases[] = {{"Volume", "3", "Volume = 5"},
                {"Volume", "77", "Volume = 9"},
-               {"Path", "near", "Path = near"},
-               {"Path", "nowhere", "Path = off"}};
+               {"Path", "off", "Path = off"},
+               {"Path", "nowhere", ""},
+               {"Nothing", "1", ""}};
   for (const auto& c : cases) {
-    card.set(c.name, c.value);
-    EXPECT_EQ(card.show(c.name), c.shown);
+    EXPECT_EQ(card.set(c.name, c.value), *c.shown != '\0');
+    EXPECT_EQ(card.show(c.name), *c.shown == '\0' && *c.name == 'P' ? "Path = off" : c.shown);
   }
   for (const char* text : {"ENUM 1; E; a, b; c", "ENUM 1; E; ;", "INT 1; I; 5 9; 77",
                            "INT 1; I; 9 5; 7", "INT64 65; I; ;", "WORD 1; W; ;", "INT 0; I; ;"}) {

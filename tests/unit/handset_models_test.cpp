@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -194,19 +195,32 @@ TEST(PowerInterfaces, LetNothingSleepWhileAnEventIsInProgressOrUnseen) {
   expect_steps(power, {{&Power::store_wakeup_count, "4", -EINVAL},  // takes the accepted one back
                        {&Power::store_state, "mem", -EINTR}});
   EXPECT_EQ(power.suspends(), 0);
-  expect_steps(power, {{&Power::store_alarm, "7", -EINVAL},
-                       {&Power::store_alarm, "+7", 0},
+  expect_steps(power, {{&Power::store_alarm, "+7", 0},
                        {&Power::store_alarm, "+8", -EBUSY},
-                       {&Power::store_alarm, "0\n", 0}});
+                       {&Power::store_alarm, "soon", -EINVAL}});
+  EXPECT_TRUE(power.alarm_pending());
+  expect_steps(power, {{&Power::store_alarm, "0\n", 0},
+                       {&Power::store_alarm, std::to_string(time(nullptr) + 100), 0}});
+  EXPECT_TRUE(power.alarm_pending());
+  expect_steps(power, {{&Power::store_alarm, "7", 0}});  // over
   EXPECT_EQ(power.show_alarm(), "");
 }
 
 TEST(PowerInterfaces, SleepUntilSomethingWakesThem) {
   PowerInterfaces power(1, [] { return false; });
+  std::string told;
+  power.on_sleep = [&](bool asleep) { told += asleep ? "asleep " : "awake "; };
   const std::vector<std::pair<std::string, std::function<void()>>> wakes = {
       {"event", [&] { power.wakeup_event(); }},
       {"alarm", [&] { EXPECT_TRUE(power.store_alarm("+9") == 0 && power.fire_alarm()); }},
-      {"lock", [&] { EXPECT_EQ(power.store_wake_lock("lock"), 0); }},
+      {"event, not a wake lock",
+       [&] {
+         EXPECT_EQ(power.store_wake_lock("lock"), 0);
+         std::this_thread::sleep_for(milliseconds(20));
+         EXPECT_TRUE(power.asleep());
+         power.wakeup_event();
+         power.wait_awake();
+       }},
   };
   int suspends = 0;
   for (const auto& [name, wake] : wakes) {
@@ -222,6 +236,7 @@ TEST(PowerInterfaces, SleepUntilSomethingWakesThem) {
   EXPECT_EQ(power.store_wake_unlock("lock"), 0);
   power.set_suspend_time(milliseconds(5));
   EXPECT_EQ(power.store_state("mem"), 0);
+  EXPECT_EQ(told, "asleep awake asleep awake asleep awake asleep awake ");
 }
 
 // ---- the others
@@ -271,10 +286,11 @@ TEST(Clock, ShortensWaitsAndTellsTheRest) {
 
 TEST(MemoryCard, IsMissedWhenItIsOut) {
   MemoryCard card;
-  card.insert(MemoryCard::Size{.block_size = 512, .blocks = 9, .free_blocks = 4});
+  card.insert(MemoryCard::Size{.block_size = 512, .blocks = 40, .free_blocks = 4});
   struct statfs status;
   ASSERT_EQ(card.status(&status), 0);
-  EXPECT_TRUE(status.f_bsize == 512 && status.f_blocks == 9 && status.f_bavail == 4);
+  EXPECT_TRUE(status.f_bsize == 512 && status.f_blocks == 40 && status.f_bfree == 4 &&
+              status.f_bavail == 2);
   card.insert(std::nullopt);
   EXPECT_EQ(card.status(&status), -ENOENT);
 }

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+
 #include "tests/transcripts/transcript.h"
 
 using handset::Journal;
@@ -74,6 +77,11 @@ TEST(Journal, FoldsRepliesAndCommandsThatAreAsAlways) {
       {{buf, upr, "< OK\\n"}, {buf, upr, "< OK\\n"}},
       {{buf, "D [FTM-AT]at_command_thread, upr : At^a\\n\\n"},
        {buf, "D [FTM-AT]at_command_thread, upr : At^a\\n\\n"}},
+      {{"seek /a 0x10", "read /a 8"}, {"read /a at 0x10 8"}},
+      {{"seek /a 0x10", "1: seek /b 0x20", "write /a xy = EIO"},
+       {"1: seek /b 0x20", "write /a at 0x10 xy = EIO"}},
+      {{"seek /a 0x10", "read /b 8"}, {"seek /a 0x10", "read /b 8"}},
+      {{"seek /a 0x10 = EIO", "read /a 8"}, {"seek /a 0x10 = EIO", "read /a 8"}},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(lines(fold(journal(c.raw), "At^a\n")), c.folded);
@@ -100,6 +108,8 @@ TEST(Transcript, IsComparedStreamByStream) {
       {{"* 1: a", "1: b"}, {"1: b"}, Match::kComplete},
       {{"* 1: a", "1: b"}, {"1: b", "1: a"}, Match::kDifferent},
       {{"* 1: a"}, {"1: a", "1: c"}, Match::kDifferent},
+      {{"... b"}, {"a", "a", "b"}, Match::kComplete},
+      {{"... 1: b"}, {"a", "1: b"}, Match::kDifferent},
       {{"fd {*} of {*}"}, {"fd 3 of 7"}, Match::kComplete},
       {{"fd {*}!"}, {"fd 3"}, Match::kDifferent},
       {{}, {"a"}, Match::kDifferent},
@@ -121,4 +131,44 @@ TEST(Transcript, IsComparedStreamByStream) {
     EXPECT_EQ(match(expected, journal(c.actual)), c.match)
         << testing::PrintToString(c.expected) << " with " << testing::PrintToString(c.actual);
   }
+}
+
+// A block's words, a count, a thread before its name, a block in a block, and one of whole steps.
+TEST(Transcript, BlocksStandForTheirLines) {
+  const std::filesystem::path file = testing::TempDir() + "blocks.txt";
+  std::ofstream(file) << ":: {what} is lit for {n} ms\nwrite {what} 1\nwait {n} ms\n\n"
+                         ":: LED is lit for {n} ms\nled {n}\n\n"
+                         ":: {line} is refused\n> {line}\n:: flash is lit for 5 ms\n< ERROR\\n\n\n"
+                         "== Title\n> A\n1: :: torch is lit for 7 ms x2\n:: LED is lit for 3 ms\n"
+                         ":: B C is refused\n> D\n< OK\n";
+  const std::vector<Scenario> scenarios = read_transcript(file);
+  ASSERT_EQ(scenarios.size(), 1U);
+  std::vector<std::string> all;
+  for (const Step& step : scenarios[0].steps) {
+    all.push_back(step.action);
+    for (const ExpectedEntry& entry : step.entries) {
+      all.push_back(handset::shown({entry.stream, entry.text}));
+    }
+  }
+  EXPECT_EQ(all, (std::vector<std::string>{
+                     "> A", "1: write torch 1", "1: wait 7 ms", "1: write torch 1", "1: wait 7 ms",
+                     "led 3", "> B C", "write flash 1", "wait 5 ms", "< ERROR\\n", "> D", "< OK"}));
+  EXPECT_EQ(scenarios[0].steps[1].source, std::vector<std::string>{":: B C is refused"});
+  std::filesystem::remove(file);
+}
+
+TEST(Journal, KeepsTheLatestEntriesUnderTheirIndexes) {
+  Journal journal;
+  journal.begin(100);
+  constexpr size_t kMost = 500'000;
+  for (size_t i = 0; i <= kMost; ++i) {
+    journal.add(100, std::to_string(i));
+  }
+  EXPECT_EQ(journal.size(), kMost + 1);
+  EXPECT_EQ(lines(journal.since(kMost)), std::vector<std::string>{"main: 500000"});
+  const std::vector<Journal::Entry> kept = journal.take();
+  ASSERT_EQ(kept.size(), kMost / 2 + 1);
+  EXPECT_EQ(kept.front().text, "250000");
+  journal.add(100, "next");
+  EXPECT_EQ(lines(journal.take()), std::vector<std::string>{"main: next"});
 }
