@@ -70,9 +70,10 @@ Journal::Entry Journal::entry(const Record& record) const {
   if (record.thread == daemon_) {
     return {"main", record.text};
   }
+  // A sanitizer's own thread is older than the worker, and none of the daemon's.
   int number = 1 + threads_gone_;
   for (auto other = threads_.begin(); other != threads_.end() && *other != record.thread; ++other) {
-    number += *other != worker_ && *other != daemon_ ? 1 : 0;
+    number += *other > worker_ && *other != daemon_ ? 1 : 0;
   }
   return {std::to_string(number), record.text};
 }
