@@ -7,11 +7,12 @@
 #include <errno.h>
 #include <fuse.h>
 #include <fuse_lowlevel.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -290,19 +291,25 @@ std::vector<std::string> Nodes::paths() const {
 // More than can wait in a node at a time: a suspend lasts until the phone wakes.
 static constexpr int kWorkers = 8;
 
+// The library's own bound: its header's page, and 256 pages of data.
+static constexpr size_t kMostRequest = 4096 + 256 * 4096;
+
 // Until the mount is gone. Not the library's own loop: it cancels its threads, also in the middle
-// of a message on standard error, whose lock then stays taken.
+// of a message on standard error, whose lock then stays taken. Nor its own read, which writes such
+// a message when the mount goes while it waits.
 static void answer_requests(fuse_session* session) {
-  fuse_buf request = {};
+  const auto memory = std::make_unique_for_overwrite<char[]>(kMostRequest);
   for (;;) {
-    const int size = fuse_session_receive_buf(session, &request);
+    const ssize_t size = read(fuse_session_fd(session), memory.get(), kMostRequest);
     if (size > 0) {
+      fuse_buf request = {};
+      request.mem = memory.get();
+      request.size = static_cast<size_t>(size);
       fuse_session_process_buf(session, &request);
-    } else if (size != -EINTR && size != -EAGAIN) {
+    } else if (size == 0 || (errno != EINTR && errno != EAGAIN && errno != ENOENT)) {
       break;
     }
   }
-  free(request.mem);
 }
 
 void Nodes::serve(int fuse_fd) {
