@@ -46,7 +46,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     old = old.isNull() ? Json::Value(Json::objectValue) : old;
     old.removeMember(item);
     now.removeMember(item);
-    // Written, for numbers that are no number are not equal to themselves.
+    // As the library's writer has it, which cuts a name at a zero byte; and written again, for
+    // numbers that are no number are not equal to themselves.
+    Json::Reader().parse(Json::StyledWriter().write(old), old, false);
     expect(Json::FastWriter().write(old) == Json::FastWriter().write(now), "another item changed");
   }
   return 0;
