@@ -83,14 +83,12 @@ static bool parse(const std::string& text, Json::Value* document, std::string* e
   return true;
 }
 
-// Whether an item is read back as it is written. Bytes that are no UTF-8 come out of the library's
-// writer as others.
-static bool reads_back(const char* item, const char* value) {
+// Whether a document's text is read again with an item as it was set. The library's writer makes
+// others of bytes that are no UTF-8, and ends a name at a zero byte.
+static bool reads_back(const std::string& text, const char* item, const char* value) {
   Json::Value document;
-  document[item] = value;
-  Json::Value again;
   std::string errors;
-  return parse(Json::StyledWriter().write(document), &again, &errors) && again == document;
+  return parse(text, &document, &errors) && document[item] == value;
 }
 
 // A file that cannot be read to its end is what was read of it.
@@ -175,14 +173,14 @@ bool updateEngineerConfig(const char* file_name, const char* item, const char* v
       return false;
     }
   }
-  if (!reads_back(item, value)) {
-    FTM_LOGD("%s %s: no UTF-8\n", __func__, item);
-    return false;
-  }
   document[item] = value;
   const std::string text = Json::StyledWriter().write(document);
   if (text.size() >= kDocumentLimit) {
     FTM_LOGD("%s %s length is [%d], out of range\n", __func__, path, static_cast<int>(text.size()));
+    return false;
+  }
+  if (!reads_back(text, item, value)) {
+    FTM_LOGD("%s %s: would not be read back\n", __func__, item);
     return false;
   }
   const UniqueFd file = open_regular(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);

@@ -2,6 +2,7 @@
 """The handset as its users start it: options, scripts, a terminal, and served phones with the programs
 on their lines and control sockets. The program's path comes in the variable HANDSET.
 """
+import contextlib
 import os
 import pty
 import re
@@ -36,8 +37,9 @@ def daemons_of(pid):
     """The processes that a handset has started."""
     children = []
     for task in os.listdir(f"/proc/{pid}/task"):
-        with open(f"/proc/{pid}/task/{task}/children", encoding="ascii") as file:
-            children += file.read().split()
+        with contextlib.suppress(FileNotFoundError):  # it has ended
+            with open(f"/proc/{pid}/task/{task}/children", encoding="ascii") as file:
+                children += file.read().split()
     return children
 
 
