@@ -98,7 +98,6 @@ class Seen:
         fitting = [(row, row_word) for row in rows for row_word in row.words if row_word.name == word]
         if not fitting:
             if any(row.kind == "desk" for row in rows):
-                self.words |= {(row.line, "desk") for row in rows}
                 self.desk += 1
             else:
                 self.found.append(f"{word} {path}: not in {policy_table.TABLE.name}")
@@ -115,8 +114,6 @@ class Seen:
             if row.kind == "self":
                 self.needed |= make_policy.row_rules(row, self.policy.labels)
                 continue
-            if row.kind == "desk" and (row.line, "desk") not in self.words:
-                self.found.append(f"{row.place}: in the table, but no run touches it")
             for word in row.words:
                 if word.shown != ((row.line, word.name) in self.words):
                     where, shows = ("the table", "no") if word.shown else ("parentheses", "a")
