@@ -118,6 +118,11 @@ class Handset {
   void shorten(const std::string& phone_path, int call, size_t most,
                const Faults::Which& which = Faults::Which());
 
+  // The device whose file the call's descriptor is, by its path; nothing for other descriptors.
+  std::string device(const TrappedCall& call) {
+    return devices_.path(call);
+  }
+
   // Shows each trapped call, before its own part of the phone answers it, to a function on the
   // supervisor's thread: what that answers stands, unless it is the kernel's. Before start.
   void intercept(Supervisor::Handler function) {

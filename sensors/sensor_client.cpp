@@ -139,8 +139,9 @@ struct EncodedMessage {
   size_t size = 0;
 };
 
-// Encodes a request's own message. name and failure are what the log lines say.
-static bool encode_message(const char* name, const char* failure, const pb_msgdesc_t* fields,
+// Encodes a request's own message. name and failure are what the log lines say. What describes the
+// fields is another type in nanopb 0.3 than in 0.4: any is taken.
+static bool encode_message(const char* name, const char* failure, const auto* fields,
                            const void* message, EncodedMessage* encoded) {
   if (!pb_get_encoded_size(&encoded->size, fields, message)) {
     SENSOR_LOG("%s: ERROR GET SIZE", name);
@@ -255,8 +256,7 @@ static std::string_view text_of(const Span& span) {
 }
 
 // Decodes an event's own message and logs a failure under the step's name.
-static bool decode_event(const char* name, pb_istream_t* stream, const pb_msgdesc_t* fields,
-                         void* event) {
+static bool decode_event(const char* name, pb_istream_t* stream, const auto* fields, void* event) {
   if (!pb_decode(stream, fields, event)) {
     SENSOR_LOG("%s: ERROR %s", name, PB_GET_ERROR(stream));
     return false;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Checks the form of every source file, the walls between the folders, the types and form of the
-# station's Python, and what clang-tidy knows of the programs. clang-tidy leaves out a file that it
+# Checks the form of every source file, the walls between the folders, the types and form of the Python of
+# the station and the phone's policy, and what clang-tidy knows of the programs. clang-tidy leaves out a file that it
 # passed before, until the file, any header of the project, its compile command or the settings change.
 # usage: lint.sh BUILD_FOLDER, from the project's folder.
 set -euo pipefail
@@ -48,11 +48,16 @@ wall 'the core knows no module and no engine' 'core/' 'modules|audio_route|senso
 wall 'an engine knows no module' '(audio_route|sensors|power|display)/' 'modules/'
 wall 'the platform knows nothing above it' 'platform/' "($daemon)/"
 
-# ---- The station's Python
+# ---- The Python of the station and of the phone's policy
 
 (
   cd station
   mypy --cache-dir "$build/lint/mypy" ftm_station plan && PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m flake8
+) >&2 || failed=1
+(
+  export MYPYPATH=platform/android PYTHONDONTWRITEBYTECODE=1
+  mypy --cache-dir "$build/lint/mypy" platform/android/*.py tests/policy/*.py &&
+    /usr/bin/python3 -m flake8 --config station/.flake8 platform/android tests/policy
 ) >&2 || failed=1
 
 # ---- clang-tidy

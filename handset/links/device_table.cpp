@@ -41,7 +41,7 @@ Answer DeviceTable::open(const TrappedCall& call, const std::string& path) {
     std::error_code unreadable;
     const fs::path link = "/proc/self/fd/" + std::to_string(opened.fd);
     const std::string name = fs::read_symlink(link, unreadable).string();
-    files_[name] = std::move(opened.file);
+    files_[name] = {path, std::move(opened.file)};
     arriving_ = name;
   }
   return Answer::descriptor(opened.fd, static_cast<int>(call.arguments[2]));
@@ -55,7 +55,13 @@ Answer DeviceTable::ioctl(const TrappedCall& call) {
     return Answer::kernel();
   }
   return Answer::result(
-      file->second->ioctl(call, static_cast<uint32_t>(call.arguments[1]), call.arguments[2]));
+      file->second.file->ioctl(call, static_cast<uint32_t>(call.arguments[1]), call.arguments[2]));
+}
+
+std::string DeviceTable::path(const TrappedCall& call) {
+  const std::lock_guard lock(mutex_);
+  const auto file = files_.find(call.link(call.descriptor()));
+  return file == files_.end() ? "" : file->second.path;
 }
 
 void DeviceTable::note_arrived() {

@@ -32,6 +32,9 @@ class DeviceTable {
   Answer open(const TrappedCall& call, const std::string& path);
   Answer ioctl(const TrappedCall& call);
 
+  // Which device's file the call's descriptor is: the path that was opened, or nothing.
+  std::string path(const TrappedCall& call);
+
   // The daemon has gone on after its last open: the descriptor of that is with it now.
   void note_arrived();
 
@@ -42,12 +45,17 @@ class DeviceTable {
   void close_all();
 
  private:
+  struct Opened {
+    std::string path;
+    std::unique_ptr<DeviceFile> file;
+  };
+
   void close_unheld();
 
   std::map<std::string, Device*> devices_;
   std::mutex mutex_;
   pid_t daemon_ = 0;
-  std::map<std::string, std::unique_ptr<DeviceFile>> files_;  // by what /proc/PID/fd/N names
+  std::map<std::string, Opened> files_;  // by what /proc/PID/fd/N names
   std::optional<std::string> arriving_;  // the name of the one that the daemon is being given
 };
 

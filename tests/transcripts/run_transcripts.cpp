@@ -1,18 +1,20 @@
 // Replays transcripts, each scenario on a phone of its own, several side by side.
 //
-//   run_transcripts [--record] [--exchanges OUT] FILE...
+//   run_transcripts [--record] [--exchanges OUT] [--touches OUT] FILE...
 //
 // Prints what differs, line by line, and ends with status 1 when something did. With --record what
 // came is written into the file in place of what did not; read it before you keep it. With
 // --exchanges each sent line and the replies that came until the next one are written to OUT, as
-// protocol/check.py reads them.
+// protocol/check.py reads them; with --touches what the phones' processes touched, see touches.h.
 
 #include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -22,6 +24,7 @@
 #include "handset/console/dot_commands.h"
 #include "handset/handset.h"
 #include "handset/visible.h"
+#include "tests/transcripts/touches.h"
 #include "tests/transcripts/transcript.h"
 
 using handset::Handset;
@@ -315,7 +318,7 @@ std::string exchanged(const Step& step, const Played& played) {
   return text + (played.ended ? "\t!" : "");
 }
 
-Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
+Outcome replay(const std::string& file, const Scenario& scenario, bool record, Touches* touches) {
   Outcome outcome;
   std::string& recorded = outcome.recorded;
   recorded = "== " + scenario.title + "\n" + joined(scenario.head);
@@ -324,7 +327,9 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
                       step.action + "\n" + text;
   };
   try {
+    TouchWatch watch(touches);  // outlives the phone
     Handset phone;
+    watch.attach(&phone);
     size_t seen = 0;
     bool is_exchange = true;  // until a reply belongs to no line of its own
     for (const Step& step : scenario.steps) {
@@ -363,7 +368,24 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record) {
   return outcome;
 }
 
-int run(const std::vector<std::string>& files, bool record, const std::string& exchanges) {
+struct Options {
+  bool record = false;
+  std::string exchanges;  // a file, or nothing
+  std::string touches;
+};
+
+void write_lines(const std::string& path, const std::vector<std::string>& lines) {
+  if (path.empty()) {
+    return;
+  }
+  std::ofstream stream(path);
+  stream << joined(lines);
+  if (!stream.flush()) {
+    throw std::runtime_error("cannot write " + path);
+  }
+}
+
+int run(const std::vector<std::string>& files, const Options& options) {
   struct Job {
     std::string file;
     Scenario scenario;
@@ -375,12 +397,13 @@ int run(const std::vector<std::string>& files, bool record, const std::string& e
       jobs.push_back({file, scenario});
     }
   }
+  Touches touches;
   std::atomic<size_t> next = 0;
   std::vector<std::thread> workers;
   for (unsigned i = 0; i < std::max(2U, std::thread::hardware_concurrency()); ++i) {
     workers.emplace_back([&] {
       for (size_t job = next++; job < jobs.size(); job = next++) {
-        jobs[job].outcome = replay(jobs[job].file, jobs[job].scenario, record);
+        jobs[job].outcome = replay(jobs[job].file, jobs[job].scenario, options.record, &touches);
       }
     });
   }
@@ -392,7 +415,7 @@ int run(const std::vector<std::string>& files, bool record, const std::string& e
     failed += job.outcome.report.empty() ? 0 : 1;
     std::cout << job.outcome.report;
   }
-  for (const std::string& file : record ? files : std::vector<std::string>{}) {
+  for (const std::string& file : options.record ? files : std::vector<std::string>{}) {
     const std::string head = transcript_head(file);
     std::ofstream stream(file);
     stream << head;
@@ -402,15 +425,13 @@ int run(const std::vector<std::string>& files, bool record, const std::string& e
       }
     }
   }
-  if (!exchanges.empty()) {
-    std::ofstream stream(exchanges);
-    for (const Job& job : jobs) {
-      stream << "# " << job.file << ": " << job.scenario.title << job.outcome.exchanges << "\n";
-    }
-    if (!stream.flush()) {
-      throw std::runtime_error("cannot write " + exchanges);
-    }
+  std::vector<std::string> exchanges;
+  for (const Job& job : jobs) {
+    exchanges.push_back("# " + job.file + ": " + job.scenario.title + job.outcome.exchanges);
   }
+  const std::set<std::string> touched = touches.lines();
+  write_lines(options.exchanges, exchanges);
+  write_lines(options.touches, {touched.begin(), touched.end()});
   std::cout << jobs.size() - failed << " scenarios as expected, " << failed << " not\n";
   return failed == 0 ? 0 : 1;
 }
@@ -419,17 +440,23 @@ int run(const std::vector<std::string>& files, bool record, const std::string& e
 
 int main(int argc, char** argv) {
   std::vector<std::string> files(argv + 1, argv + argc);
-  const bool record = !files.empty() && files[0] == "--record";
-  if (record) {
-    files.erase(files.begin());
-  }
-  std::string exchanges;
-  if (files.size() > 1 && files[0] == "--exchanges") {
-    exchanges = files[1];
-    files.erase(files.begin(), files.begin() + 2);
+  Options options;
+  const std::map<std::string, std::string*> outputs = {{"--exchanges", &options.exchanges},
+                                                       {"--touches", &options.touches}};
+  while (!files.empty()) {
+    const auto output = outputs.find(files[0]);
+    if (output != outputs.end() && files.size() > 1) {
+      *output->second = files[1];
+      files.erase(files.begin(), files.begin() + 2);
+    } else if (files[0] == "--record") {
+      options.record = true;
+      files.erase(files.begin());
+    } else {
+      break;
+    }
   }
   try {
-    return run(files, record, exchanges);
+    return run(files, options);
   } catch (const std::exception& error) {
     std::cerr << error.what() << "\n";
     return 2;
