@@ -14,7 +14,7 @@ guest=$folder/guest  # disks, and what the emulated machine hands back
 
 # The libraries of packages.txt, and what running the tests takes, beside the essential packages.
 tree_packages() {
-  echo busybox-static cmake kmod libc6-dev linux-image-arm64 libstdc++-12-dev
+  echo busybox-static cmake kmod libc6-dev libstdc++-12-dev linux-image-arm64 mount
   grep -E '^(lib.*|android-.*)-dev$' packages.txt
   grep -E '^(python3|python3-jsonschema|python3-pytest|python3-serial|file|socat|unzip|zip)$' packages.txt
 }

@@ -1,6 +1,8 @@
 #!/bin/bash
 # The emulated machine's init: runs the suite, leaves ctest's logs and status on the third disk, and
 # switches the machine off. Called by arm64_initrd.sh with the project's disk in its place.
+set -e
+trap 'sync; busybox poweroff -f' EXIT
 export PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin HOME=/root LANG=C.UTF-8 CLICOLOR=0
 mount -t devtmpfs dev /dev
 mkdir -p /dev/pts /dev/shm
@@ -14,7 +16,7 @@ ln -s /proc/self/fd /dev/fd
 modprobe fuse
 busybox ip link set lo up
 hostname arm64
-cd "$(dirname "$(readlink -f "$0")")/.." || exit
+cd "$(dirname "$(readlink -f "$0")")/.."
 
 # Not here: what looks at sources or packs (the build machine's work), with its reason.
 cat <<END
@@ -23,8 +25,7 @@ Left out: lint (it reads sources and runs there, not here), package (cpack asks 
 and here Debian is only unpacked)
 END
 eval "options=($(cat build/arm64/ctest_options))"
-ctest --test-dir build/arm64 --output-on-failure -E '^(lint|package)$' -j "$(nproc)" "${options[@]}"
-echo $? >build/arm64/Testing/status
+ctest --test-dir build/arm64 --output-on-failure -E '^(lint|package)$' -j "$(nproc)" "${options[@]}" &&
+  status=0 || status=$?
+echo $status >build/arm64/Testing/status
 tar -c -f /dev/vdc -C build/arm64/Testing .
-sync
-busybox poweroff -f
