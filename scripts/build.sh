@@ -1,14 +1,14 @@
 # Sourced by run and test, from the project's folder: brings the packages and builds. All progress
 # goes to standard error.
 
-install_packages() {
+# install_missing PACKAGE...: those that are missing.
+install_missing() {
   local missing=()
   local package
-  while read -r package; do
-    case $package in "" | \#*) continue ;; esac
+  for package in "$@"; do
     dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
       missing+=("$package")
-  done <packages.txt
+  done
   [ ${#missing[@]} -gt 0 ] || return 0
   echo "Installing ${#missing[@]} packages: ${missing[*]}" >&2
   local sudo=
@@ -16,6 +16,10 @@ install_packages() {
   $sudo apt-get update -q >&2 </dev/null
   $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
     "${missing[@]}" >&2 </dev/null
+}
+
+install_packages() {
+  install_missing $(grep -v '^#' packages.txt)
 }
 
 # build PRESET [TARGET...]: shows its progress the first time and is silent afterwards. One builds at a

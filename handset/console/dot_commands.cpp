@@ -228,13 +228,11 @@ void property(Handset& phone, const Line& line, std::ostream& out) {
 // ---- what fails
 
 const std::map<std::string, int> kFailingCalls = {
-    {"open", SYS_openat},   {"read", SYS_read},          {"write", SYS_write},
-    {"seek", SYS_lseek},    {"sync", SYS_fsync},         {"datasync", SYS_fdatasync},
-    {"pread", SYS_pread64}, {"truncate", SYS_ftruncate},
-#ifdef SYS_unlink
-    {"access", SYS_access}, {"unlink", SYS_unlink},      {"mkdir", SYS_mkdir},
-    {"chmod", SYS_chmod},   {"rename", SYS_rename},
-#endif
+    {"open", SYS_openat},     {"read", SYS_read},          {"write", SYS_write},
+    {"seek", SYS_lseek},      {"sync", SYS_fsync},         {"datasync", SYS_fdatasync},
+    {"pread", SYS_pread64},   {"truncate", SYS_ftruncate}, {"access", SYS_faccessat},
+    {"unlink", SYS_unlinkat}, {"mkdir", SYS_mkdirat},      {"chmod", SYS_fchmodat},
+    {"rename", SYS_renameat},
 };
 
 // Which calls, counted from now: "2" the second, "1-3" the first three, nothing all.

@@ -3,7 +3,6 @@
 #include "handset/links/call_recorder.h"
 
 #include <fcntl.h>
-#include <linux/sched.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -16,6 +15,7 @@
 #include <sstream>
 #include <vector>
 
+#include "handset/links/call_form.h"
 #include "handset/visible.h"
 
 namespace handset {
@@ -150,28 +150,22 @@ std::string CallRecorder::cut(const TrappedCall& call) const {
 }
 
 std::string CallRecorder::removed(const TrappedCall& call) const {
-  const std::string path = path_at(call, call.arguments[0]);
-  return is_file(path) ? "remove " + path : "";
-}
-
-std::string CallRecorder::removed_at(const TrappedCall& call) const {
   const std::string path = path_at(call, call.arguments[1], call.descriptor());
+  if ((call.arguments[2] & AT_REMOVEDIR) != 0) {
+    return "rmdir " + path;
+  }
   return is_file(path) ? "remove " + path : "";
-}
-
-std::string CallRecorder::folder_removed(const TrappedCall& call) const {
-  return "rmdir " + path_at(call, call.arguments[0]);
 }
 
 std::string CallRecorder::folder_made(const TrappedCall& call) const {
-  return "mkdir " + path_at(call, call.arguments[0]) + " " +
-         number(call.arguments[1] & 07777, "%04llo");
+  return "mkdir " + path_at(call, call.arguments[1], call.descriptor()) + " " +
+         number(call.arguments[2] & 07777, "%04llo");
 }
 
 // A property is written aside and renamed.
 std::string CallRecorder::renamed(const TrappedCall& call) const {
-  const std::string from = path_at(call, call.arguments[0]);
-  const std::string to = path_at(call, call.arguments[1]);
+  const std::string from = path_at(call, call.arguments[1], call.descriptor());
+  const std::string to = path_at(call, call.arguments[3], call.descriptor(2));
   if (!begins(to, kProperties)) {
     return "rename " + from + " " + to;
   }
@@ -181,9 +175,8 @@ std::string CallRecorder::renamed(const TrappedCall& call) const {
 }
 
 std::string CallRecorder::mode_changed(const TrappedCall& call) const {
-  const bool at = call.number == SYS_fchmodat;
-  return "chmod " + path_at(call, call.arguments[at ? 1 : 0]) + " " +
-         number(call.arguments[at ? 2 : 1] & 07777, "%04llo");
+  return "chmod " + path_at(call, call.arguments[1], call.descriptor()) + " " +
+         number(call.arguments[2] & 07777, "%04llo");
 }
 
 std::string CallRecorder::open_mode_changed(const TrappedCall& call) const {
@@ -192,10 +185,9 @@ std::string CallRecorder::open_mode_changed(const TrappedCall& call) const {
 }
 
 std::string CallRecorder::owner_changed(const TrappedCall& call) const {
-  const int at = call.number == SYS_fchownat ? 1 : 0;
-  return "chown " + path_at(call, call.arguments[at]) + " " +
-         std::to_string(static_cast<int>(call.arguments[at + 1])) + ":" +
-         std::to_string(static_cast<int>(call.arguments[at + 2]));
+  return "chown " + path_at(call, call.arguments[1], call.descriptor()) + " " +
+         std::to_string(static_cast<int>(call.arguments[2])) + ":" +
+         std::to_string(static_cast<int>(call.arguments[3]));
 }
 
 std::string CallRecorder::waited(const TrappedCall& call) const {
@@ -222,20 +214,14 @@ const CallRecorder::Call CallRecorder::kCalls[] = {
     {SYS_fsync, &CallRecorder::synced},
     {SYS_fdatasync, &CallRecorder::synced},
     {SYS_ftruncate, &CallRecorder::cut},
-    {SYS_unlinkat, &CallRecorder::removed_at},
+    {SYS_unlinkat, &CallRecorder::removed},
+    {SYS_mkdirat, &CallRecorder::folder_made},
+    {SYS_renameat, &CallRecorder::renamed},
     {SYS_fchmod, &CallRecorder::open_mode_changed},
     {SYS_fchmodat, &CallRecorder::mode_changed},
     {SYS_fchownat, &CallRecorder::owner_changed},
     {SYS_clock_nanosleep, &CallRecorder::waited},
     {SYS_sync, &CallRecorder::all_synced},
-#ifdef SYS_unlink  // what newer architectures have only with a folder's descriptor
-    {SYS_unlink, &CallRecorder::removed},
-    {SYS_rmdir, &CallRecorder::folder_removed},
-    {SYS_mkdir, &CallRecorder::folder_made},
-    {SYS_rename, &CallRecorder::renamed},
-    {SYS_chmod, &CallRecorder::mode_changed},
-    {SYS_chown, &CallRecorder::owner_changed},
-#endif
 };
 
 // What a call came to, where the handset and not the kernel answered it.
@@ -261,7 +247,7 @@ void CallRecorder::record(const TrappedCall& call, const Answer& answer) {
     }
     return;
   }
-  if (call.number == SYS_clone3) {
+  if (call.number == SYS_clone || call.number == SYS_clone3) {
     note_clone(call, answer);
     return;
   }
@@ -276,9 +262,7 @@ void CallRecorder::record(const TrappedCall& call, const Answer& answer) {
 }
 
 void CallRecorder::note_clone(const TrappedCall& call, const Answer& answer) {
-  uint64_t flags = 0;  // the first field of the caller's record
-  call.read(call.arguments[0], &flags, sizeof(flags));
-  const bool is_thread = (flags & CLONE_THREAD) != 0;
+  const bool is_thread = makes_thread(call);
   if (is_thread || answer.kind == Answer::Kind::kResult) {
     journal_->add(call.thread, (is_thread ? "thread" : "process") + outcome(call, answer));
   } else {

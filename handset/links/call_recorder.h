@@ -44,8 +44,6 @@ class CallRecorder {
   std::string synced(const TrappedCall& call) const;
   std::string cut(const TrappedCall& call) const;
   std::string removed(const TrappedCall& call) const;
-  std::string removed_at(const TrappedCall& call) const;
-  std::string folder_removed(const TrappedCall& call) const;
   std::string folder_made(const TrappedCall& call) const;
   std::string renamed(const TrappedCall& call) const;
   std::string mode_changed(const TrappedCall& call) const;

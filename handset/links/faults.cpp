@@ -4,11 +4,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+
+#include "handset/links/call_form.h"
 
 namespace handset {
 
@@ -71,34 +72,28 @@ Answer Faults::open(const std::string& path) {
   return Answer::fail(fault.has_value() ? fault->error : 0);
 }
 
-// A path as fail() names it; the daemon works in "/".
-static std::string named(const std::string& path) {
-  return path.starts_with('/') ? path : "/" + path;
+// A path as fail() names it: that of the argument behind its folder's. The daemon works in "/".
+static std::string named(const TrappedCall& call, int folder) {
+  const std::string name = call.text(call.arguments[folder + 1]);
+  const std::string path = name.starts_with('/') ? name : "/" + name;
+  return call.descriptor(folder) == AT_FDCWD ? path : call.link(call.descriptor(folder)) + path;
 }
 
 std::string target(const TrappedCall& call) {
   switch (call.number) {
-    case SYS_clone3: {
-      uint64_t flags = 0;  // the first field of the caller's record
-      call.read(call.arguments[0], &flags, sizeof(flags));
-      return (flags & CLONE_THREAD) != 0 ? "thread" : "process";
-    }
+    case SYS_clone:
+    case SYS_clone3:
+      return makes_thread(call) ? "thread" : "process";
     case SYS_shutdown:
       return "socket";
-    case SYS_unlinkat: {
-      const std::string name = call.text(call.arguments[1]);
-      return call.descriptor() == AT_FDCWD ? named(name)
-                                           : call.link(call.descriptor()) + named(name);
-    }
-#ifdef SYS_unlink
-    case SYS_access:
-    case SYS_unlink:
-    case SYS_mkdir:
-    case SYS_chmod:
-      return named(call.text(call.arguments[0]));
-    case SYS_rename:
-      return named(call.text(call.arguments[1]));
-#endif
+    case SYS_faccessat:
+    case SYS_fchmodat:
+    case SYS_fchownat:
+    case SYS_mkdirat:
+    case SYS_unlinkat:
+      return named(call, 0);
+    case SYS_renameat:
+      return named(call, 2);
     default:
       return call.link(call.descriptor());
   }
@@ -106,11 +101,7 @@ std::string target(const TrappedCall& call) {
 
 // The call that fail() knows it by.
 static int known_as(int call) {
-#ifdef SYS_unlink
-  return call == SYS_unlinkat ? SYS_unlink : call;
-#else
-  return call;
-#endif
+  return call == SYS_clone ? SYS_clone3 : call;
 }
 
 Answer Faults::answer(const TrappedCall& call) {

@@ -26,19 +26,18 @@ constexpr int kTrappedCalls[] = {SYS_statfs,          SYS_openat,       SYS_ioct
 
 // Calls that are trapped for the journal, and are the kernel's unless they are made to fail.
 constexpr int kJournalCalls[] = {
-    SYS_writev,   SYS_sendto, SYS_pwrite64, SYS_lseek,    SYS_fsync,  SYS_fdatasync, SYS_ftruncate,
-    SYS_unlinkat, SYS_fchmod, SYS_fchmodat, SYS_fchownat, SYS_execve, SYS_clone3,
-#ifdef SYS_unlink  // what newer architectures have only with a folder's descriptor
-    SYS_unlink,   SYS_rmdir,  SYS_mkdir,    SYS_rename,   SYS_chmod,  SYS_chown,
+    SYS_writev,    SYS_sendto,   SYS_pwrite64, SYS_lseek,   SYS_fsync,  SYS_fdatasync,
+    SYS_ftruncate, SYS_unlinkat, SYS_renameat, SYS_mkdirat, SYS_fchmod, SYS_fchmodat,
+    SYS_fchownat,  SYS_execve,   SYS_clone,    SYS_clone3,
+#ifdef SYS_unlink  // see call_form.h
+    SYS_unlink,    SYS_rmdir,    SYS_mkdir,    SYS_rename,  SYS_chmod,  SYS_chown,
 #endif
 };
 constexpr unsigned kSerialReadSize = 576;
 
 // Reads of every size and what else is worth failing, which only a handset with faults sees.
 constexpr int kFaultCalls[] = {
-    SYS_read,
-    SYS_pread64,
-    SYS_shutdown,
+    SYS_read,   SYS_pread64, SYS_shutdown, SYS_faccessat,
 #ifdef SYS_access
     SYS_access,
 #endif
@@ -47,10 +46,10 @@ constexpr int kFaultCalls[] = {
 // What else can fail, which only a handset that looks at every call sees. Not sendmsg: with it the
 // stage hands over the traps.
 constexpr int kOtherCalls[] = {
-    SYS_newfstatat,    SYS_fstat,     SYS_getdents64, SYS_faccessat, SYS_renameat, SYS_mkdirat,
-    SYS_fcntl,         SYS_dup3,      SYS_pipe2,      SYS_wait4,     SYS_mmap,     SYS_mprotect,
-    SYS_epoll_create1, SYS_epoll_ctl, SYS_eventfd2,   SYS_socket,    SYS_connect,  SYS_recvfrom,
-    SYS_recvmsg,       SYS_shutdown,  SYS_ppoll,      SYS_fchown,
+    SYS_newfstatat,    SYS_fstat,     SYS_getdents64, SYS_epoll_pwait, SYS_fcntl,
+    SYS_dup3,          SYS_pipe2,     SYS_wait4,      SYS_mmap,        SYS_mprotect,
+    SYS_epoll_create1, SYS_epoll_ctl, SYS_eventfd2,   SYS_socket,      SYS_connect,
+    SYS_recvfrom,      SYS_recvmsg,   SYS_shutdown,   SYS_ppoll,       SYS_fchown,
 #ifdef SYS_epoll_wait
     SYS_epoll_wait,    SYS_poll,      SYS_dup2,
 #endif

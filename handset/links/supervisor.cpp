@@ -17,6 +17,8 @@
 #include <fstream>
 #include <utility>
 
+#include "handset/links/call_form.h"
+
 namespace handset {
 
 using std::chrono::steady_clock;
@@ -206,6 +208,7 @@ bool Supervisor::answer_next(int listener) {
   call.number = notification.data.nr;
   call.journal = journal_;
   std::copy(std::begin(notification.data.args), std::end(notification.data.args), call.arguments);
+  use_common_form(&call);
   Answer answer = interceptor_ == nullptr ? Answer::kernel() : interceptor_(call);
   if (const auto handler = handlers_.find(call.number);
       answer.kind == Answer::Kind::kKernel && handler != handlers_.end()) {

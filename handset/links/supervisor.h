@@ -20,7 +20,7 @@
 
 namespace handset {
 
-// A trapped call as its handler sees it.
+// A trapped call as its handler sees it: in the form of call_form.h.
 class TrappedCall : public Caller {
  public:
   pid_t thread = 0;

@@ -61,14 +61,9 @@ static const std::vector<CallKind>& call_kinds() {
       {SYS_init_module, "init_module", {EEXIST, ENOEXEC, ENOMEM}},
       {SYS_finit_module, "finit_module", {EEXIST, ENOEXEC, ENOMEM}},
       {SYS_delete_module, "delete_module", {EBUSY, EAGAIN, ENOENT}},
-#ifdef SYS_access  // what newer architectures have in another form only
-      {SYS_access, "access", {ENOENT, EACCES, EIO}},
-      {SYS_unlink, "unlink", {ENOENT, EACCES, EIO}},
-      {SYS_rmdir, "rmdir", {ENOENT, EACCES}},
-      {SYS_mkdir, "mkdir", {EACCES, ENOSPC}},
-      {SYS_rename, "rename", {EACCES, ENOSPC, EIO}},
-      {SYS_chmod, "chmod", {EACCES, ENOENT}},
-      {SYS_chown, "chown", {EACCES, ENOENT}},
+      {SYS_clone, "clone", {EAGAIN, ENOMEM}},
+      {SYS_epoll_pwait, "epoll_pwait", {EINTR, EINVAL}},
+#ifdef SYS_poll  // newer architectures have them in another form only
       {SYS_epoll_wait, "epoll_wait", {EINTR, EINVAL}},
       {SYS_poll, "poll", {EINTR, ENOMEM}},
       {SYS_dup2, "dup2", {EMFILE, EBUSY}},

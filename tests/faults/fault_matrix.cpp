@@ -58,7 +58,7 @@ class CallTrouble : public Trouble {
 bool tells_phone(const Call& call, int error) {
   static const char* const kFiles[] = {"/dev/block/sda", "/mnt/vendor/norvareserve",
                                        "/mnt/vendor/norvareserve/system/config/secrecy.cfg"};
-  return error == ENOENT && std::string(call.kind->name) == "access" &&
+  return error == ENOENT && std::string(call.kind->name) == "faccessat" &&
          std::find(std::begin(kFiles), std::end(kFiles), call.on) != std::end(kFiles);
 }
 

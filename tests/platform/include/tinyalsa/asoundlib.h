@@ -1,0 +1,5 @@
+// One header for all of tinyalsa.
+
+#pragma once
+
+#include <tinyalsa/mixer.h>
