@@ -28,7 +28,10 @@ constexpr int kTrappedCalls[] = {SYS_statfs,          SYS_openat,       SYS_ioct
 constexpr int kJournalCalls[] = {
     SYS_writev,    SYS_sendto,   SYS_pwrite64, SYS_lseek,   SYS_fsync,  SYS_fdatasync,
     SYS_ftruncate, SYS_unlinkat, SYS_renameat, SYS_mkdirat, SYS_fchmod, SYS_fchmodat,
-    SYS_fchownat,  SYS_execve,   SYS_clone,    SYS_clone3,
+    SYS_fchownat,  SYS_execve,   SYS_clone3,
+#ifdef __aarch64__  // whose C library makes threads and programs with it
+    SYS_clone,
+#endif
 #ifdef SYS_unlink  // see call_form.h
     SYS_unlink,    SYS_rmdir,    SYS_mkdir,    SYS_rename,  SYS_chmod,  SYS_chown,
 #endif

@@ -41,8 +41,8 @@ struct Played {
 };
 
 // How long a step may take to bring about all, and how long it is silent when it has.
-constexpr std::chrono::milliseconds kPatience(20000);
-constexpr std::chrono::milliseconds kSilence(300);
+constexpr std::chrono::milliseconds kPatience(20000 * FTM_PATIENCE);
+constexpr std::chrono::milliseconds kSilence(300 * FTM_PATIENCE);
 
 std::vector<std::string> lines_of(const std::string& text) {
   std::istringstream stream(text);
@@ -77,7 +77,7 @@ bool send(Handset* phone, const std::string& bytes, size_t* seen) {
   }
   const int reads = phone->serial.reads();
   phone->serial.send(bytes);
-  return phone->serial.wait_reads(reads + 1, std::chrono::seconds(60));
+  return phone->serial.wait_reads(reads + 1, std::chrono::seconds(60 * FTM_PATIENCE));
 }
 
 // Does one step and gathers what it brings about, until that is what is expected or clearly is not.
