@@ -44,11 +44,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   set_file(kPath, content);
   if (!content.empty() && document(&old)) {
     old = old.isNull() ? Json::Value(Json::objectValue) : old;
-    old.removeMember(item);
-    now.removeMember(item);
     // As the library's writer has it, which cuts a name at a zero byte; and written again, for
     // numbers that are no number are not equal to themselves.
     Json::Reader().parse(Json::StyledWriter().write(old), old, false);
+    old.removeMember(item);
+    now.removeMember(item);
     expect(Json::FastWriter().write(old) == Json::FastWriter().write(now), "another item changed");
   }
   return 0;

@@ -101,11 +101,11 @@ void TouchWatch::note_open(const TrappedCall& call) {
 
 // A property is written aside and renamed.
 void TouchWatch::note_rename(const TrappedCall& call) {
-  const std::string to = path_at(call, call.arguments[1]);
+  const std::string to = path_at(call, call.arguments[3], static_cast<int>(call.arguments[2]));
   if (to.starts_with(kProperties)) {
     touches_->add("set", to.substr(sizeof(kProperties) - 1));
   } else {
-    touches_->add("rename", path_at(call, call.arguments[0]));
+    touches_->add("rename", path_at(call, call.arguments[1], call.descriptor()));
     touches_->add("rename", to);
   }
 }
@@ -134,6 +134,12 @@ void TouchWatch::note(const TrappedCall& call) {
     case SYS_unlinkat:
       return touches_->add((call.arguments[2] & AT_REMOVEDIR) != 0 ? "rmdir" : "remove",
                            named_in_folder());
+    case SYS_faccessat:
+      return touches_->add((call.arguments[2] & R_OK) != 0 ? "ask" : "look", named_in_folder());
+    case SYS_mkdirat:
+      return touches_->add("mkdir", named_in_folder());
+    case SYS_renameat:
+      return note_rename(call);
     case SYS_fchmodat:
       return touches_->add("chmod", named_in_folder());
     case SYS_fchownat:
@@ -150,22 +156,6 @@ void TouchWatch::note(const TrappedCall& call) {
       return touches_->add("load", "module");
     case SYS_delete_module:
       return touches_->add("unload", "module");
-#ifdef SYS_unlink  // what newer architectures have only with a folder's descriptor
-    case SYS_access:
-      return touches_->add((call.arguments[1] & R_OK) != 0 ? "ask" : "look", named(0));
-    case SYS_unlink:
-      return touches_->add("remove", named(0));
-    case SYS_rmdir:
-      return touches_->add("rmdir", named(0));
-    case SYS_mkdir:
-      return touches_->add("mkdir", named(0));
-    case SYS_rename:
-      return note_rename(call);
-    case SYS_chmod:
-      return touches_->add("chmod", named(0));
-    case SYS_chown:
-      return touches_->add("chown", named(0));
-#endif
     default:
       return;
   }
