@@ -1,6 +1,7 @@
 # Sourced by run and test, from the project's folder: brings the packages and builds. All progress
 # goes to standard error.
 
+# install_packages [COMMAND...]: those of packages.txt, and the packages of commands that are not there.
 install_packages() {
   local missing=()
   local package
@@ -9,6 +10,9 @@ install_packages() {
     dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
       missing+=("$package")
   done <packages.txt
+  for package in "$@"; do
+    command -v "$package" >/dev/null || missing+=("$package")
+  done
   [ ${#missing[@]} -gt 0 ] || return 0
   echo "Installing ${#missing[@]} packages: ${missing[*]}" >&2
   local sudo=

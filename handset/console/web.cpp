@@ -3,8 +3,12 @@
 #include "handset/console/web.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <json/json.h>
+#include <string.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <charconv>
 #include <fstream>
 #include <iterator>
@@ -24,7 +28,7 @@ constexpr int kMostStreams = 24;
 constexpr size_t kThreads = 48;  // for the streams, the lines under way and short requests
 constexpr size_t kMostBody = 65536;
 constexpr time_t kPatience = 2;  // seconds, for a browser that sends or takes nothing
-constexpr std::chrono::seconds kHeartbeat(10);
+constexpr std::chrono::seconds kHeartbeat(3);
 
 constexpr int kForbidden = 403;
 constexpr int kNotFound = 404;
@@ -244,7 +248,7 @@ void Web::tell_phones(httplib::Response* response) const {
 // ---- its life
 
 struct Place {
-  std::string host;
+  std::string host;  // an IPv6 address has no brackets
   int port;
 };
 
@@ -257,6 +261,9 @@ static Place place_of(const std::string& text) {
   if (error != std::errc() || end != port.data() + port.size() || place.port < 0 ||
       place.port > kLargest || !is_own_host(place.host)) {
     throw std::runtime_error("no place for the page: " + text + "; PORT or ADDRESS:PORT is one");
+  }
+  if (place.host.starts_with("[")) {
+    place.host = place.host.substr(1, place.host.size() - 2);
   }
   return place;
 }
@@ -300,6 +307,10 @@ Web::Web(const std::string& place, const std::vector<SharedPhone*>& phones) {
   server_.set_write_timeout(kPatience);
   server_.set_payload_max_length(kMostBody);
   server_.set_tcp_nodelay(true);
+  server_.set_socket_options([](int socket) {  // the library's own would share the port
+    const int yes = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+  });
 
   const auto [host, port] = place_of(place);
   const int bound =
@@ -307,7 +318,8 @@ Web::Web(const std::string& place, const std::vector<SharedPhone*>& phones) {
   if (bound < 0) {
     throw std::runtime_error("cannot serve the page at " + place + ": " + strerror(errno));
   }
-  url_ = "http://" + host + ":" + std::to_string(bound) + "/";
+  const bool brackets = host.find(':') != std::string::npos;
+  url_ = "http://" + (brackets ? "[" + host + "]" : host) + ":" + std::to_string(bound) + "/";
   thread_ = std::thread([this] { server_.listen_after_bind(); });
 }
 

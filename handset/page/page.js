@@ -262,7 +262,7 @@ function changeExchanges(change) {
 function showExchange(exchange) {
   let row = exchangeRows.get(exchange.id);
   if (!row) {
-    row = h("li");
+    row = h("div");
     exchangeRows.set(exchange.id, row);
     $("exchanges").append(row);
   }
@@ -277,7 +277,7 @@ function showExchanges(exchanges) {
 }
 
 function showGap(text) {
-  changeExchanges(() => $("exchanges").append(h("li", { class: "gap" }, text)));
+  changeExchanges(() => $("exchanges").append(h("div", { class: "gap" }, text)));
 }
 
 // AT lines wait for each other; a dot line does not wait for them, as a key is pressed while AT+KEY
@@ -286,7 +286,7 @@ let lineQueue = Promise.resolve();
 let linesUnderWay = 0;
 
 async function sendDotLine(line) {
-  const row = h("li");
+  const row = h("div");
   fillRow(row, "wait", line, []);
   changeExchanges(() => $("exchanges").append(row));
   const { ok, said } = await carryOut(line);
