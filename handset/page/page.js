@@ -222,7 +222,7 @@ function preparePhone() {
 
 // ---- The line
 
-const MOST_EXCHANGES = 100;
+const MOST_EXCHANGES = 60;
 const exchangeRows = new Map();  // by the exchange's id
 
 const BADGES = {
@@ -449,7 +449,7 @@ function prepareTabs() {
 // ---- The journal
 
 const MOST_ENTRIES = 2000;  // kept
-const MOST_ROWS = 400;      // shown
+const MOST_ROWS = 300;      // shown
 const KINDS = { reply: "Replies", write: "Writes", log: "Log", wait: "Waits", program: "Programs", other: "Other" };
 const hiddenKinds = new Set();
 let entries = [];
@@ -700,7 +700,9 @@ function showCard(number, now) {
 
 // ---- What comes
 
-// Events are gathered and shown once for each picture of the screen.
+// The first event is shown at once, those soon after it together: a busy line costs little then.
+const SHOW_EVERY = 200;  // ms
+let shownLast = 0;
 let gathered = { states: new Map(), exchanges: new Map(), journal: [], skipped: 0 };
 let showing = false;
 
@@ -708,6 +710,7 @@ function showGathered() {
   const { states, exchanges, journal, skipped } = gathered;
   gathered = { states: new Map(), exchanges: new Map(), journal: [], skipped: 0 };
   showing = false;
+  shownLast = performance.now();
   if (skipped) {
     showGap("Too much at once: some of it is left out here");
     journal.unshift({ by: "", text: "... some entries are left out here; Save all has them", kind: "gap" });
@@ -725,7 +728,7 @@ function gather(take) {
     take(JSON.parse(event.data));
     if (!showing) {
       showing = true;
-      requestAnimationFrame(showGathered);
+      setTimeout(showGathered, clamp(shownLast + SHOW_EVERY - performance.now(), 0, SHOW_EVERY));
     }
   };
 }
