@@ -15,7 +15,8 @@ from pages import Browser, Handset  # noqa: E402
 BUILD = sys.argv[1]
 COMMANDS = int(sys.argv[2]) if len(sys.argv) > 2 else 10_000
 COMMAND, REPLY = b"AT+EDFT=9,1\n", b"OK\r\n"
-PARTS = 5
+ROUNDS = 3
+FILL = 80_000  # commands, after which the journal is as long as it ever gets
 
 
 def round_trip(line):
@@ -51,15 +52,16 @@ def main():
     page = Browser()
     try:
         line = os.open(handset.line, os.O_RDWR | os.O_NOCTTY)
-        rate(line, COMMANDS // PARTS)  # what is done once
-        for part in range(PARTS):
-            alone = rate(line, COMMANDS // PARTS)
+        rate(line, FILL)
+        for number in range(ROUNDS):
+            alone = rate(line, COMMANDS)
+            before = handset_memory(handset)
             page.open(handset.url)
             watched = rate(line, COMMANDS)
             time.sleep(1)
             heap, elements = page_memory(page)
-            print(f"round {part + 1}: {alone:.0f} commands/s alone, {watched:.0f} with the page; "
-                  f"handset {handset_memory(handset):.1f} MB, "
+            print(f"round {number + 1}: {alone:.0f} commands/s alone, {watched:.0f} with the page; "
+                  f"handset {before:.1f} MB before, {handset_memory(handset):.1f} MB with it, "
                   f"page {heap:.1f} MB, {elements} elements")
             page.driver.get("about:blank")
     finally:

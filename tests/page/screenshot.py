@@ -12,7 +12,7 @@ LINES = [("AT+EDFT=9,1", "pass"), ("AT+EDFT=0,5", "pass"), ("AT+EADC=1", "pass")
          ("AT+GSENSOR", "fail")]
 
 
-def main(program, file, theme="light", size="1440x900"):
+def main(program, file, theme="light", size="1240x780"):
     handset = Handset(program)
     page = Browser(*map(int, size.split("x")))
     try:
