@@ -40,7 +40,7 @@ WebLines::Result WebLines::run(SharedPhone* phone, const std::string& text) {
   const auto line = lines_.insert(lines_.end(), {.phone = phone, .text = text});
   eventfd_write(handed_over_, 1);
   done_.wait(lock, [&] { return line->done; });
-  const Result result = line->result;
+  Result result = line->result;
   lines_.erase(line);
   return result;
 }
