@@ -16,7 +16,7 @@ BUILD = sys.argv[1]
 COMMANDS = int(sys.argv[2]) if len(sys.argv) > 2 else 10_000
 COMMAND, REPLY = b"AT+EDFT=9,1\n", b"OK\r\n"
 ROUNDS = 3
-FILL = 80_000  # commands, after which the journal is as long as it ever gets
+FILL = 60_000  # commands, after which the journal is as long as it ever gets
 
 
 def round_trip(line):
@@ -62,7 +62,7 @@ def main():
             heap, elements = page_memory(page)
             print(f"round {number + 1}: {alone:.0f} commands/s alone, {watched:.0f} with the page; "
                   f"handset {before:.1f} MB before, {handset_memory(handset):.1f} MB with it, "
-                  f"page {heap:.1f} MB, {elements} elements")
+                  f"page {heap:.1f} MB, {elements} elements", flush=True)
             page.driver.get("about:blank")
     finally:
         page.quit()

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <json/json.h>
+#include <malloc.h>
 #include <string.h>
 #include <sys/socket.h>
 
@@ -268,7 +269,16 @@ static Place place_of(const std::string& text) {
   return place;
 }
 
+// Every thread of the pool would keep memory of its own, as much as its largest picture took.
+static void keep_memory_small() {
+  constexpr int kArenas = 2;
+  constexpr int kGivenBack = 1 << 18;  // bytes: a block of this size is given back when it is freed
+  mallopt(M_ARENA_MAX, kArenas);
+  mallopt(M_MMAP_THRESHOLD, kGivenBack);
+}
+
 Web::Web(const std::string& place, const std::vector<SharedPhone*>& phones) {
+  keep_memory_small();
   add_file("/", "page/index.html", "text/html; charset=utf-8");
   add_file("/page\\.css", "page/page.css", "text/css; charset=utf-8");
   add_file("/page\\.js", "page/page.js", "text/javascript; charset=utf-8");

@@ -423,6 +423,16 @@ class Server(unittest.TestCase):
             self.assertEqual((status, png[1:4], int.from_bytes(png[16:20], "big")),
                              (200, b"PNG", width), query)
 
+    def test_pictures_leave_no_memory_behind(self):
+        def resident():
+            with open(f"/proc/{self.handset.process.pid}/statm", encoding="ascii") as file:
+                return int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") / 1e6
+
+        before = resident()
+        for _ in range(50):  # more than the server has threads
+            self.ask("GET", "/phones/1/panel.png?every=2")
+        self.assertLess(resident() - before, 40)
+
     def stream(self, receive_buffer=None):
         client = socket.socket()
         if receive_buffer:
