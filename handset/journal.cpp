@@ -80,22 +80,28 @@ Journal::Entry Journal::entry(const Record& record) const {
 
 std::vector<Journal::Entry> Journal::take() {
   const std::lock_guard lock(mutex_);
-  std::vector<Entry> entries = entries_from(taken_);
+  std::vector<Entry> entries = entries_from(taken_, SIZE_MAX);
   taken_ = gone_ + records_.size();
   return entries;
 }
 
-std::vector<Journal::Entry> Journal::since(size_t index) const {
+std::vector<Journal::Entry> Journal::since(size_t index, size_t most) const {
   const std::lock_guard lock(mutex_);
-  return entries_from(index);
+  return entries_from(index, most);
 }
 
-std::vector<Journal::Entry> Journal::entries_from(size_t index) const {
+std::vector<Journal::Entry> Journal::entries_from(size_t index, size_t most) const {
   std::vector<Entry> entries;
-  for (size_t i = std::max(index, gone_); i < gone_ + records_.size(); ++i) {
+  for (size_t i = std::max(index, gone_); i < gone_ + records_.size() && entries.size() < most;
+       ++i) {
     entries.push_back(entry(records_[i - gone_]));
   }
   return entries;
+}
+
+size_t Journal::gone() const {
+  const std::lock_guard lock(mutex_);
+  return gone_;
 }
 
 size_t Journal::size() const {

@@ -15,6 +15,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -42,9 +43,11 @@ class Journal {
 
   // The entries since the last take, in order.
   std::vector<Entry> take();
-  // The entries from an index on that are kept still; how many there have been in all.
-  std::vector<Entry> since(size_t index) const;
+  // The entries from an index on that are kept still, the first so many of them; how many there
+  // have been in all, and how many of those are no longer kept.
+  std::vector<Entry> since(size_t index, size_t most = SIZE_MAX) const;
   size_t size() const;
+  size_t gone() const;
   // Waits until there are more than that many. False when the limit passes first.
   bool wait_more(size_t size, std::chrono::milliseconds limit) const;
 
@@ -56,7 +59,7 @@ class Journal {
   static constexpr size_t kMostEntries = 500'000;
   static constexpr size_t kMostThreads = 10'000;
 
-  std::vector<Entry> entries_from(size_t index) const;
+  std::vector<Entry> entries_from(size_t index, size_t most) const;
   Entry entry(const Record& record) const;
   void note_thread(pid_t thread);
 

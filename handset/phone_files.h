@@ -10,8 +10,8 @@
 namespace handset {
 
 // The path of one of them: "ftmd", "handset_stage", "profile", "broken_phones", "sysmd5.zip",
-// "demo.txt". Throws std::runtime_error when the program stands beside no such folder or the file
-// is not in it.
+// "demo.txt", "commands.json", "page". Throws std::runtime_error when the program stands beside no
+// such folder or the file is not in it.
 std::filesystem::path phone_file(const std::string& name);
 
 }  // namespace handset

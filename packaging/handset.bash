@@ -15,10 +15,10 @@ _handset() {
     --line | --control | --daemon | --log | --journal)
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       ;;
-    --count | --speed | --waits) ;;
+    --count | --speed | --waits | --web) ;;
     *)
-      mapfile -t COMPREPLY < <(compgen -W '--help --version --serve --line --control --count --profile
-        --tty --speed --waits --daemon --log --journal --demo' -- "$word")
+      mapfile -t COMPREPLY < <(compgen -W '--help --version --serve --line --control --web --count
+        --profile --tty --speed --waits --daemon --log --journal --demo' -- "$word")
       ;;
   esac
 }

@@ -12,11 +12,11 @@ folder=build/arm64
 tree=$folder/tree    # Debian's arm64: what is built against, and the emulated machine's root
 guest=$folder/guest  # disks, and what the emulated machine hands back
 
-# The libraries of packages.txt, and what running the tests takes, beside the essential packages.
+# The libraries, and what running the tests takes, beside the essential packages.
 tree_packages() {
   echo busybox-static cmake kmod libc6-dev libstdc++-12-dev linux-image-arm64 mount
   grep -E '^(lib.*|android-.*)-dev$' packages.txt
-  grep -E '^(python3|python3-jsonschema|python3-pytest|python3-serial|file|socat|unzip|zip)$' packages.txt
+  grep -hE '^(python3|python3-jsonschema|python3-pytest|python3-serial|file|socat|unzip|zip)$' packages.txt packages-test.txt
 }
 
 # Only unpacked: no script of a package runs, so this machine need not run arm64 programs.
@@ -88,7 +88,7 @@ boot() {
     sed -u 's/\r$//; /reboot: Power down/d'
 }
 
-install_packages
+install_packages packages.txt packages-test.txt
 install_missing cpio e2fsprogs g++-aarch64-linux-gnu kmod mmdebstrap qemu-system-arm
 mkdir -p "$folder"
 make_tree

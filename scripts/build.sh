@@ -18,8 +18,9 @@ install_missing() {
     "${missing[@]}" >&2 </dev/null
 }
 
+# install_packages FILE...: those that the files list.
 install_packages() {
-  install_missing $(grep -v '^#' packages.txt)
+  install_missing $(grep -hv '^#' "$@")
 }
 
 # build PRESET [TARGET...]: shows its progress the first time and is silent afterwards. One builds at a

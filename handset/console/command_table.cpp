@@ -146,21 +146,35 @@ std::vector<Found> matches(const Json::Value& command, const std::vector<std::st
   return all;
 }
 
-void print_found(const Found& found, bool colours, std::ostream& out) {
+Outcome outcome_of(const Found& found) {
   const Json::Value& outcome = *found.outcome;
-  const bool pass = outcome["result"] == "pass";
-  const char* const colour = pass ? "\x1b[32m" : "\x1b[31m";
-  out << (colours ? colour : "") << outcome["result"].asString() << (colours ? "\x1b[0m" : "")
-      << ", " << outcome["name"].asString() << ": " << outcome["meaning"].asString() << "\n";
+  Outcome made = {.result = outcome["result"].asString(),
+                  .name = outcome["name"].asString(),
+                  .meaning = outcome["meaning"].asString(),
+                  .fields = {},
+                  .remedy = outcome["remedy"].asString()};
   for (const auto& [name, value] : found.values) {
     const Json::Value& field = outcome["fields"][name];
-    const std::string unit = field.get("unit", "").asString();
-    const std::string means = field["type"] == "choice" ? field["values"][value].asString() : "";
-    out << "  " << name << " " << visible(value) << (unit.empty() ? "" : " " + unit)
-        << (means.empty() ? "" : " (" + means + ")") << "\n";
+    made.fields.push_back(
+        {.name = name,
+         .value = value,
+         .unit = field["unit"].asString(),
+         .meaning = field["type"] == "choice" ? field["values"][value].asString() : ""});
   }
-  if (outcome.isMember("remedy")) {
-    out << "  what to do: " << outcome["remedy"].asString() << "\n";
+  return made;
+}
+
+void print_outcome(const Outcome& outcome, bool colours, std::ostream& out) {
+  const char* const colour = outcome.result == "pass" ? "\x1b[32m" : "\x1b[31m";
+  out << (colours ? colour : "") << outcome.result << (colours ? "\x1b[0m" : "") << ", "
+      << outcome.name << ": " << outcome.meaning << "\n";
+  for (const ToldField& field : outcome.fields) {
+    out << "  " << field.name << " " << visible(field.value)
+        << (field.unit.empty() ? "" : " " + field.unit)
+        << (field.meaning.empty() ? "" : " (" + field.meaning + ")") << "\n";
+  }
+  if (!outcome.remedy.empty()) {
+    out << "  what to do: " << outcome.remedy << "\n";
   }
 }
 
@@ -218,22 +232,34 @@ bool CommandTable::print_commands(const std::string& word, std::ostream& out) co
   return any;
 }
 
-void CommandTable::print_outcome(const Exchange& exchange, bool colours, std::ostream& out) const {
+Judgement CommandTable::judge(const Exchange& exchange) const {
   const Json::Value* found = command(exchange.sent);
   if (found == nullptr) {
+    return {};
+  }
+  Judgement judgement = {.command = (*found)["text"].asString(), .outcomes = {}};
+  for (const Found& one : matches(*found, exchange.replies)) {
+    judgement.complete = one.complete;  // of all or of none
+    judgement.outcomes.push_back(outcome_of(one));
+  }
+  return judgement;
+}
+
+void CommandTable::print_outcome(const Exchange& exchange, bool colours, std::ostream& out) const {
+  const Judgement judgement = judge(exchange);
+  if (judgement.command.empty()) {
     out << "no command of the table: " << visible(exchange.sent) << "\n";
     return;
   }
-  const std::vector<Found> all = matches(*found, exchange.replies);
-  if (all.empty()) {
-    out << "no outcome of " << (*found)["text"].asString() << "\n";
+  if (judgement.outcomes.empty()) {
+    out << "no outcome of " << judgement.command << "\n";
     return;
   }
-  if (!all.front().complete) {
+  if (!judgement.complete) {
     out << "not complete; what it may become:\n";
   }
-  for (const Found& one : all) {
-    print_found(one, colours, out);
+  for (const Outcome& outcome : judgement.outcomes) {
+    handset::print_outcome(outcome, colours, out);
   }
 }
 

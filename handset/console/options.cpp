@@ -32,13 +32,16 @@ static void add_options(CLI::App* app, Options* options) {
       ->type_name("PATH");
   app->add_option("--control", options->control,
                   "take lines of other programs at the Unix socket PATH")
-      ->type_name("PATH")
-      ->needs(serve);
+      ->type_name("PATH");
+  auto* const web =
+      app->add_option("--web", options->web,
+                      "serve, and show the phone to browsers of this machine at PORT (0: any that "
+                      "is free), or to all that reach ADDRESS")
+          ->type_name("[ADDRESS:]PORT");
   app->add_option("--count", options->count,
                   "start N phones; %d in a path is the number of each, from 1")
       ->type_name("N")
-      ->check(CLI::Range(1, kMostPhones))
-      ->needs(serve);
+      ->check(CLI::Range(1, kMostPhones));
   app->add_option("--profile", options->profile,
                   "break the phone as \".broken\" does: the name of a broken phone, or a folder")
       ->type_name("NAME|DIR");
@@ -60,7 +63,8 @@ static void add_options(CLI::App* app, Options* options) {
   app->add_option("--journal", options->journal, "write all that the daemon does to FILE")
       ->type_name("FILE");
   app->add_flag("--demo", options->demo, "walk every command of the healthy phone once")
-      ->excludes(serve);
+      ->excludes(serve)
+      ->excludes(web);
 }
 
 // The lines behind the first one. Throws CLI::ExtrasError when an unknown option is among them.
@@ -77,6 +81,12 @@ static void add_lines(const std::vector<std::string>& arguments, std::vector<std
 static std::string contradiction(const Options& options) {
   if (options.demo && !options.lines.empty()) {
     return "--demo has lines of its own";
+  }
+  if (!options.serve && !options.control.empty()) {
+    return "--control requires --serve or --web";
+  }
+  if (!options.serve && options.count > 1) {
+    return "--count requires --serve or --web";
   }
   const bool numbered = options.count == 1;
   for (const std::string* path :
@@ -99,6 +109,7 @@ CommandLine parse_command_line(int argc, char** argv) {
   try {
     app.parse(argc, argv);
     add_lines(app.remaining(), &parsed.options.lines);
+    parsed.options.serve = parsed.options.serve || !parsed.options.web.empty();
   } catch (const CLI::Success& asked) {
     parsed.status = app.exit(asked);
   } catch (const CLI::ParseError& error) {

@@ -15,6 +15,7 @@ struct Options {
   bool demo = false;
   std::string line = {};     // path of the link to the line's tty
   std::string control = {};  // path of the control socket
+  std::string web = {};      // where the page is served: a port, or an address and a port
   std::string profile = {};  // a broken phone's name, or a folder
   std::string tty = {};      // as ".tty" takes it
   int speed = 0;             // bits per second of a "uart" tty, 0 for the usual one

@@ -119,9 +119,15 @@ void HubService::close_socket() {
   std::filesystem::remove(socket_path_, ignored);
 }
 
+HubService::State HubService::state() const {
+  const std::lock_guard lock(mutex_);
+  return state_;
+}
+
 void HubService::set_state(State state) {
   {
     const std::lock_guard lock(mutex_);
+    state_ = state;
     if (state == State::kAbsent) {
       close_socket();
     } else {

@@ -46,6 +46,7 @@ class HubService {
   void start(const std::filesystem::path& socket, Handler handler);
 
   void set_state(State state);
+  State state() const;
   // How long each response and report takes.
   void set_delay(std::chrono::milliseconds answer);
   // Each client that connects is first sent this as a report's payload, unless empty.
@@ -106,6 +107,7 @@ class HubService {
   mutable std::mutex mutex_;
   std::filesystem::path socket_path_;
   Handler handler_;
+  State state_ = State::kOpen;
   std::chrono::milliseconds delay_{0};
   std::string greeting_;
   std::chrono::milliseconds lifetime_{0};

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <set>
 
 #include "handset/recent.h"
@@ -23,7 +24,17 @@ static const char kConnectorCrtc[] = "CRTC_ID";
 static const char kModeProperties[] = "mode_properties";
 static const char kPlaneType[] = "type";
 
-bool Picture::write_png(const std::string& file) const {
+Picture Picture::smaller(int divisor) const {
+  Picture made = {.width = width / divisor, .height = height / divisor, .pixels = {}};
+  for (int y = 0; y < made.height; ++y) {
+    for (int x = 0; x < made.width; ++x) {
+      made.pixels.push_back(at(x * divisor, y * divisor));
+    }
+  }
+  return made;
+}
+
+std::string Picture::png() const {
   std::vector<uint8_t> bytes;
   for (const uint32_t pixel : pixels) {
     bytes.push_back(static_cast<uint8_t>(pixel >> 16));
@@ -35,7 +46,17 @@ bool Picture::write_png(const std::string& file) const {
   image.width = static_cast<uint32_t>(width);
   image.height = static_cast<uint32_t>(height);
   image.format = PNG_FORMAT_RGB;
-  return png_image_write_to_file(&image, file.c_str(), 0, bytes.data(), 0, nullptr) != 0;
+  std::string file(PNG_IMAGE_PNG_SIZE_MAX(image), '\0');
+  png_alloc_size_t size = file.size();
+  png_image_write_to_memory(&image, file.data(), &size, 0, bytes.data(), 0, nullptr);
+  file.resize(size);
+  return file;
+}
+
+bool Picture::write_png(const std::string& file) const {
+  std::ofstream stream(file, std::ios::binary);
+  stream << png();
+  return static_cast<bool>(stream.flush());
 }
 
 // ---- The objects
@@ -478,6 +499,11 @@ uint32_t DisplayCard::first_pixel() const {
     }
   }
   return static_cast<uint32_t>(pixel[0] << 16 | pixel[1] << 8 | pixel[2]);
+}
+
+bool DisplayCard::is_lit() const {
+  const std::lock_guard lock(mutex_);
+  return lit_crtc() != 0;
 }
 
 std::string DisplayCard::lit() const {

@@ -23,6 +23,10 @@ struct Picture {
   uint32_t at(int x, int y) const {
     return pixels[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
   }
+  // A picture of every so many pixels of each row and column.
+  Picture smaller(int divisor) const;
+  // The bytes of a PNG file.
+  std::string png() const;
   // False when the file cannot be written.
   bool write_png(const std::string& file) const;
 };
@@ -63,6 +67,8 @@ class DisplayCard : public Device {
 
   // What the lit panel shows; the first connected one, black, when none is lit.
   Picture picture() const;
+
+  bool is_lit() const;
 
   // Everything the daemon has made on the card and not released.
   struct Objects {

@@ -208,6 +208,11 @@ void SensorHub::remove_sensor(const std::string& name) {
   std::erase_if(sensors_, [&](const Sensor& sensor) { return sensor.name == name; });
 }
 
+SensorHub::State SensorHub::state() const {
+  const std::lock_guard lock(mutex_);
+  return state_;
+}
+
 void SensorHub::set_state(State state) {
   const std::lock_guard lock(mutex_);
   state_ = state;

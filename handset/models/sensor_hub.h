@@ -62,6 +62,7 @@ class SensorHub {
   void remove_sensor(const std::string& name);
 
   void set_state(State state);
+  State state() const;
   // The time between samples, 0 for what is asked for.
   void set_sample_period(std::chrono::microseconds period);
   // A sensor that is enabled also sends an event of each of these ids, without a payload.
