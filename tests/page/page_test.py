@@ -346,8 +346,9 @@ class Use(PageTest):
         page.ask("AT+EDFT=9,1")
         page("all-phones").click()
         eventually(lambda: page("title").text == "2 phones")
-        leds = [led.get_attribute("style") for led in page.all("#overview .led:first-child")]
-        self.assertEqual([bool(style) for style in leds], [False, True])
+        eventually(lambda: [bool(led.get_attribute("style"))
+                            for led in page.all("#overview .led:first-child")] == [False, True],
+                   "the second phone's LED alone")
 
 
 class Server(unittest.TestCase):
