@@ -1,6 +1,7 @@
 # Sourced by run and test, from the project's folder: brings the packages and builds. All progress
 # goes to standard error.
 
+# install_packages [LIST]: those of packages.txt where no list is given.
 install_packages() {
   local missing=()
   local package
@@ -8,7 +9,7 @@ install_packages() {
     case $package in "" | \#*) continue ;; esac
     dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
       missing+=("$package")
-  done <packages.txt
+  done <"${1:-packages.txt}"
   [ ${#missing[@]} -gt 0 ] || return 0
   echo "Installing ${#missing[@]} packages: ${missing[*]}" >&2
   local sudo=

@@ -11,6 +11,7 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
+from scripted_port import CLOSE, ScriptedPort
 
 from ftm_station import Handset
 from ftm_station.picture import NoPicture, one_colour
@@ -100,6 +101,14 @@ def test_a_run_that_cannot_begin(tmp_path):
     ]:
         ended, _ = run_plan(tmp_path / "run", *options)
         assert ended.returncode == 2 and why in ended.stdout, ended.stdout
+
+
+def test_a_line_that_goes(tmp_path):
+    with ScriptedPort([b"OK\r\nSN: 1\n"], [CLOSE]) as port:
+        ended, fallen = run_plan(tmp_path / "run", "--phone", port.url)
+    assert (ended.returncode, list(fallen)) == (2, ["software"]), ended.stdout
+    assert f"the line has gone: {port.url}: " in ended.stdout
+    assert "1 passed, 1 failed, 36 left out" in (tmp_path / "run" / "1.html").read_text()
 
 
 def test_a_step_that_is_left_out(tmp_path):
