@@ -19,6 +19,7 @@ from ftm_station import (
     UnexpectedReply,
 )
 from ftm_station.answer import Answers, State
+from ftm_station.hands import SimulatedHands
 from ftm_station.table import TABLE, Table
 
 BATTERY = b"OK\r\n+EADC: 3.85,25.30,0.00,-512.000,2.10"
@@ -203,6 +204,17 @@ def test_a_phone_that_reboots_and_a_daemon_that_ends():
             phone.command("AT+EADC=1")
         with pytest.raises(HandsetError, match="does not answer"):
             handset.tell(".power")
+
+
+def test_a_phone_that_was_woken_stays_awake():
+    with Handset(waits=0.1) as handset, Station(handset.line, patience=10) as phone:
+        hands = SimulatedHands(handset)
+        for _ in range(2):
+            assert phone.command("AT+ESLP=1").passed
+            hands.sleeps()
+            hands.wake()
+            time.sleep(0.5)
+            assert phone.command("AT+ESLP=0").passed
 
 
 def test_handsets_that_do_not_start_or_do_what_they_are_told(tmp_path):
