@@ -5,6 +5,7 @@ import os
 import random
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from scripted_port import CLOSE, ScriptedPort
@@ -176,13 +177,26 @@ AT^OPEN_WIFI|AT^CLOSE_WIFI|AT+TP|AT^FINGER_QR_CODE_GET|AT^SECUREBOOT_STATUS_CHEC
 AT+GSENSOR|AT+LIGHT|AT+SAR|AT+HALL""".replace("\n", "|").split("|")
 
 
-def test_mixed_commands_of_a_served_handset():
-    """STATION_COMMANDS sets how many."""
-    chance = random.Random(18)
+@pytest.mark.parametrize("seed", [18, 19, 20])
+def test_mixed_commands_of_a_served_handset(mixed_runs, seed):
+    mixed_runs[seed].result()
+
+
+@pytest.fixture(scope="module")
+def mixed_runs():
+    """Three phones side by side, each with a station on a thread. STATION_COMMANDS sets how many commands
+    all have together."""
+    count = int(os.environ.get("STATION_COMMANDS", "300")) // 3
+    with ThreadPoolExecutor(3) as pool:
+        yield {seed: pool.submit(send_mixed, seed, count) for seed in [18, 19, 20]}
+
+
+def send_mixed(seed, count):
+    chance = random.Random(seed)
     with Handset(waits=0.1) as handset, Station(handset.line, patience=30) as phone:
         for line in ["AT^WITH_ARGS_UTC:station=b2", "AT^WITH_ARGS_BACKCOVER_COLOR:ff00aa11"]:
             assert phone.command(line).passed
-        for number in range(int(os.environ.get("STATION_COMMANDS", "300"))):
+        for number in range(count):
             for line in chance.choice(MIXED).split(";"):
                 result = phone.command(line)
                 assert result.passed, (number, result)
