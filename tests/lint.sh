@@ -52,7 +52,7 @@ wall 'the platform knows nothing above it' 'platform/' "($daemon)/"
 
 (
   cd station
-  mypy --cache-dir "$build/lint/mypy" ftm_station plan && PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m flake8
+  mypy --cache-dir "$build/lint/mypy" ftm_station lab plan && PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m flake8
 ) >&2 || failed=1
 (
   export MYPYPATH=platform/android PYTHONDONTWRITEBYTECODE=1

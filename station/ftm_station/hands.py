@@ -5,6 +5,7 @@ import pathlib
 import time
 from typing import Callable, Protocol
 
+from .errors import HandsetError
 from .handset import Control
 from .picture import one_colour
 
@@ -33,6 +34,8 @@ class Hands(Protocol):
 class SimulatedHands:
     """Those of a simulated handset."""
 
+    WAKES = 20  # times that a phone is woken until it stays awake
+
     def __init__(self, handset: Control):
         self._handset = handset
 
@@ -48,11 +51,25 @@ class SimulatedHands:
         return "" if seen == f"{value}\\n" else f"not {what}: {node} is {seen}, not {value}"
 
     def sleeps(self) -> str:
+        self._wake_lock("dropped")
         self._handset.wait_asleep()
         return ""
 
     def wake(self) -> None:
-        self._handset.wake()
+        """It stays awake, as after the power key: by itself it would sleep again at once."""
+        for _ in range(self.WAKES):
+            self._handset.wake()
+            if self._wake_lock("taken"):
+                return
+        raise HandsetError(f"the phone was woken {self.WAKES} times and did not stay awake")
+
+    def _wake_lock(self, what: str) -> bool:
+        """False when the phone refuses: it sleeps, or there is none to drop."""
+        try:
+            self._handset.tell(f".wakelock station {what}")
+            return True
+        except HandsetError:
+            return False
 
 
 class PersonHands:

@@ -12,7 +12,7 @@ from typing import Any
 import pytest
 
 from .answer import Result
-from .errors import StationError
+from .errors import PortClosed, StationError
 from .handset import Control, Handset
 from .hands import Hands, PersonHands, SimulatedHands
 from .page import write_page
@@ -114,6 +114,15 @@ def _labgrid(config: pytest.Config) -> bool:
     return bool(config.getoption("lg_env", None))
 
 
+def _labgrid_station(request: pytest.FixtureRequest) -> Any:
+    """The station of labgrid's target. Whatever keeps it from being there ends the run: its errors have
+    nothing in common."""
+    try:
+        return request.getfixturevalue("target").get_driver("StationDriver").station
+    except Exception as error:
+        pytest.exit(f"labgrid has no line: {error}", returncode=2)
+
+
 @pytest.fixture(scope="session")
 def handset(request: pytest.FixtureRequest) -> Iterator[Control | None]:
     """The simulated handset, None with a real phone."""
@@ -138,7 +147,7 @@ def phone(request: pytest.FixtureRequest, handset: Control | None) -> Iterator[S
     options = request.config.option
     try:
         if _labgrid(request.config):
-            station = request.getfixturevalue("target").get_driver("StationDriver").station
+            station = _labgrid_station(request)
         else:
             url = options.phone or getattr(handset, "line", None)
             if url is None:
@@ -198,9 +207,16 @@ def pytest_runtest_setup(item: pytest.Item) -> None:
 
 
 @pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item: pytest.Item) -> Generator[None, Any, None]:
+def pytest_runtest_makereport(
+    item: pytest.Item, call: pytest.CallInfo[None]
+) -> Generator[None, Any, None]:
+    """Keeps what became of a step. Without the line the run ends: no other could pass."""
     outcome = yield
     report: pytest.TestReport = outcome.get_result()
+    if call.excinfo and isinstance(call.excinfo.value, PortClosed) and not item.session.shouldstop:
+        unit = item.config.stash[_UNIT]
+        unit.left_out += len(item.session.items) - len(unit.steps)
+        item.session.shouldstop = f"the line has gone: {call.excinfo.value}"
     step = item.stash.get(_STEP, None)
     if step is None or (report.when == "teardown" and report.passed):
         return

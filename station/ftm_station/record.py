@@ -38,7 +38,7 @@ class Unit:
     line: str
     began: float
     steps: list[Step] = field(default_factory=list)
-    left_out: int = 0  # steps of the plan that were not asked for
+    left_out: int = 0  # steps of the plan that were not asked for, or not begun
 
     @property
     def verdict(self) -> str:

@@ -11,6 +11,7 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
+from scripted_port import CLOSE, ScriptedPort
 
 from ftm_station import Handset
 from ftm_station.picture import NoPicture, one_colour
@@ -21,7 +22,6 @@ ALL_SENSORS = {f"sensor[AT+{name}]" for name in SENSORS}
 
 # The steps that fail, for each broken phone.
 FAILING = {
-    "slow-phone": ALL_SENSORS,  # takes longest, so it begins first
     "": set(),
     "cracked-die": {"codec"},
     "dead-panel": {"panel_number", "panel"},
@@ -31,19 +31,25 @@ FAILING = {
     "no-battery": {"battery"},
     "one-accelerometer": {"sensor[AT+DUAL_GSENSOR]"},
     "silent-hub": ALL_SENSORS,
+    "slow-phone": ALL_SENSORS,
     "stuck-key": {"keys"},
     "unreadable-reserve": {"download", "product_info", "back_cover"},
     "wrong-board-stage": {"secure_boot"},
 }
 
 
-def run_plan(folder, *options, answers=""):
+# What takes so long that its steps are divided among several phones of the kind, side by side.
+DIVIDED = {"slow-phone": 4}
+WAITS = "0.3"  # what part of their time the waits of all but the healthy phone take
+
+
+def run_plan(folder, *options, answers="", steps=(str(STATION / "plan"),)):
     """The run's output, and the steps that failed, were left out or could not begin with their reasons."""
     folder.mkdir(exist_ok=True)
     environment = os.environ | {"PYTHONPATH": str(STATION), "PYTHONDONTWRITEBYTECODE": "1"}
     command = [sys.executable, "-m", "pytest", "-p", "ftm_station.plugin", "-p", "no:cacheprovider"]
     command += ["--pages", str(folder), "--junitxml", str(folder / "unit.xml"), "--patience", "20"]
-    command += ["-v", *options, str(STATION / "plan")]
+    command += ["-v", *options, *steps]
     ended = subprocess.run(
         command, input=answers, capture_output=True, text=True, env=environment, timeout=500
     )
@@ -56,15 +62,32 @@ def run_plan(folder, *options, answers=""):
     return ended, fallen
 
 
+def all_steps():
+    command = [sys.executable, "-m", "pytest", "-p", "ftm_station.plugin", "-p", "no:cacheprovider"]
+    environment = os.environ | {"PYTHONPATH": str(STATION), "PYTHONDONTWRITEBYTECODE": "1"}
+    command += ["--collect-only", "-q", str(STATION / "plan")]
+    listed = subprocess.run(command, capture_output=True, text=True, env=environment, timeout=60)
+    names = [line.partition("::")[2] for line in listed.stdout.splitlines()]
+    return [f"{STATION}/plan/test_unit.py::{name}" for name in names if name]
+
+
 @pytest.fixture(scope="module")
 def runs(tmp_path_factory):
+    """For each phone the runs, each to come, and the folder of all."""
     folder = tmp_path_factory.mktemp("runs")
+    steps = all_steps()
+    assert len(steps) == 38
 
-    def run(name):
-        return run_plan(folder / (name or "healthy"), *(["--broken", name] if name else []))
+    def run(name, part):
+        parts = DIVIDED.get(name, 1)
+        options = ["--broken", name, "--waits", WAITS] if name else []
+        return run_plan(folder / f"{name or 'healthy'}{part or ''}", *options, steps=steps[part::parts])
 
-    with ThreadPoolExecutor(4) as pool:
-        yield {name: pool.submit(run, name) for name in FAILING}, folder
+    with ThreadPoolExecutor(len(FAILING) + sum(DIVIDED.values())) as pool:
+        yield {
+            name: [pool.submit(run, name, part) for part in range(DIVIDED.get(name, 1))]
+            for name in sorted(FAILING, key=lambda name: name not in DIVIDED)
+        }, folder
 
 
 def test_each_broken_phone_is_in_the_table():
@@ -74,14 +97,17 @@ def test_each_broken_phone_is_in_the_table():
 
 @pytest.mark.parametrize("name", FAILING)
 def test_the_steps_that_fail(runs, name):
-    ended, fallen = runs[0][name].result()
-    assert set(fallen) == FAILING[name], (fallen, ended.stdout)
-    assert {kind for kind, _ in fallen.values()} <= {"failure"}
-    assert ended.returncode == bool(fallen)
+    found = set()
+    for run in runs[0][name]:
+        ended, fallen = run.result()
+        assert {kind for kind, _ in fallen.values()} <= {"failure"}
+        assert ended.returncode == bool(fallen), ended.stdout
+        found |= set(fallen)
+    assert found == FAILING[name]
 
 
 def test_the_page(runs):
-    ended = runs[0]["no-battery"].result()[0]
+    ended = runs[0]["no-battery"][0].result()[0]
     assert "FAILED voltage 0 V (3.6 to 4.4 V)" in ended.stdout
     page = (runs[1] / "no-battery" / "deadbeef.html").read_text()
     assert "<title>deadbeef failed</title>" in page
@@ -89,7 +115,7 @@ def test_the_page(runs):
     assert "voltage is 0 V, and should be 3.6 to 4.4 V" in page
     assert re.search(r"&lt; &#x27;.*\+EADC: 0\.00,0\.00,0\.00,0\.000,0\.00&#x27;\n?</pre>", page)
     assert base64.b64decode(re.search(r"data:image/png;base64,([^\"]*)", page)[1])[1:4] == b"PNG"
-    runs[0][""].result()
+    runs[0][""][0].result()
     assert "<title>deadbeef passed</title>" in (runs[1] / "healthy" / "deadbeef.html").read_text()
 
 
@@ -100,6 +126,14 @@ def test_a_run_that_cannot_begin(tmp_path):
     ]:
         ended, _ = run_plan(tmp_path / "run", *options)
         assert ended.returncode == 2 and why in ended.stdout, ended.stdout
+
+
+def test_a_line_that_goes(tmp_path):
+    with ScriptedPort([b"OK\r\nSN: 1\n"], [CLOSE]) as port:
+        ended, fallen = run_plan(tmp_path / "run", "--phone", port.url)
+    assert (ended.returncode, list(fallen)) == (2, ["software"]), ended.stdout
+    assert f"the line has gone: {port.url}: " in ended.stdout
+    assert "1 passed, 1 failed, 36 left out" in (tmp_path / "run" / "1.html").read_text()
 
 
 def test_a_step_that_is_left_out(tmp_path):

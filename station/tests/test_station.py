@@ -5,6 +5,7 @@ import os
 import random
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from scripted_port import CLOSE, ScriptedPort
@@ -19,6 +20,7 @@ from ftm_station import (
     UnexpectedReply,
 )
 from ftm_station.answer import Answers, State
+from ftm_station.hands import SimulatedHands
 from ftm_station.table import TABLE, Table
 
 BATTERY = b"OK\r\n+EADC: 3.85,25.30,0.00,-512.000,2.10"
@@ -175,13 +177,26 @@ AT^OPEN_WIFI|AT^CLOSE_WIFI|AT+TP|AT^FINGER_QR_CODE_GET|AT^SECUREBOOT_STATUS_CHEC
 AT+GSENSOR|AT+LIGHT|AT+SAR|AT+HALL""".replace("\n", "|").split("|")
 
 
-def test_mixed_commands_of_a_served_handset():
-    """STATION_COMMANDS sets how many."""
-    chance = random.Random(18)
+@pytest.mark.parametrize("seed", [18, 19, 20])
+def test_mixed_commands_of_a_served_handset(mixed_runs, seed):
+    mixed_runs[seed].result()
+
+
+@pytest.fixture(scope="module")
+def mixed_runs():
+    """Three phones side by side, each with a station on a thread. STATION_COMMANDS sets how many commands
+    all have together."""
+    count = int(os.environ.get("STATION_COMMANDS", "300")) // 3
+    with ThreadPoolExecutor(3) as pool:
+        yield {seed: pool.submit(send_mixed, seed, count) for seed in [18, 19, 20]}
+
+
+def send_mixed(seed, count):
+    chance = random.Random(seed)
     with Handset(waits=0.1) as handset, Station(handset.line, patience=30) as phone:
         for line in ["AT^WITH_ARGS_UTC:station=b2", "AT^WITH_ARGS_BACKCOVER_COLOR:ff00aa11"]:
             assert phone.command(line).passed
-        for number in range(int(os.environ.get("STATION_COMMANDS", "300"))):
+        for number in range(count):
             for line in chance.choice(MIXED).split(";"):
                 result = phone.command(line)
                 assert result.passed, (number, result)
@@ -203,6 +218,17 @@ def test_a_phone_that_reboots_and_a_daemon_that_ends():
             phone.command("AT+EADC=1")
         with pytest.raises(HandsetError, match="does not answer"):
             handset.tell(".power")
+
+
+def test_a_phone_that_was_woken_stays_awake():
+    with Handset(waits=0.1) as handset, Station(handset.line, patience=10) as phone:
+        hands = SimulatedHands(handset)
+        for _ in range(2):
+            assert phone.command("AT+ESLP=1").passed
+            hands.sleeps()
+            hands.wake()
+            time.sleep(0.5)
+            assert phone.command("AT+ESLP=0").passed
 
 
 def test_handsets_that_do_not_start_or_do_what_they_are_told(tmp_path):
