@@ -56,8 +56,8 @@ class SimulatedHands:
         return ""
 
     def wake(self) -> None:
-        """It stays awake, as after the power key. The alarm that AT+ESLP=1 has set goes off, too: until then a
-        thread of the daemon polls it without a pause."""
+        """It stays awake, as after the power key. The alarm that AT+ESLP=1 has set goes off, too: until
+        then a thread of the daemon polls it without a pause."""
         for _ in range(self.WAKES):
             self._handset.wake()
             if self._wake_lock("taken"):
