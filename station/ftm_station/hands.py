@@ -56,10 +56,12 @@ class SimulatedHands:
         return ""
 
     def wake(self) -> None:
-        """It stays awake, as after the power key: by itself it would sleep again at once."""
+        """It stays awake, as after the power key. The alarm that AT+ESLP=1 has set goes off, too: until
+        then a thread of the daemon polls it without a pause."""
         for _ in range(self.WAKES):
             self._handset.wake()
             if self._wake_lock("taken"):
+                self._handset.tell(".alarm")
                 return
         raise HandsetError(f"the phone was woken {self.WAKES} times and did not stay awake")
 

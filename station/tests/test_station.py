@@ -229,6 +229,10 @@ def test_a_phone_that_was_woken_stays_awake():
             hands.wake()
             time.sleep(0.5)
             assert phone.command("AT+ESLP=0").passed
+        handset.journal()
+        time.sleep(0.5)
+        polls = [text for text in handset.journal("raw") if "sleep_fail_info" in text]
+        assert len(polls) < 5
 
 
 def test_handsets_that_do_not_start_or_do_what_they_are_told(tmp_path):
