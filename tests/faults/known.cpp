@@ -19,7 +19,7 @@ static const Known kKnown[] = {
     {"AT^WITH_ARGS_U", "write \\d+ \\w+ \\(/mnt/vendor/persist/engineermode/config/.*",
      ".cfg is neither as it was nor as it should be"},
     // One that does not exist is begun anew.
-    {"AT^WITH_ARGS_U", "access \\d+ ENOENT .*", ".cfg is neither as it was nor as it should be"},
+    {"AT^WITH_ARGS_U", "faccessat \\d+ ENOENT .*", ".cfg is neither as it was nor as it should be"},
     // The secrecy file does not count beside the record, which has the text, too.
     {"AT^WITH_ARGS_SECRECY_UNLOCK", "write \\d+ \\w+ \\(.*/secrecy.cfg\\)",
      "secrecy.cfg is neither as it was nor as it should be"},
@@ -29,8 +29,8 @@ static const Known kKnown[] = {
     // A failed write of this mark is acknowledged, too.
     {"AT^ENABLE_ENG_ADB", "write \\d+ \\w+ \\(/dev/block/.*", "a pass, and no file is changed"},
     // What is not there need not be removed, and a folder that is not readable holds nothing.
-    {"AT^R", "access \\d+ ENOENT .*", "a pass, and no file is changed"},
-    {"AT^RESET_ENG_MARK", "access \\d+ \\w+ \\(.*/test_record/\\)",
+    {"AT^R", "faccessat \\d+ ENOENT .*", "a pass, and no file is changed"},
+    {"AT^RESET_ENG_MARK", "faccessat \\d+ \\w+ \\(.*/test_record/\\)",
      "a pass, and no file is changed"},
     // One look at the lock decides: of a text that is cut short only what has come is looked at.
     {"AT^", "read \\d+ short \\(.*/secrecy.cfg\\)", " is neither as it was nor as it should be"},
