@@ -62,7 +62,7 @@ class Browser:
         options = webdriver.ChromeOptions()
         options.binary_location = "/usr/bin/chromium"
         for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--hide-scrollbars",
-                         "--disable-dev-shm-usage"):
+                         "--disable-dev-shm-usage", "--force-prefers-reduced-motion"):
             options.add_argument(argument)
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         self.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
