@@ -63,7 +63,7 @@ static std::string bytes_at(const TrappedCall& call, uint64_t address, size_t si
   return call.read(address, bytes.data(), size) ? bytes : "";
 }
 
-// A path as the call names it; the daemon works in "/".
+// A path as the call names it, empty when the caller has ended meanwhile; the daemon works in "/".
 static std::string path_at(const TrappedCall& call, uint64_t address, int folder = AT_FDCWD) {
   const std::string named = call.text(address);
   if (named.empty() || named[0] == '/') {
@@ -109,7 +109,7 @@ std::string CallRecorder::opened(const TrappedCall& call) const {
   if (!is_file(path) || is_node(path) || path == "/dev/urandom" || path == "/dev/zero") {
     return "";
   }
-  if ((flags & O_CREAT) != 0 && !fs::exists(root_ / path.substr(1))) {
+  if ((flags & O_CREAT) != 0 && !fs::exists(root_ / fs::path(path).relative_path())) {
     return "create " + path + " " + number(call.arguments[3] & 07777, "%04llo");
   }
   if ((flags & O_TRUNC) != 0) {
@@ -169,7 +169,7 @@ std::string CallRecorder::renamed(const TrappedCall& call) const {
   if (!begins(to, kProperties)) {
     return "rename " + from + " " + to;
   }
-  std::ifstream stream(root_ / from.substr(1), std::ios::binary);
+  std::ifstream stream(root_ / fs::path(from).relative_path(), std::ios::binary);
   const std::string value{std::istreambuf_iterator<char>(stream), {}};
   return "property " + to.substr(strlen(kProperties)) + " = " + visible(value);
 }
@@ -298,7 +298,7 @@ void CallRecorder::record_program(const TrappedCall& call) {
     const bool shell = words.size() > 2 && words[1] == "-c";
     journal_->add(starting_, "run " + visible(shell ? words.back() : file));
     starting_ = 0;
-  } else if (!fs::exists(root_ / file.substr(1))) {
+  } else if (!fs::exists(root_ / fs::path(file).relative_path())) {
     // A shell tries every folder of its path.
   } else if (begins(file, "/vendor/bin/") || begins(file, "/system/bin/") ||
              begins(file, "/odm/bin/")) {
