@@ -36,9 +36,6 @@ static const Known kKnown[] = {
     {"AT^", "read \\d+ short \\(.*/secrecy.cfg\\)", " is neither as it was nor as it should be"},
     {"AT^WITH_ARGS_SECRECY_UNLOCK", "read \\d+ short \\(.*/secrecy.cfg\\)",
      "a pass, and no file is changed"},
-    // A recording that cannot be removed stays; only the log tells.
-    {"AT+WCDMIC=1", "(faccessat|unlinkat) \\d+ \\w+ \\(/mnt/vendor/wcd-mic-record.pcm\\)",
-     "wcd-mic-record.pcm is neither as it was nor as it should be"},
     // A connection to the sensor hub whose request cannot be encoded stays open.
     {"AT+", "allocation \\d+ \\(encode_message get_encoded_suid_req .*", "the daemon holds"},
     // alsa-lib goes on with what it could not allocate.
