@@ -107,13 +107,11 @@ static const mixer_path* wanted_path(const audio_route* route, const char* name)
     ROUTE_LOGE("invalid audio_route");
     return nullptr;
   }
-  bool found = false;
-  const uint32_t place = path_place(route, name, &found);
-  if (!found) {
+  const mixer_path* path = find_path(route, name);
+  if (path == nullptr) {
     ROUTE_LOGE("unable to find path '%s'", name);
-    return nullptr;
   }
-  return &route->mixer_path[route->paths_by_name[place]];
+  return path;
 }
 
 int audio_route_apply_path(audio_route* route, const char* name) {

@@ -136,9 +136,7 @@ static bool grow_paths(audio_route* route) {
 }
 
 static mixer_path* path_create(audio_route* route, const char* name) {
-  bool exists = false;
-  const uint32_t place = path_place(route, name, &exists);
-  if (exists) {
+  if (find_path(route, name) != nullptr) {
     ROUTE_LOGE("Path name '%s' already exists", name);
     return nullptr;
   }
@@ -148,6 +146,7 @@ static mixer_path* path_create(audio_route* route, const char* name) {
     free(owned_name);
     return nullptr;
   }
+  const uint32_t place = path_place(route, name);
   uint32_t* slot = route->paths_by_name + place;
   memmove(slot + 1, slot, (route->num_mixer_paths - place) * sizeof(*slot));
   *slot = route->num_mixer_paths;
@@ -157,13 +156,11 @@ static mixer_path* path_create(audio_route* route, const char* name) {
 }
 
 static void include_path(xml_parse_state* state, const char* name) {
-  bool found = false;
-  const uint32_t place = path_place(state->route, name, &found);
-  if (!found) {
+  const mixer_path* included = find_path(state->route, name);
+  if (included == nullptr) {
     ROUTE_LOGE("unable to find sub path '%s'", name);
     return;
   }
-  const mixer_path* included = &state->route->mixer_path[state->route->paths_by_name[place]];
   if (state->path == nullptr) {
     return;
   }

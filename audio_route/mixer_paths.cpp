@@ -45,12 +45,20 @@ void path_free(audio_route* route) {
   route->num_mixer_paths = 0;
 }
 
-uint32_t path_place(const audio_route* route, const char* name, bool* found) {
+uint32_t path_place(const audio_route* route, const char* name) {
   const uint32_t* first = route->paths_by_name;
   const uint32_t* last = first + route->num_mixer_paths;
   const uint32_t* place = std::lower_bound(first, last, name, [&](uint32_t path, const char* text) {
     return strcmp(route->mixer_path[path].name, text) < 0;
   });
-  *found = place != last && strcmp(route->mixer_path[*place].name, name) == 0;
   return static_cast<uint32_t>(place - first);
+}
+
+const mixer_path* find_path(const audio_route* route, const char* name) {
+  const uint32_t place = path_place(route, name);
+  if (place == route->num_mixer_paths) {
+    return nullptr;
+  }
+  const mixer_path* path = &route->mixer_path[route->paths_by_name[place]];
+  return strcmp(path->name, name) == 0 ? path : nullptr;
 }

@@ -49,8 +49,10 @@ struct audio_route {
 // Bytes of one element of a handled type.
 size_t mixer_value_width(uint32_t type);
 
-// The path's place in paths_by_name, or where it would go; found says which.
-uint32_t path_place(const audio_route* route, const char* name, bool* found);
+// The path's place in paths_by_name, or where it would go.
+uint32_t path_place(const audio_route* route, const char* name);
+// The path of that name, null when there is none.
+const struct mixer_path* find_path(const audio_route* route, const char* name);
 
 // Release the state array and the path array and leave both empty.
 void free_mixer_state(audio_route* route);
