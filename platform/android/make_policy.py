@@ -35,6 +35,7 @@ allow init ftmd_exec:file { getattr open read execute map };
 allow init ftmd:process { transition siginh rlimitinh };
 allow ftmd ftmd_exec:file { entrypoint open read execute getattr map };
 allow ftmd init:process sigchld;
+dontaudit init ftmd:process noatsecure;
 
 # The line's settings are made before by stty, in a domain of its own.
 type ftmd_line, domain;
@@ -42,10 +43,11 @@ allow init vendor_toolbox_exec:file { getattr open read execute map };
 allow init ftmd_line:process { transition siginh rlimitinh };
 allow ftmd_line vendor_toolbox_exec:file { entrypoint open read execute getattr map };
 allow ftmd_line init:process sigchld;
+dontaudit init ftmd_line:process noatsecure;
 allow ftmd_line serial_device:chr_file { open read write getattr ioctl };
 
-# ifconfig: SIOCGIFFLAGS and SIOCSIFFLAGS.
-allowxperm ftmd self:udp_socket ioctl { 0x8913 0x8914 };
+# ifconfig: SIOCGIFFLAGS and SIOCSIFFLAGS; iw: SIOCGIFINDEX.
+allowxperm ftmd self:udp_socket ioctl { 0x8913 0x8914 0x8933 };
 """
 
 ATTRIBUTES = {"sysfs": "fs_type, sysfs_type", "class": "fs_type, sysfs_type", "proc": "fs_type, proc_type",

@@ -153,6 +153,8 @@ def rules_of(row: Row, word: str, path: str, labels: Labels) -> set[Rule]:
         rules.add((labels.path(folder, "dir"), "dir", "search"))
     if row.kind == "class":
         rules.add((row.label, "dir", "search"))  # the device's folder often has its nodes' label
+        classes = labels.path(path.rpartition("/")[0], "lnk_file")  # the link's own
+        rules |= {(classes, "dir", "search"), (classes, "lnk_file", "read")}
     for needed in NEEDED_ABOVE.get(word, []):
         rules.add((labels.path(above[0], "dir"), "dir", needed))
     return rules

@@ -79,7 +79,7 @@ CASES: list[tuple[str, Callable[[Phone], Phone], str]] = [
     ("a class's node without its label", without("file_contexts", ".*/max_brightness"),
      "its label is sysfs, the table says ftmd_sysfs_backlight"),
     ("a property without its label", without("property_contexts", "ro.xxversion"),
-     "get ro.xxversion: its label is none, the table says ftmd_identity_prop"),
+     "get ro.xxversion: its label is none, the table says vendor_ftmd_identity_prop"),
     ("a new file with its folder's label", without("file_contexts", "/mnt/vendor/norvareserve/ftm_admin  "),
      "is made as mnt_vendor_file, its folder's, and not as ftmd_sleep_log_file"),
     ("a type that is not declared", without("ftmd.te", "type ftmd_proc_info,"),
