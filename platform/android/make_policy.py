@@ -1,10 +1,10 @@
 """Writes the daemon's access policy.
 
-usage: make_policy.py [--check]
+usage: make_policy.py [--check | --places]
 
 The files are ftmd.te, file_contexts, genfs_contexts, property_contexts and ueventd.ftmd.rc, beside this
-one, from touches.table. With --check
-nothing is written: status 1 when one of them is not what would be written.
+one, from touches.table. With --check nothing is written: status 1 when one of them is not what would be
+written. With --places the devices and nodes of the table are printed, a path a line.
 """
 
 import argparse
@@ -54,6 +54,7 @@ ATTRIBUTES = {"sysfs": "fs_type, sysfs_type", "class": "fs_type, sysfs_type", "p
               "debugfs": "fs_type, debugfs_type", "block": "dev_type", "file": "file_type",
               "dir": "file_type", "property": "property_type, vendor_property_type"}
 DATA = ", data_file_type"
+NODES = ("device", "block", "class", "sysfs", "proc", "debugfs")
 NUMBER = r"\[0-9\]\+(\[cp\])?"
 
 FLAGS = {"class": "--", "file": "--", "program": "--", "dir": "-d", "device": "-c", "block": "-b",
@@ -163,7 +164,13 @@ def make(table: str) -> dict[str, str]:
 def main() -> int:
     parser = argparse.ArgumentParser()
     parser.add_argument("--check", action="store_true")
-    check = parser.parse_args().check
+    parser.add_argument("--places", action="store_true")
+    arguments = parser.parse_args()
+    if arguments.places:
+        rows = policy_table.read_table(policy_table.TABLE.read_text())
+        print("\n".join(path for row in rows if row.kind in NODES for path in policy_table.samples(row.place)))
+        return 0
+    check = arguments.check
     differs = False
     for name, text in make(policy_table.TABLE.read_text()).items():
         path = HERE / name
