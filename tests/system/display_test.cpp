@@ -205,8 +205,8 @@ TEST(Display, FillsAMixedColourPixelByPixel) {
   p.phone.command("AT+FILL");  // an open without a close
   EXPECT_TRUE(all(p.device.picture(), 0x0a141e));
   EXPECT_EQ(p.phone.open_devices("drm-card"), 1U);
-  EXPECT_NE(p.phone.log().find("qlmgr_clear size=40x60\n"), std::string::npos);
-  EXPECT_NE(p.phone.log().find("qlmfailed to read font: res=-7\n"), std::string::npos);
+  EXPECT_EQ(times_logged(p.phone, "E qlmgr_clear size=40x60\\n"), 2U);
+  EXPECT_EQ(times_logged(p.phone, "E qlmfailed to read font: res=-7\\n"), 2U);
 }
 
 TEST(Display, EachFailingCallLeavesNothingBehind) {

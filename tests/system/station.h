@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -37,6 +38,13 @@ inline std::vector<int> waits_ms(const Handset& phone) {
     all.push_back(static_cast<int>(wait.count() / 1000));
   }
   return all;
+}
+
+// How often the daemon logged this, with its priority: "E text\\n".
+inline size_t times_logged(const Handset& phone, const std::string& line) {
+  const auto entries = phone.journal.since(0);
+  return static_cast<size_t>(std::count_if(entries.begin(), entries.end(),
+                                           [&](const auto& entry) { return entry.text == line; }));
 }
 
 struct Exchange {
