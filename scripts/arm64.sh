@@ -16,7 +16,7 @@ guest=$folder/guest  # disks, and what the emulated machine hands back
 tree_packages() {
   echo busybox-static cmake kmod libc6-dev libstdc++-12-dev linux-image-arm64 mount
   grep -E '^(lib.*|android-.*)-dev$' packages.txt
-  grep -hE '^(python3|python3-jsonschema|python3-pytest|python3-serial|file|socat|unzip|zip)$' packages.txt packages-test.txt
+  grep -hE '^(checkpolicy|python3|python3-jsonschema|python3-pytest|python3-serial|file|socat|unzip|zip)$' packages.txt packages-test.txt
 }
 
 # Only unpacked: no script of a package runs, so this machine need not run arm64 programs.
