@@ -232,7 +232,7 @@ const std::map<std::string, int> kFailingCalls = {
     {"seek", SYS_lseek},      {"sync", SYS_fsync},         {"datasync", SYS_fdatasync},
     {"pread", SYS_pread64},   {"truncate", SYS_ftruncate}, {"access", SYS_faccessat},
     {"unlink", SYS_unlinkat}, {"mkdir", SYS_mkdirat},      {"chmod", SYS_fchmodat},
-    {"rename", SYS_renameat},
+    {"chown", SYS_fchownat},  {"rename", SYS_renameat},
 };
 
 // Which calls, counted from now: "2" the second, "1-3" the first three, nothing all.
@@ -818,9 +818,8 @@ const DotCommand kDotCommands[] = {
     {".nodebytes", "PATH BYTES", "set a kernel node to exactly these bytes", 2, node_bytes},
     {".remove", "PATH", "take a node, a file or a folder away", 2, remove},
     {".fail", "PATH CALL ERROR|works [N]",
-     "make open, read, write, seek, sync, datasync, pread, truncate, access, unlink, mkdir, chmod "
-     "or "
-     "rename (to PATH) fail; only the Nth from now, or N-M",
+     "make open, read, write, seek, sync, datasync, pread, truncate, access, unlink, mkdir, chmod, "
+     "chown or rename (to PATH) fail; only the Nth from now, or N-M",
      3, fail},
     {".fail", "thread|process|socket ERROR|works", "make no new one; let no socket be shut down", 3,
      fail},

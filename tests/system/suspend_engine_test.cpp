@@ -8,6 +8,7 @@ using Replies = std::vector<std::string>;
 using Operation = Nodes::Operation;
 
 static const std::string kState = "/sys/power/state";
+static const std::string kWakeupCount = "/sys/power/wakeup_count";
 
 TEST(SuspendEngine, EachEnableAddsAPermissionAndEachDisableTakesOne) {
   Handset phone({.daemon = FTM_POWER_PROBE});
@@ -45,8 +46,14 @@ TEST(SuspendEngine, TellsTheFirstCallbackTheOutcome) {
   phone.start();
   phone.command("AT+CALLBACKS");
   EXPECT_EQ(times(phone.log(), "duplicate wakeup callback applied, keeping original\n"), 1U);
+  phone.nodes.fail(kWakeupCount, Operation::kWrite, EINVAL);
   phone.nodes.fail(kState, Operation::kWrite, EBUSY);
   phone.command("AT+ENABLE");
+  // A refused count is no suspend: there is no outcome.
+  EXPECT_TRUE(
+      eventually([&] { return times(phone.log(), "error writing to " + kWakeupCount) >= 2; }));
+  EXPECT_EQ(phone.log().find("first callback"), std::string::npos);
+  phone.nodes.fail(kWakeupCount, Operation::kWrite, 0);
   EXPECT_TRUE(eventually(
       [&] { return phone.log().find("[FTM-PROBE]first callback: 0\n") != std::string::npos; }));
   EXPECT_EQ(phone.log().find("[FTM-PROBE]first callback: 1\n"), std::string::npos);

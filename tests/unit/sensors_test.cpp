@@ -284,7 +284,12 @@ TEST_F(SensorClient, FailsToOpenAndOpensTheNextTime) {
     qmi_.released.clear();
     EXPECT_EQ(open_sensor(kSensorAccel), -1);
     EXPECT_EQ(qmi_.released, c.released);
-    EXPECT_TRUE(logged(c.logged));
+    const auto lines = log_.take();
+    ASSERT_GE(lines.size(), 2U);
+    const std::string success = c.logged.substr(0, c.logged.find(':')) + ": success";
+    EXPECT_EQ(lines[lines.size() - 2],
+              (LogCapture::Line{ANDROID_LOG_INFO, "[AT_SENSOR]", c.logged}));
+    EXPECT_EQ(lines.back(), (LogCapture::Line{ANDROID_LOG_INFO, "[AT_SENSOR]", success}));
     EXPECT_TRUE(qmi_.sent.empty());
     qmi_.*c.failure = 0;
   }
@@ -325,6 +330,7 @@ TEST_F(SensorClient, EnablesBySensorAndHardwareId) {
       {kSensorAccel, attribute(19, {integer(UINT64_MAX)}), true},
       {kSensorAccel, other_kind, true},
       {kSensorAccel, attribute(18, {integer(1)}), false},
+      {kSensorAccel, attribute(19, {integer(1), "\x21\x01"}), false},  // the second one is cut
       {kSensorSecondAccel, kSecond, true},
       {kSensorSecondAccel, attribute(19, {integer(0x100000001)}), false},
       {kSensorSecondGyro, other_kind, false},
@@ -407,6 +413,13 @@ TEST_F(SensorClient, TakesValuesFromEvents) {
       // What stands behind an event that fails is lost.
       {0, message(1, 2, {{130, ""}, {1025, sample}}), kNothing, "decode_sensor_event: ERROR EVENT"},
       {0, message(1, 2, {{513, "anything"}, {1025, sample}}), {1, 2, 3}, handled},
+      // Each step names itself.
+      {0, sensor(128, "\x0a\x01\x08"), kNothing, "decode_attr_event: ERROR end-of-stream"},
+      {0, sensor(1025, "\x0d\x01"), kNothing, "decode_std_sensor_event: ERROR end-of-stream"},
+      {4, sensor(769, ""), kNothing, "decode_proximity_event: ERROR missing required field"},
+      {11, sensor(770, ""), kNothing, "decode_hall_event: ERROR missing required field"},
+      {8, message(kLookup, kLookup, {{1, sized('\x0a', "sar") + "\x12\x01\x09"}}), kNothing,
+       "decode_suid_event: ERROR end-of-stream"},
       // The two halves of the lookup's SUID must both match.
       {0, message(kLookup, 2, {{1025, sample}}), {1, 2, 3}, handled},
       {8, found("sar", 2), {1, -999, -999}, handled},
@@ -423,6 +436,13 @@ TEST_F(SensorClient, TakesValuesFromEvents) {
     EXPECT_EQ(fetch(), kNothing);
     close_sensor(c.type);
   }
+  // What answers a run's lookup after its end is nobody's.
+  ASSERT_EQ(open_sensor(kSensorSar), 0);
+  close_sensor(kSensorSar);
+  deliver(found("sar"));
+  log_.take();
+  EXPECT_EQ(fetch(), kNothing);
+  EXPECT_TRUE(logged("fetch_sensor_data: type id[-1](-999.000000, -999.000000, -999.000000)"));
   // A configuration's field of another wire type than its own, by its key.
   open_sensor(kSensorAccel);
   for (const char key : "\x08\x15\x18\x20\x35\x3d\x45\x4d\x55"s) {
