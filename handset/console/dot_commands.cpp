@@ -180,10 +180,18 @@ void link(Handset& phone, const Line& line, std::ostream&) {
   fs::create_symlink(line[2], phone.path(absolute(line[1])));
 }
 
-void fifo(Handset& phone, const Line& line, std::ostream&) {
-  if (mkfifo(phone.path(absolute(line[1])).c_str(), 0666) != 0) {
+void make_special(const Handset& phone, const Line& line, mode_t kind) {
+  if (mknod(phone.path(absolute(line[1])).c_str(), kind | 0666, 0) != 0) {
     refuse(strerror(errno));
   }
+}
+
+void fifo(Handset& phone, const Line& line, std::ostream&) {
+  make_special(phone, line, S_IFIFO);
+}
+
+void socket_file(Handset& phone, const Line& line, std::ostream&) {
+  make_special(phone, line, S_IFSOCK);
 }
 
 void cut(Handset& phone, const Line& line, std::ostream&) {
@@ -830,6 +838,7 @@ const DotCommand kDotCommands[] = {
     {".folder", "PATH", "make a folder", 2, folder},
     {".link", "PATH TARGET", "make a symbolic link", 3, link},
     {".fifo", "PATH", "make a FIFO", 2, fifo},
+    {".socket", "PATH", "make a socket that nobody listens at", 2, socket_file},
     {".cut", "PATH SIZE", "make a file or partition that long", 3, cut},
     {".bytes", "PATH OFFSET SIZE | PATH OFFSET = BYTES", "show or set bytes of a partition", 4,
      bytes},

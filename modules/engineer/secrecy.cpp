@@ -25,25 +25,21 @@ const char* secrecy_file() {
   }
 }
 
-int read_secrecy_text(const char* caller, char* text) {
+int read_secrecy_record(char* text) {
   RecordPlace record;
   if (!find_record(kSecrecyRecord, &record)) {
     return -1;
   }
-  const int in_record = readInterface(record.partition, record.offset, text, kSecrecyTextSize);
-  if (in_record >= 0 && text[0] == '#') {
-    return in_record;
-  }
+  const int count = readInterface(record.partition, record.offset, text, kSecrecyTextSize);
+  return count > 0 && text[0] == '#' ? count : 0;
+}
+
+int read_secrecy_file(const char* caller, const char* file, char* text) {
   memset(text, 0, kSecrecyTextSize);
-  const char* file = secrecy_file();
-  const Existence there = file == nullptr ? Existence::kUnknown : exists(file);
-  if (there != Existence::kThere) {
-    return there == Existence::kNotThere ? 0 : -1;
-  }
-  const int in_file = read_shared_file(file, text, kSecrecyTextSize);
+  const int count = read_shared_file(file, text, kSecrecyTextSize);
   // It says "reserve" for the file: the text is kept as it stands.
   FTM_LOGE("%s config from reserve", caller);
-  return in_file;
+  return count;
 }
 
 std::string_view take_line(std::string_view* text) {
@@ -77,7 +73,15 @@ static void read_line(std::string_view line, char* imei, char* key, uint8_t* loc
 
 int readSecrecyCfg(char* imei, char* key, uint8_t* locked) {
   char buffer[kSecrecyTextSize] = {};
-  const int count = read_secrecy_text(__func__, buffer);
+  int count = read_secrecy_record(buffer);
+  if (count == 0) {
+    const char* file = secrecy_file();
+    const Existence there = file == nullptr ? Existence::kUnknown : exists(file);
+    if (there == Existence::kNotThere) {
+      return 0;
+    }
+    count = there == Existence::kThere ? read_secrecy_file(__func__, file, buffer) : -1;
+  }
   if (count < 0) {
     FTM_LOGE(TAG "%s read config file fail, %s", __func__, strerror(errno));
     return -1;

@@ -19,18 +19,21 @@ constexpr size_t kSecrecyImeiSize = 16;  // terminator included
 // when that cannot be told.
 const char* secrecy_file();
 
-// Reads the configuration's text into text (kSecrecyTextSize bytes, cleared by the caller; not
-// terminated when full): the record when it is readable and begins with '#', else the file, which
-// is logged under the caller's name. Returns the bytes read, 0 when there is no file, or -1 with
-// errno when the file cannot be read, or when it cannot be told where record or file lie.
-int read_secrecy_text(const char* caller, char* text);
+// Both read the configuration's text into text (kSecrecyTextSize bytes, cleared by the caller; not
+// terminated when full), the file whatever a record left there, and return the bytes read.
+// The record: 0 when it cannot be read or does not begin with '#', so that the file counts; -1 with
+// errno when it cannot be told where it lies.
+int read_secrecy_record(char* text);
+// The file, which is logged under the caller's name: -1 with errno when it cannot be read.
+int read_secrecy_file(const char* caller, const char* file, char* text);
 
 // Takes the next line, without its line feed, off the front of text.
 std::string_view take_line(std::string_view* text);
 
 // Reads the configuration. The caller clears imei (kSecrecyImeiSize bytes), key (kSecrecyKeyLength
 // + 1 bytes) and locked; each is set only when the configuration has it, and both texts are
-// terminated. Returns like read_secrecy_text.
+// terminated. Returns the bytes read, 0 when there is neither record nor file, or -1 with errno
+// when the file cannot be read, or when it cannot be told where record or file lie.
 int readSecrecyCfg(char* imei, char* key, uint8_t* locked);
 
 // The gate before every write: true when the configuration locks the phone or cannot be read. The

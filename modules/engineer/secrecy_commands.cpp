@@ -128,7 +128,11 @@ static void write_secrecy_file(const char* caller, const char* path, const Unloc
 // does not count. A configuration with nothing to unlock is a success.
 static int unlockSecrecyCfg() {
   char buffer[kSecrecyTextSize] = {};
-  const int count = read_secrecy_text(__func__, buffer);
+  int count = read_secrecy_record(buffer);
+  if (count == 0) {
+    const char* file = secrecy_file();
+    count = file == nullptr ? -1 : read_secrecy_file(__func__, file, buffer);
+  }
   if (count < 1) {
     return -1;
   }

@@ -160,6 +160,15 @@ std::string line_of(const std::string& stream, const std::string& text) {
   return stream == kPrints ? "| " + text : handset::shown({stream, text});
 }
 
+// "..." before an entry is a line of its own.
+std::string line_of(const ExpectedEntry& entry) {
+  const std::string line = line_of(entry.stream, entry.text);
+  if (!entry.any_number) {
+    return line;
+  }
+  return (entry.replies ? "... " : "* ") + line;
+}
+
 Sides sides(const Step& step, const Played& played) {
   Sides both;
   for (const std::string& line : step.prints) {
@@ -197,7 +206,7 @@ std::vector<Compared> compare(const Sides& both) {
       if (i < expected.size()) {
         const bool any = expected[i].any_number;
         if (j < actual.size() && expected[i].stream == actual[j].stream &&
-            fits(expected[i].text, actual[j].text)) {
+            stands_for(expected[i], actual[j].text)) {
           any ? offer(Move::kAbsorb, cost[at + 1] + 1) : offer(Move::kTake, cost[at + width + 1]);
         }
         offer(Move::kPass, cost[at + width] + (any ? 0 : kWrong));
@@ -224,8 +233,7 @@ std::vector<Compared> compare(const Sides& both) {
       lines.push_back({' ', "--"});
     }
     const bool any = expected[i].any_number;
-    lines.push_back({move == Move::kTake || any ? ' ' : '-',
-                     (any ? "* " : "") + line_of(expected[i].stream, expected[i].text),
+    lines.push_back({move == Move::kTake || any ? ' ' : '-', line_of(expected[i]),
                      expected[i].block, expected[i].block_line});
     ++i;
     j += move == Move::kTake ? 1 : 0;
@@ -275,9 +283,9 @@ std::vector<std::string> kept(const std::vector<Compared>& lines) {
   return all;
 }
 
-// "* {*}" and what follows it as one line.
+// "... {*}" and what follows it as one line.
 std::vector<std::string> joined_any(const std::vector<std::string>& lines) {
-  static const std::regex kAny("\\* ((?:main: |\\d+: |\\$ )?)\\{\\*\\}");
+  static const std::regex kAny("\\.\\.\\. ((?:main: |\\d+: |\\$ )?)\\{\\*\\}");
   static const std::regex kEntry("((?:main: |\\d+: |\\$ )?)[^*-:|].*");
   std::vector<std::string> all;
   std::smatch any;
@@ -288,6 +296,11 @@ std::vector<std::string> joined_any(const std::vector<std::string>& lines) {
       all.back() = "... " + line;
     } else {
       all.push_back(line);
+    }
+  }
+  for (std::string& line : all) {
+    if (std::regex_match(line, any, kAny)) {  // what was to follow has not come
+      line = "* " + any[1].str() + "{*}";
     }
   }
   return all;

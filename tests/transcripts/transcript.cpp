@@ -46,7 +46,8 @@ std::vector<ExpectedEntry> parse_entry(const std::string& line) {
   std::tie(entry.text, count) = split_count(text);
   std::vector<ExpectedEntry> entries(static_cast<size_t>(count), entry);
   if (after_any) {
-    entries.insert(entries.begin(), {.stream = entry.stream, .text = "{*}", .any_number = true});
+    entries.insert(entries.begin(),
+                   {.stream = entry.stream, .text = "{*}", .any_number = true, .replies = true});
   }
   return entries;
 }
@@ -275,6 +276,11 @@ bool fits(const std::string& pattern, const std::string& text) {
   }
 }
 
+bool stands_for(const ExpectedEntry& entry, const std::string& text) {
+  const bool may_reply = entry.replies || entry.text.starts_with("< ");
+  return fits(entry.text, text) && (may_reply || !text.starts_with("< "));
+}
+
 namespace {
 
 // One stream's entries, with their places in the whole lists.
@@ -297,7 +303,7 @@ static Match match_stream(const std::vector<ExpectedEntry>& expected,
       ++fixed;
     }
     const auto is_here = [&](size_t i) {
-      return fits(expected[stream.expected[i]].text, actual[place].text);
+      return stands_for(expected[stream.expected[i]], actual[place].text);
     };
     if (fixed < stream.expected.size() && is_here(fixed)) {
       (*places)[stream.expected[fixed]] = place;

@@ -16,10 +16,11 @@
 //   --                                             what stands above came before what stands below
 //   :: the panel is opened                         the entries of that block
 //
-// {*} in an entry stands for any text. A block is what often comes together: ":: its name" and its
-// lines up to an empty one, at the head of a file, or in common.blocks for all files. A {word} in
-// its name stands for what a line that names it has there, in all its lines. A block may name
-// others, and may hold whole steps; such a one is named where a step would stand.
+// {*} in an entry stands for any text, but only "..." passes over replies: behind the last one "*
+// {*}" says that no more come. A block is what often comes together: ":: its name" and its lines up
+// to an empty one, at the head of a file, or in common.blocks for all files. A {word} in its name
+// stands for what a line that names it has there, in all its lines. A block may name others, and
+// may hold whole steps; such a one is named where a step would stand.
 
 #pragma once
 
@@ -32,6 +33,7 @@ struct ExpectedEntry {
   std::string stream;
   std::string text;
   bool any_number = false;
+  bool replies = false;      // {*} at its beginning stands for a reply, too
   bool after_break = false;  // a line "--" stands before it
   std::string block = {};    // the line that names the block it comes from, and that line's number
   int block_line = 0;
@@ -65,6 +67,9 @@ std::vector<ExpectedEntry> parse_entry(const std::string& line);
 
 // Whether a pattern stands for the text: {*} takes any part of it.
 bool fits(const std::string& pattern, const std::string& text);
+
+// Whether an entry does, as above.
+bool stands_for(const ExpectedEntry& entry, const std::string& text);
 
 enum class Match { kComplete, kMoreToCome, kDifferent };
 
