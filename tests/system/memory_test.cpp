@@ -1,6 +1,10 @@
 // Allocations that fail while a command runs: the daemon answers, lives on and keeps its records.
 
+#include <functional>
+
 #include "tests/system/station.h"
+
+using Replies = std::vector<std::string>;
 
 static const std::string kFile = "/mnt/vendor/persist/engineermode/config/aging.cfg";
 
@@ -10,11 +14,15 @@ static long let_fail(Handset& phone, long number) {
 
 // Lets the first allocation of the command fail, the second, and so on, each once (1), or each with
 // all that follow (-1). Returns how many there were.
-static long fail_each(Handset& phone, const std::string& command, int sign) {
+static long fail_each(
+    Handset& phone, const std::string& command, int sign,
+    const std::function<void(const Replies&)>& judge = [](const Replies&) {}) {
   for (long number = 1;; ++number) {
     SCOPED_TRACE(command + " without allocation " + std::to_string(number));
     let_fail(phone, sign * number);
-    EXPECT_FALSE(phone.command(command).empty());
+    const Replies replies = phone.command(command);
+    EXPECT_FALSE(replies.empty());
+    judge(replies);
     if (let_fail(phone, 1'000'000) > 0) {
       return number - 1;
     }
@@ -35,12 +43,27 @@ TEST(Memory, NoFailedAllocationOfACommandEndsTheDaemon) {
       fail_each(phone, command, sign);
     }
   }
-  phone.write_file(kFile, "{\"OTHER\":\"kept\"}");
-  for (const char* command : {"AT^WITH_ARGS_UAC:ITEM=VALUE", "AT^WITH_ARGS_QAC:OTHER"}) {
-    for (const int sign : {-1, 1}) {
-      EXPECT_GT(fail_each(phone, command, sign), 10);
-      EXPECT_EQ(phone.command("AT^WITH_ARGS_QAC:OTHER"),
-                (std::vector<std::string>{"OK\r\n", "other=kept\n"}));
-    }
+}
+
+TEST(Memory, WhatWasNotDoneIsNoSuccess) {
+  const std::string before = "{\"OTHER\":\"kept\"}";
+  Handset phone({.daemon = FTM_MEMORY_PROBE});
+  phone.write_file(kFile, before);
+  phone.start();
+  for (const int sign : {-1, 1}) {
+    EXPECT_GT(fail_each(phone, "AT^WITH_ARGS_UAC:ITEM=VALUE", sign,
+                        [&](const Replies& replies) {
+                          const std::string now = phone.read_file(kFile).value_or("");
+                          EXPECT_EQ(replies.at(0) == "OK\r\n", now != before);
+                          EXPECT_NE(now.find("kept"), std::string::npos);
+                          phone.write_file(kFile, before);
+                        }),
+              10);
+    EXPECT_GT(fail_each(phone, "AT^WITH_ARGS_QAC:OTHER", sign,
+                        [](const Replies& replies) {
+                          EXPECT_TRUE(replies == Replies({"ERROR\n"}) ||
+                                      replies == Replies({"OK\r\n", "other=kept\n"}));
+                        }),
+              10);
   }
 }
