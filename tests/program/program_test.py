@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """The handset as its users start it: options, scripts, a terminal, and served phones with the programs
-on their lines and control sockets. The program's path comes in the variable HANDSET.
+on their lines and control sockets. The program's path comes in the variable HANDSET, and in PATIENCE how
+many times slower than a desk the machine is.
 """
 import contextlib
 import os
@@ -17,12 +18,12 @@ import unittest
 import serial
 
 PROGRAM = os.environ["HANDSET"]
-PATIENCE = 30  # seconds
+PATIENCE = 30 * int(os.environ.get("PATIENCE", "1"))  # seconds
 BATTERY = b"OK\r\n+EADC: 3.85,25.30,0.00,-512.000,2.10"
 
 
 def run(*arguments, **more):
-    more = {"capture_output": True, "text": True, "stdin": subprocess.DEVNULL, "timeout": 60} | more
+    more = {"capture_output": True, "text": True, "stdin": subprocess.DEVNULL, "timeout": 2 * PATIENCE} | more
     return subprocess.run([PROGRAM, *arguments], check=False, **more)
 
 
