@@ -5,7 +5,6 @@ usage: make_reference.py [--check]
 With --check nothing is written; status 1 says that a file is not as it would be written.
 """
 
-import pathlib
 import re
 import sys
 

@@ -48,7 +48,7 @@ wall 'the core knows no module and no engine' 'core/' 'modules|audio_route|senso
 wall 'an engine knows no module' '(audio_route|sensors|power|display)/' 'modules/'
 wall 'the platform knows nothing above it' 'platform/' "($daemon)/"
 
-# ---- The Python of the station and of the phone's policy
+# ---- Python; the station and the policy with their types
 
 (
   cd station
@@ -57,7 +57,7 @@ wall 'the platform knows nothing above it' 'platform/' "($daemon)/"
 (
   export MYPYPATH=platform/android PYTHONDONTWRITEBYTECODE=1
   mypy --cache-dir "$build/lint/mypy" platform/android/*.py tests/policy/*.py &&
-    /usr/bin/python3 -m flake8 --config station/.flake8 platform/android tests/policy
+    /usr/bin/python3 -m flake8 --config station/.flake8 platform/android tests bench protocol
 ) >&2 || failed=1
 
 # ---- clang-tidy

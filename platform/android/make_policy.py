@@ -168,7 +168,9 @@ def main() -> int:
     arguments = parser.parse_args()
     if arguments.places:
         rows = policy_table.read_table(policy_table.TABLE.read_text())
-        print("\n".join(path for row in rows if row.kind in NODES for path in policy_table.samples(row.place)))
+        for row in rows:
+            if row.kind in NODES:
+                print("\n".join(policy_table.samples(row.place)))
         return 0
     check = arguments.check
     differs = False

@@ -6,7 +6,6 @@ many times slower than a desk the machine is.
 import contextlib
 import os
 import pty
-import re
 import select
 import signal
 import socket
