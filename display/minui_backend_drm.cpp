@@ -340,8 +340,8 @@ MinuiBackendDrm::CardResources MinuiBackendDrm::OpenDevice() {
 }
 
 // Of all connectors but the main one, which has been taken out of the list.
-// A kernel shows "ACTIVE" to atomic clients only, and Init becomes one later: on it nothing is found
-// here, and the other panels stay as they are.
+// A kernel shows "ACTIVE" to atomic clients only, and Init becomes one later: on it nothing is
+// found here, and the other panels stay as they are.
 void MinuiBackendDrm::DisableNonMainCrtcs(const CardResources& card) {
   const DrmRequest request(drmModeAtomicAlloc());
   if (request == nullptr) {
