@@ -134,18 +134,17 @@ int at_get_ufsplus_status(const char*) {
 }
 
 int at_test_sdcard(const char*) {
-  char text[100] = {};
   struct statfs card;
   if (statfs(kMemoryCard, &card) != 0) {
-    bounded_format(text, sizeof(text), "/mnt/sdcard not exit\n");
     at_send_result("ERROR\n");
-    at_send_result(text);
+    at_send_result("/mnt/sdcard not exit\n");
     return 0;
   }
   constexpr double kGibPerMib = 0.0009765625;
   const auto block_size = static_cast<uint64_t>(card.f_bsize);
   const uint64_t total = (card.f_blocks * block_size) >> 20;  // MiB
   const uint64_t free = (block_size * card.f_bfree) >> 20;
+  char text[100] = {};
   bounded_format(text, sizeof(text), "SDcard total=%0.2lfGB, free=%0.2lfGB\n",
                  static_cast<double>(total) * kGibPerMib, static_cast<double>(free) * kGibPerMib);
   at_send_result("OK\r\n");

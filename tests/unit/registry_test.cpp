@@ -9,6 +9,16 @@
 #include "core/reply.h"
 #include "tests/unit/log_capture.h"
 
+static bool no_memory = false;
+
+// What the linker takes for the registry's malloc (--wrap).
+extern "C" {
+void* __real_malloc(size_t size);
+void* __wrap_malloc(size_t size) {
+  return no_memory ? nullptr : __real_malloc(size);
+}
+}
+
 static std::string order;
 
 static void first() {
@@ -51,8 +61,15 @@ TEST(Registry, RunsLevelsUpwardsAndEachInOrderOfRegistration) {
   expect_empty(at_exit_list);
 }
 
-TEST(Registry, RefusesLevelsWithoutAList) {
+TEST(Registry, RefusesLevelsWithoutAListAndAllWithoutMemory) {
   LogCapture log;
+  no_memory = true;
+  at_module_init_register(first, 0);
+  at_module_exit_register(first, 0);
+  no_memory = false;
+  EXPECT_EQ(log.take(), (std::vector<LogCapture::Line>{
+                            debug_line("[FTM-AT]at_module_init_register : malloc is error\n"),
+                            debug_line("[FTM-AT]at_module_exit_register : malloc is error\n")}));
   for (const uint32_t level : {7U, 8U, 4294967295U}) {
     at_module_init_register(first, level);
     at_module_exit_register(first, level);
