@@ -15,7 +15,7 @@ from pages import Browser, Handset  # noqa: E402
 BUILD = sys.argv[1]
 COMMANDS = int(sys.argv[2]) if len(sys.argv) > 2 else 10_000
 COMMAND, REPLY = b"AT+EDFT=9,1\n", b"OK\r\n"
-ROUNDS = 3
+ROUNDS = 8  # the first few let each thread of the server come to all the memory that it takes
 FILL = 60_000  # commands, after which the journal is as long as it ever gets
 
 
