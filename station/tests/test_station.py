@@ -231,7 +231,7 @@ def test_a_phone_that_was_woken_stays_awake():
             assert phone.command("AT+ESLP=0").passed
         handset.journal()
         time.sleep(0.5)
-        polls = [text for text in handset.journal("raw") if "sleep_fail_info" in text]
+        polls = [text for text in handset.journal("raw") if "sleep_fail_info_save_func,ret" in text]
         assert len(polls) < 5
 
 
