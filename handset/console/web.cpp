@@ -32,7 +32,6 @@ constexpr time_t kPatience = 2;  // seconds, for a browser that sends or takes n
 constexpr std::chrono::seconds kHeartbeat(3);
 
 constexpr int kForbidden = 403;
-constexpr int kNotFound = 404;
 constexpr int kBusy = 503;
 
 // ---- who is listened to
