@@ -37,7 +37,8 @@ static const Known kKnown[] = {
     {"AT^WITH_ARGS_SECRECY_UNLOCK", "read \\d+ short \\(.*/secrecy.cfg\\)",
      "a pass, and no file is changed"},
     // A connection to the sensor hub whose request cannot be encoded stays open.
-    {"AT+", "allocation \\d+ \\((bool )?encode_message(<.*>)? get_encoded_suid_req .*", "the daemon holds"},
+    {"AT+", "allocation \\d+ \\((bool )?encode_message(<.*>)? get_encoded_suid_req .*",
+     "the daemon holds"},
     // alsa-lib goes on with what it could not allocate.
     {"AT+", "allocation \\d+ \\(libasound.so.2 .*", "the daemon ends: signal Segmentation fault"},
 };
