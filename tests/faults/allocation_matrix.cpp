@@ -6,40 +6,27 @@
 //
 // As fault_matrix.
 
-#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <exception>
-#include <filesystem>
 #include <iostream>
 #include <sstream>
-#include <stdexcept>
 
-#include "tests/faults/allocation_order.h"
 #include "tests/faults/matrix.h"
+#include "tests/faults/ordered_allocations.h"
 
 using namespace handset;
 
 namespace {
 
-const char kLibrary[] = "/dev/fail_allocation.so";
-
 class AllocationTrouble : public Trouble {
  public:
-  ~AllocationTrouble() override {
-    if (order_ != nullptr) {
-      munmap(order_, sizeof(*order_));
-    }
+  void attach(Handset* phone, Handset::StartOptions* options) override {
+    order_ = order_allocations(phone, options);
   }
-  void attach(Handset* phone, Handset::StartOptions* options) override;
   void begin() override {
-    order_->count = 0;
-    order_->failed = false;
-    order_->fails = number;
-    order_->counts = true;
+    order_->begin(number, false);
   }
   void end() override {
     order_->counts = false;
@@ -55,22 +42,8 @@ class AllocationTrouble : public Trouble {
   long number = 0;  // of the one that fails
 
  private:
-  AllocationOrder* order_ = nullptr;
+  OrderedAllocations order_;
 };
-
-void AllocationTrouble::attach(Handset* phone, Handset::StartOptions* options) {
-  std::filesystem::copy_file(FTM_FAIL_ALLOCATION, phone->path(kLibrary));
-  options->preload = kLibrary;
-  phone->write_file(kAllocationOrder, std::string(sizeof(AllocationOrder), '\0'));
-  const int file = open(phone->path(kAllocationOrder).c_str(), O_RDWR | O_CLOEXEC);
-  void* mapped =
-      mmap(nullptr, sizeof(AllocationOrder), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-  close(file);
-  if (mapped == MAP_FAILED) {
-    throw std::runtime_error("cannot map the order of the allocations");
-  }
-  order_ = static_cast<AllocationOrder*>(mapped);
-}
 
 // The name of the daemon's function at an offset.
 std::string function_at(const std::string& offset) {

@@ -44,11 +44,16 @@ static void note_where() {
 }
 
 static bool fails() {
-  if (order == nullptr || !order->counts || ++order->count != order->fails) {
+  if (order == nullptr || !order->counts) {
     return false;
   }
-  note_where();
-  order->failed = true;
+  const long number = ++order->count;
+  if (number == order->fails) {
+    note_where();
+    order->failed = true;
+  } else if (!order->for_good || number < order->fails) {
+    return false;
+  }
   errno = ENOMEM;
   return true;
 }
