@@ -1,10 +1,4 @@
-// The road of a command: serial line, matching, replies, start-up and shut-down.
-
-#include <signal.h>
-#include <sys/wait.h>
-
-#include <array>
-#include <memory>
+// What one read of the line brings, and what a real tty makes of lines and replies.
 
 #include "tests/system/station.h"
 
@@ -12,105 +6,15 @@ using Replies = std::vector<std::string>;
 
 static const std::string kUndefined = "UNDEFINED COMMAND\n";
 
-TEST(Serial, MatchesByPrefixOfTheUpperCasedLine) {
+TEST(Serial, OneReadIsOneCommandOf576BytesAtMost) {
   Handset phone;
   phone.start();
-  const std::vector<std::pair<std::string, Replies>> rows = {
-      {"AT^OPEN_GPS\r\n", {"OK\r\n"}},
-      {"at^open_gps", {"OK\r\n"}},  // no line end at all
-      {"aT^oPeN_gPs_and_more\n", {"OK\r\n"}},
-      {"AT^OPEN_GP\r\n", {kUndefined}},
-      {" AT^OPEN_GPS\r\n", {kUndefined}},
-      {"\r\n", {kUndefined}},
-      {std::string("AT^OPEN_GPS\0AT+TP", 17), {"OK\r\n"}},
-      {std::string("\0AT^OPEN_GPS", 12), {kUndefined}},
-      {"AT^WITH_ARGS_NOTHING:1\r\n", {kUndefined}},
-      {"\xff\xfe{|}~`@[\r\n", {kUndefined}},
-  };
-  for (const auto& [line, replies] : rows) {
-    EXPECT_EQ(phone.command(line), replies) << line;
-  }
-  EXPECT_NE(phone.log().find("at_command_thread, buf : aT^oPeN_gPs_and_more\n"), std::string::npos);
-  EXPECT_NE(phone.log().find("at_command_thread, upr : AT^OPEN_GPS_AND_MORE\n"), std::string::npos);
-}
-
-TEST(Serial, ArgumentLinesHandOverTheTextBehindTheFirstColon) {
-  Handset phone({.daemon = FTM_PROBE});
-  phone.start();
-  const std::vector<std::pair<std::string, Replies>> rows = {
-      {"at^with_args_show:abc\r\n", {"ABC\r\n"}},
-      {"AT^WITH_ARGS_SHOWX:1", {"1"}},
-      {"AT^WITH_ARGS_SHOW:a:b=c", {"A:B=C"}},
-      {"AT^WITH_ARGS_SHOW:", {""}},
-      {"AT^WITH_ARGS_SHOW", {kUndefined}},
-      {"AT^WITH_ARGS_OTHER:1", {kUndefined}},
-      {"AT+SHOW:1\r\n", {"(null)"}},  // no argument line: never an argument
-      {"AT+REPLY=NULL\r\n", {"0"}},
-      {"AT+REPLY=EMPTY\r\n", {"", "1"}},  // written, but nothing reaches the wire
-  };
-  for (const auto& [line, replies] : rows) {
-    EXPECT_EQ(phone.command(line), replies) << line;
-  }
-  std::string wire;
-  for (const auto& [line, replies] : rows) {
-    for (const std::string& reply : replies) {
-      wire += reply;
-    }
-  }
-  // The relay is a moment behind the daemon's writes.
-  for (int i = 0; i < 500 && phone.serial.received().size() < wire.size(); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_EQ(phone.serial.received(), wire);
-}
-
-TEST(Serial, OneReadIsOneCommandOf576BytesAtMost) {
-  Handset phone({.daemon = FTM_PROBE});
-  phone.start();
-  const std::string head = "AT^WITH_ARGS_SHOW:";
-  const std::string longest(576 - head.size(), 'X');
-  EXPECT_EQ(phone.command(head + longest), Replies{longest});
-
-  // The 577th byte begins the next command.
   const int reads = phone.serial.reads();
-  phone.serial.send(head + longest + "AT+SHOW");
+  phone.serial.send("AT^OPEN_GPS" + std::string(576 - 11, 'x') + "AT^CLOSE_GPS");
   ASSERT_TRUE(phone.serial.wait_reads(reads + 2, std::chrono::seconds(20)));
-  EXPECT_EQ(phone.serial.take_replies(), (Replies{longest, "(null)"}));
-
-  // Nothing gathers a command that comes in two.
-  EXPECT_EQ(phone.command("AT+S"), Replies{kUndefined});
-  EXPECT_EQ(phone.command("HOW"), Replies{kUndefined});
+  EXPECT_EQ(phone.serial.take_replies(), (Replies{"OK\r\n", "OK\r\n"}));
 }
 
-TEST(Serial, AReplyOf8191BytesPassesAndOneOf8192EndsTheDaemon) {
-  Handset phone({.daemon = FTM_PROBE});
-  phone.start();
-  EXPECT_EQ(phone.command("AT+REPLY=8191"), (Replies{std::string(8191, 'r'), "sent"}));
-  phone.serial.send("AT+REPLY=8192");
-  const std::optional<int> status = phone.wait_exit();
-  ASSERT_TRUE(status.has_value());
-  EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGABRT) << *status;
-  EXPECT_EQ(phone.serial.take_replies(), Replies{});
-}
-
-TEST(Serial, AShortWriteIsNeitherLoggedNorRetried) {
-  Handset phone({.daemon = FTM_PROBE});
-  phone.start();
-  phone.serial.cut_replies(2);
-  EXPECT_EQ(phone.command("AT^WITH_ARGS_SHOW:ABC"), Replies{"AB"});
-  EXPECT_EQ(phone.log().find("send_result successful"), std::string::npos);
-  phone.serial.cut_replies(-1);
-  EXPECT_EQ(phone.command("AT^WITH_ARGS_SHOW:ABC"), Replies{"ABC"});
-}
-
-TEST(Serial, AnEmptyTableAnswersEveryLine) {
-  Handset phone({.daemon = FTM_BARE});
-  phone.start();
-  EXPECT_EQ(phone.command("AT^OPEN_GPS\r\n"), Replies{kUndefined});
-  EXPECT_EQ(phone.command("AT^WITH_ARGS_SHOW:1\r\n"), Replies{kUndefined});
-}
-
-// What a real tty does to lines by its settings.
 TEST(Serial, ReadsWhatTheSettingsOfTheTtyMakeOfALine) {
   using Tty = SerialLine::Tty;
   const struct {
@@ -148,23 +52,4 @@ TEST(Serial, ReadsWhatTheSettingsOfTheTtyMakeOfALine) {
     EXPECT_TRUE(eventually([&] { return phone.serial.received().size() >= c.received.size(); }));
     EXPECT_EQ(phone.serial.received(), c.received);
   }
-}
-
-TEST(Serial, ASerialProgramNobodyHereWroteGetsTheSameBytes) {
-  Handset phone;
-  phone.start();
-  const std::string call = std::string("/usr/bin/python3 ") + FTM_SERIAL_CLIENT + " " +
-                           phone.serial.desk_tty() +
-                           " at+edft=6,1 AT+EADC=1 AT^CLOSE_WIFI AT^NOPE 2>&1";
-  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(call.c_str(), "r"), pclose);
-  std::string output;
-  std::array<char, 4096> part;
-  for (size_t count = 0; (count = fread(part.data(), 1, part.size(), pipe.get())) > 0;) {
-    output.append(part.data(), count);
-  }
-  EXPECT_EQ(output, R"(b'OK\r\n'
-b'OK\r\n+EADC: 3.85,25.30,0.00,-512.000,2.10'
-b'OK\r\nSTOP'
-b'UNDEFINED COMMAND\n'
-)");
 }

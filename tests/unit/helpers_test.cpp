@@ -1,4 +1,4 @@
-// The core's small helpers on ordinary files.
+// The core's small helpers on ordinary files, and replies into a pipe.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,9 +12,7 @@
 #include "core/bounded.h"
 #include "core/file_utils.h"
 #include "core/properties.h"
-#include "tests/unit/log_capture.h"
-
-using Lines = std::vector<LogCapture::Line>;
+#include "core/serial.h"
 
 class FileHelpers : public testing::Test {
  protected:
@@ -32,7 +30,6 @@ class FileHelpers : public testing::Test {
   }
 
   std::string path_;
-  LogCapture log_;
 };
 
 TEST_F(FileHelpers, WriteNumbersSignedWithALineFeed) {
@@ -42,26 +39,18 @@ TEST_F(FileHelpers, WriteNumbersSignedWithALineFeed) {
   EXPECT_EQ(content(), "-1\n");
   EXPECT_EQ(file_write_int(path_.c_str(), 0x80000000U), 12);
   EXPECT_EQ(content(), "-2147483648\n");
-  EXPECT_EQ(log_.take(), Lines{});
   EXPECT_EQ(file_write_int(nullptr, 1), -4);
   EXPECT_EQ(file_write_int("/nowhere/node", 1), -1);
-  EXPECT_EQ(log_.take(), Lines{error_line("[FTM-UTILS]fail to open file /nowhere/node\n")});
   EXPECT_EQ(file_write_int("/dev/full", 1), -3);
-  EXPECT_EQ(log_.take(), Lines{error_line("[FTM-UTILS]fail to write file /dev/full\n")});
 }
 
 TEST_F(FileHelpers, WriteTextsAsTheyStand) {
-  const std::string named = "[FTM-UTILS] file_write_string backlight value is ";
   EXPECT_EQ(file_write_string(path_.c_str(), "c"), 1);
   EXPECT_EQ(content(), "c");
-  EXPECT_EQ(log_.take(), Lines{error_line(named + "c\n")});
   EXPECT_EQ(file_write_string(path_.c_str(), ""), -3);
-  EXPECT_EQ(log_.take(), (Lines{error_line(named + "\n"),
-                                error_line("[FTM-UTILS]fail to write file " + path_ + "\n")}));
   EXPECT_EQ(file_write_string(nullptr, "1"), -4);
   EXPECT_EQ(file_write_string(path_.c_str(), nullptr), -4);
   EXPECT_EQ(file_write_string("/nowhere/node", "1"), -1);
-  EXPECT_EQ(log_.take(), Lines{error_line("[FTM-UTILS]fail to open file /nowhere/node\n")});
 }
 
 TEST_F(FileHelpers, ReadsAreNotTerminated) {
@@ -71,10 +60,8 @@ TEST_F(FileHelpers, ReadsAreNotTerminated) {
   EXPECT_STREQ(buffer, "12345..");
   EXPECT_EQ(file_read_string("/nowhere/node", buffer, 5), -1);
   EXPECT_EQ(file_read_string(nullptr, buffer, 5), -4);
-  EXPECT_EQ(log_.take(), Lines{});  // a missing node is not worth a line
   std::ofstream(path_) << "";
   EXPECT_EQ(file_read_string(path_.c_str(), buffer, 5), 0);
-  EXPECT_EQ(log_.take(), Lines{error_line("[FTM-UTILS]fail to read file " + path_ + "\n")});
   EXPECT_LT(file_read_string("/", buffer, 5), 0);
 }
 
@@ -88,10 +75,22 @@ TEST(Bounded, FillsTheBufferToTheLastByteAndNoFurther) {
   EXPECT_DEATH(bounded_copy(buffer, sizeof(buffer), "abcde", 5), "does not fit");
 }
 
-TEST(Strupr, ChangesOnlyTheSmallLettersOfTheAlphabet) {
-  char text[] = "az`{AZ09\xe4\xfc\x80~";
-  EXPECT_EQ(strupr(text), text);
-  EXPECT_STREQ(text, "AZ`{AZ09\xe4\xfc\x80~");
+TEST(Replies, OfUpTo8191BytesPassWhole) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  reply_set_port(ends[1]);
+  const std::string longest(8191, 'r');
+  EXPECT_EQ(at_send_result(nullptr), 0);
+  EXPECT_EQ(at_send_result(""), 1);  // written, but nothing reaches the line
+  EXPECT_EQ(at_send_result(longest.c_str()), 1);
+  EXPECT_DEATH(at_send_result((longest + "r").c_str()), "does not fit");
+  at_parse("AT^OPEN_GPS");  // no command is registered
+  reply_set_port(-1);
+  std::string received(16384, '\0');
+  received.resize(static_cast<size_t>(read(ends[0], received.data(), received.size())));
+  EXPECT_EQ(received, longest + "UNDEFINED COMMAND\n");
+  close(ends[0]);
+  close(ends[1]);
 }
 
 TEST(Properties, GiveTheDefaultWhenUnset) {

@@ -48,6 +48,3 @@ class LogCapture {
 inline LogCapture::Line debug_line(const std::string& text) {
   return {ANDROID_LOG_DEBUG, "", text};
 }
-inline LogCapture::Line error_line(const std::string& text) {
-  return {ANDROID_LOG_ERROR, "", text};
-}

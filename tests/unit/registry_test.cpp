@@ -103,17 +103,3 @@ TEST(Registry, AnExitFunctionsReplyReachesNoPort) {
                             debug_line("[FTM-AT]ftm_at_deinit end\n")}));
   close(null);
 }
-
-TEST(Registry, AppendsRowsAtTheTail) {
-  static AtCommand one = {.command = "AT+ONE"};
-  static AtCommand two = {.command = "AT+TWO"};
-  at_register(&one);
-  at_register(&two);
-  EXPECT_EQ(at_command_table.next, &one);
-  EXPECT_EQ(one.next, &two);
-  EXPECT_EQ(two.next, &at_command_table);
-  EXPECT_EQ(at_command_table.prev, &two);
-  EXPECT_EQ(two.prev, &one);
-  ftm_at_deinit();  // leaves the table alone
-  EXPECT_EQ(at_command_table.next, &one);
-}
