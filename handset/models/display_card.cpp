@@ -13,8 +13,6 @@
 #include <fstream>
 #include <set>
 
-#include "handset/recent.h"
-
 namespace handset {
 
 static const char* const kCrtcProperties[] = {"ACTIVE", "MODE_ID"};
@@ -391,7 +389,6 @@ int DisplayCard::commit(const std::vector<Change>& changes, uint32_t flags) {
       }
     }
     values_ = next;
-    add_recent(&first_pixels_, first_pixel());
     ++commits_;
   }
   return error;
@@ -481,11 +478,6 @@ DisplayCard::Objects DisplayCard::objects() const {
 int DisplayCard::commits() const {
   const std::lock_guard lock(mutex_);
   return commits_;
-}
-
-std::vector<uint32_t> DisplayCard::first_pixels() const {
-  const std::lock_guard lock(mutex_);
-  return first_pixels_;
 }
 
 uint32_t DisplayCard::first_pixel() const {

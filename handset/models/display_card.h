@@ -78,9 +78,8 @@ class DisplayCard : public Device {
     bool operator==(const Objects&) const = default;
   };
   Objects objects() const;
-  // Requests that were committed, and what the panel's first pixel became by each (0xRRGGBB).
+  // How many requests were committed.
   int commits() const;
-  std::vector<uint32_t> first_pixels() const;
 
   // Makes one ioctl fail with an errno: the next one of this request, or the one after skip more.
   void fail(uint32_t request, int error, int skip = 0);
@@ -196,7 +195,6 @@ class DisplayCard : public Device {
   std::vector<uint32_t> driving_crtcs_;  // by connector
   uint32_t next_id_ = 1000;
   int commits_ = 0;
-  std::vector<uint32_t> first_pixels_;                // one for each of the latest commits
   std::map<uint32_t, std::pair<int, int>> failures_;  // request to errno and calls to skip
 };
 

