@@ -12,5 +12,5 @@ TEST(PcbaRecord, IsDescrambledWithItsKeyByteByByte) {
   Handset phone({.daemon = FTM_PCBA_PROBE});
   phone.start();
   write_partition(phone.path("/dev/block/bootdevice/by-name/norvareserve1"), 4358144, record);
-  expect_exchange(phone, {"AT+EGMR=0,5", {"OK\r\n", " PCBA:", "PCBA-0123456789-abcdefgh"}});
+  expect_exchange(phone, "AT+EGMR=0,5", {"OK\r\n", " PCBA:", "PCBA-0123456789-abcdefgh"});
 }

@@ -70,12 +70,9 @@ TEST(SuspendEngine, ForcesASuspendWhateverTheCount) {
   phone.power.set_suspend_time(std::chrono::milliseconds(1000));
   phone.start();
   phone.nodes.fail(kState, Operation::kOpen, EACCES);
-  expect_exchange(phone, {"AT+FORCE",
-                          {"-1"},
-                          {},
-                          {},
-                          {"force_suspend called with timeout: 1234\n",
-                           "error opening /sys/power/state: Permission denied\n"}});
+  expect_exchange(phone, "AT+FORCE", {"-1"},
+                  {"force_suspend called with timeout: 1234\n",
+                   "error opening /sys/power/state: Permission denied\n"});
   phone.nodes.fail(kState, Operation::kOpen, 0);
   const int reads = phone.serial.reads();
   phone.serial.send("AT+FORCE");
@@ -83,6 +80,6 @@ TEST(SuspendEngine, ForcesASuspendWhateverTheCount) {
   EXPECT_EQ(phone.serial.take_replies(), Replies{"0"});
   EXPECT_EQ(phone.power.suspends(), 1);
   phone.nodes.fail(kState, Operation::kWrite, EBUSY);
-  expect_exchange(phone, {"AT+FORCE", {"-1"}});
+  expect_exchange(phone, "AT+FORCE", {"-1"});
   EXPECT_EQ(times(phone.log(), "init_state_fd success\n"), 1U);  // opened once
 }
