@@ -5,7 +5,7 @@
 //   Handset phone;
 //   phone.start();
 //   phone.command("AT+EDFT=6,1\r\n");  // {"OK\r\n"}
-//   phone.nodes.take_writes();         // {{"/sys/class/leds/vibrator/duration", "5000\n"}, ...}
+//   phone.nodes.value("/sys/class/leds/vibrator/activate");  // "1\n"
 
 #pragma once
 

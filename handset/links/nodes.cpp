@@ -18,7 +18,6 @@
 #include <utility>
 
 #include "handset/links/stage.h"
-#include "handset/recent.h"
 
 namespace handset {
 
@@ -146,9 +145,6 @@ struct NodeOperations {
     if (node == all.nodes_.end()) {
       return -ENOENT;
     }
-    // Recorded before a function runs, so that what it brings about comes behind it, and taken back
-    // when it fails.
-    add_recent(&all.writes_, Nodes::Write{path, bytes});
     if (!node->second.write) {
       node->second.before = node->second.before.value_or(node->second.value);
       node->second.value = bytes;
@@ -157,16 +153,7 @@ struct NodeOperations {
     const auto store = node->second.write;
     lock.unlock();
     const int error = store(bytes);
-    if (error == 0) {
-      return static_cast<int>(size);
-    }
-    lock.lock();
-    const Nodes::Write failed = {path, bytes};
-    const auto recorded = std::find(all.writes_.rbegin(), all.writes_.rend(), failed);
-    if (recorded != all.writes_.rend()) {
-      all.writes_.erase(std::next(recorded).base());
-    }
-    return error;
+    return error == 0 ? static_cast<int>(size) : error;
   }
 
   static int truncate(const char*, off_t, fuse_file_info*) {
@@ -261,22 +248,6 @@ void Nodes::on_write(const std::string& path, std::function<int(const std::strin
 
 bool Nodes::caller_interrupted() {
   return fuse_interrupted() != 0;
-}
-
-std::vector<Nodes::Write> Nodes::writes() const {
-  const std::lock_guard lock(mutex_);
-  return writes_;
-}
-
-std::vector<Nodes::Write> Nodes::take_writes() {
-  const std::lock_guard lock(mutex_);
-  return std::exchange(writes_, {});
-}
-
-mode_t Nodes::mode(const std::string& path) const {
-  const std::lock_guard lock(mutex_);
-  const auto node = nodes_.find(path);
-  return node == nodes_.end() ? 0 : node->second.mode;
 }
 
 std::vector<std::string> Nodes::paths() const {

@@ -1,6 +1,6 @@
 // The phone's kernel nodes: everything below /sys and /proc, served over FUSE. A read gives the
-// node's value, one write is one store and is recorded with its exact bytes. Callable from any
-// thread; the functions given to on_read and on_write run on a FUSE thread.
+// node's value, one write is one store of its exact bytes. Callable from any thread; the functions
+// given to on_read and on_write run on a FUSE thread.
 
 #pragma once
 
@@ -19,12 +19,6 @@ namespace handset {
 class Nodes {
  public:
   enum class Operation { kOpen, kRead, kWrite };
-
-  struct Write {
-    std::string path;
-    std::string bytes;
-    bool operator==(const Write&) const = default;
-  };
 
   ~Nodes();
 
@@ -57,13 +51,6 @@ class Nodes {
   // waits for the answer any more.
   static bool caller_interrupted();
 
-  // The latest stores, 100,000 at most, in the order they came, failed ones not included;
-  // take_writes also forgets them.
-  std::vector<Write> writes() const;
-  std::vector<Write> take_writes();
-
-  // The node's permission bits (0644 unless the daemon changed them).
-  mode_t mode(const std::string& path) const;
   std::vector<std::string> paths() const;
 
   // Serves the FUSE file system behind the descriptor (taken over) until its mount is gone.
@@ -84,7 +71,6 @@ class Nodes {
 
   mutable std::mutex mutex_;
   std::map<std::string, Node> nodes_;
-  std::vector<Write> writes_;
   std::function<void()> before_access_ = [] {};
   std::thread server_;
 };

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 
-#include "handset/recent.h"
 #include "handset/visible.h"
 
 namespace handset {
@@ -37,7 +36,6 @@ class CameraSensorFile : public MemoryFile {
     const std::lock_guard lock(sensor_->mutex_);
     const bool power = request == CameraSensor::kPowerUp || request == CameraSensor::kPowerDown;
     if (power) {
-      add_recent(&sensor_->requests_, request);
       const bool failing = sensor_->failures_.count(request) != 0;
       caller.note("camera " + std::to_string(sensor_->number_) +
                   (request == CameraSensor::kPowerUp ? " power up" : " power down") +
@@ -84,11 +82,6 @@ void CameraSensor::set_id(int32_t id) {
 bool CameraSensor::powered() const {
   const std::lock_guard lock(mutex_);
   return powered_;
-}
-
-std::vector<uint32_t> CameraSensor::requests() const {
-  const std::lock_guard lock(mutex_);
-  return requests_;
 }
 
 int CameraSensor::opened() const {

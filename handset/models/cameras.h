@@ -25,8 +25,6 @@ class CameraSensor : public Device {
 
   void set_id(int32_t id);
   bool powered() const;
-  // The latest power requests, 100,000 at most, failed ones included.
-  std::vector<uint32_t> requests() const;
   // How often it is open.
   int opened() const;
 
@@ -43,7 +41,6 @@ class CameraSensor : public Device {
   int32_t id_;
   bool powered_ = false;
   int opened_ = 0;
-  std::vector<uint32_t> requests_;
   std::map<uint32_t, int> failures_;
 };
 

@@ -9,11 +9,6 @@ namespace handset {
 using std::chrono::microseconds;
 using std::chrono::nanoseconds;
 
-std::vector<microseconds> Clock::waits() const {
-  const std::lock_guard lock(mutex_);
-  return waits_;
-}
-
 std::vector<microseconds> Clock::take_waits() {
   const std::lock_guard lock(mutex_);
   return std::exchange(waits_, {});

@@ -25,8 +25,7 @@ class Clock {
     factor_ = factor;
   }
 
-  // The latest waits, 100,000 at most, in the order they began; take_waits also forgets them.
-  std::vector<std::chrono::microseconds> waits() const;
+  // The waits since the last call, the latest 100,000 at most, in the order they began.
   std::vector<std::chrono::microseconds> take_waits();
 
   // Runs a function when a wait begins, with the wait, on the thread that begins it. Set before the
@@ -50,7 +49,7 @@ class Clock {
 
  private:
   std::atomic<double> factor_;
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   std::vector<std::chrono::microseconds> waits_;
   std::function<void(std::chrono::microseconds)> on_wait_;
 };
