@@ -26,23 +26,12 @@
 #include "handset/models/power_interfaces.h"
 #include "handset/models/sensor_hub.h"
 #include "handset/models/tone_party.h"
+#include "tests/unit/hub_bytes.h"
 
 using namespace handset;
 using std::chrono::milliseconds;
 
 // ---- sensor hub: messages written by hand, a tag byte before each value
-
-static std::string number(uint64_t value, size_t size) {
-  std::string bytes;
-  for (size_t i = 0; i < size; ++i) {
-    bytes.push_back(static_cast<char>(value >> (8 * i)));
-  }
-  return bytes;
-}
-
-static std::string text(char tag, const std::string& value) {
-  return tag + number(value.size(), 1) + value;
-}
 
 struct Suid {
   uint64_t low;
@@ -55,27 +44,22 @@ static Suid suid_of(size_t place) {
   return {0x1100 + place, 0x5E45084855B00000};
 }
 
-static std::string suid_bytes(const Suid& suid) {
-  return "\x09" + number(suid.low, 8) + "\x11" + number(suid.high, 8);
-}
-
 static std::string request(const Suid& suid, uint32_t msg_id, const std::string& payload) {
-  return text(0x0a, suid_bytes(suid)) + "\x15" + number(msg_id, 4) +
-         text(0x1a, {'\x08', '\x01', '\x10', '\x00'}) + text(0x22, text(0x12, payload));
+  return sized('\x0a', suid_bytes(suid.low, suid.high)) + "\x15" + little_endian(msg_id, 4) +
+         sized('\x1a', {'\x08', '\x01', '\x10', '\x00'}) + sized('\x22', sized('\x12', payload));
 }
 
 // The message of one event, its time 0.
 static std::string event(const Suid& suid, uint32_t msg_id, const std::string& payload) {
-  return text(0x0a, suid_bytes(suid)) +
-         text(0x12, "\x0d" + number(msg_id, 4) + "\x11" + number(0, 8) + text(0x1a, payload));
+  return sized('\x0a', suid_bytes(suid.low, suid.high)) + event_bytes(msg_id, 0, payload);
 }
 
 static std::string without_time(std::string message) {
   constexpr size_t kTime = 28;
-  return message.size() < kTime + 8 ? message : message.replace(kTime, 8, number(0, 8));
+  return message.size() < kTime + 8 ? message : message.replace(kTime, 8, little_endian(0, 8));
 }
 
-static const std::string kTenHertz = "\x0d" + number(0x41200000, 4);
+static const std::string kTenHertz = "\x0d" + little_endian(0x41200000, 4);
 
 static void fill(SensorHub* hub) {
   hub->set_sensor({.name = "accel", .data_type = "accel", .values = {1, 2}});
@@ -94,11 +78,12 @@ TEST(SensorHub, LooksUpTheSensorsOfADataType) {
   for (const Case& c : {Case{"accel", false, {0, 2}}, Case{"accel", true, {0}},
                         Case{"gyro", true, {1}}, Case{"smell", false, {}}}) {
     SCOPED_TRACE(c.data_type);
-    const std::string asked = text(0x0a, c.data_type) + "\x18" + (c.default_only ? '\1' : '\0');
+    const std::string asked = sized('\x0a', c.data_type) + "\x18" + (c.default_only ? '\1' : '\0');
     const auto reply = hub.answer(request(kLookup, 512, asked));
-    std::string told = text(0x0a, c.data_type);
+    std::string told = sized('\x0a', c.data_type);
     for (const size_t place : c.found) {
-      told += text(0x12, suid_bytes(suid_of(place)));
+      const Suid suid = suid_of(place);
+      told += sized('\x12', suid_bytes(suid.low, suid.high));
     }
     ASSERT_TRUE(reply.has_value() && reply->events.size() == 1);
     EXPECT_EQ(without_time(reply->events[0]), event(kLookup, 768, told));
@@ -114,19 +99,19 @@ TEST(SensorHub, StreamsASensorThatIsEnabled) {
   auto reply = hub.answer(request(suid_of(0), 513, kTenHertz));
   ASSERT_TRUE(reply.has_value() && reply->stream.has_value());
   ASSERT_EQ(reply->events.size(), 2U);
-  EXPECT_NE(reply->events[0].find(text(0x1a, kTenHertz)), std::string::npos);  // the echo
+  EXPECT_NE(reply->events[0].find(sized('\x1a', kTenHertz)), std::string::npos);  // the echo
   EXPECT_EQ(without_time(reply->events[1]), event(suid_of(0), 130, ""));
   EXPECT_EQ(reply->stream->sensor, "accel");
   EXPECT_EQ(std::chrono::round<milliseconds>(reply->stream->period), milliseconds(100));
-  const std::string values = number(0x3f800000, 4) + number(0x40000000, 4);
+  const std::string values = little_endian(0x3f800000, 4) + little_endian(0x40000000, 4);
   EXPECT_EQ(without_time(hub.sample("accel").value_or("")),
-            event(suid_of(0), 1025, text(0x0a, values) + "\x10\x03"));
+            event(suid_of(0), 1025, sized('\x0a', values) + "\x10\x03"));
 
   hub.set_sample_period(milliseconds(3));
   EXPECT_EQ(hub.answer(request(suid_of(0), 513, kTenHertz))->stream->period, milliseconds(3));
   // One that gives no samples, and a rate of 0.
   EXPECT_FALSE(hub.answer(request(suid_of(1), 513, kTenHertz))->stream.has_value());
-  EXPECT_TRUE(hub.answer(request(suid_of(0), 513, "\x0d" + number(0, 4)))->events.empty());
+  EXPECT_TRUE(hub.answer(request(suid_of(0), 513, "\x0d" + little_endian(0, 4)))->events.empty());
   hub.remove_sensor("accel");
   EXPECT_FALSE(hub.sample("accel").has_value());
 }
