@@ -11,8 +11,6 @@
 #include "display/graphics.h"
 #include "display/minui_backend_drm.h"
 
-#define TAG "[FTM-PROBE]"
-
 static std::unique_ptr<MinuiBackendDrm> backend;
 static bool no_memory = false;
 
@@ -76,10 +74,4 @@ static AtCommand rows[] = {
     {.short_name = "fill", .command = "AT+FILL", .handler = at_fill},
 };
 
-static void at_lcd_display_init() {
-  at_register_rows(rows);
-}
-
-static void at_lcd_display_exit() {}
-
-FTM_MODULE(lcd_display, 4, TAG)
+FTM_PLAIN_MODULE(lcd_display, 4, "[FTM-PROBE]", rows)

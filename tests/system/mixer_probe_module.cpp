@@ -7,8 +7,6 @@
 
 #include "core/at.h"
 
-#define TAG "[FTM-PROBE]"
-
 static std::string list_value(mixer_ctl* ctl, unsigned int i) {
   const int value = mixer_ctl_get_value(ctl, i);
   const char* item = mixer_ctl_get_enum_string(ctl, static_cast<unsigned int>(value));
@@ -72,10 +70,4 @@ static AtCommand rows[] = {
     {.short_name = "try", .command = "AT+TRY", .handler = at_try},
 };
 
-static void at_gps_init() {
-  at_register_rows(rows);
-}
-
-static void at_gps_exit() {}
-
-FTM_MODULE(gps, 4, TAG)
+FTM_PLAIN_MODULE(gps, 4, "[FTM-PROBE]", rows)

@@ -52,10 +52,4 @@ static AtCommand rows[] = {
     {.short_name = "callbacks", .command = "AT+CALLBACKS", .handler = at_callbacks},
 };
 
-static void at_sleep_enable_init() {
-  at_register_rows(rows);
-}
-
-static void at_sleep_enable_exit() {}
-
-FTM_MODULE(sleep_enable, 0, TAG)
+FTM_PLAIN_MODULE(sleep_enable, 0, TAG, rows)
