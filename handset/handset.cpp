@@ -31,7 +31,6 @@ namespace fs = std::filesystem;
 
 static const char kSoundControls[] = "/dev/snd/controls";
 static const char kFolderName[] = "ftm-handset.";  // then the process and a random part
-static const char kProgramCalls[] = "/data/program_calls";
 
 static std::runtime_error system_error(const std::string& what) {
   return std::runtime_error(what + ": " + strerror(errno));
@@ -203,7 +202,7 @@ std::optional<std::string> Handset::property(const std::string& name) const {
 // All are appended to: who writes goes on at the new end.
 void Handset::cut_large_files() const {
   constexpr uintmax_t kMost = 64U << 20;
-  for (const fs::path& file : {base_ / "log", base_ / "output", path(kProgramCalls)}) {
+  for (const fs::path& file : {base_ / "log", base_ / "output"}) {
     std::error_code none;
     const uintmax_t size = fs::file_size(file, none);
     if (!none && size > kMost) {
@@ -218,15 +217,6 @@ std::string Handset::log() const {
 
 std::string Handset::output() const {
   return read_whole(base_ / "output").value_or("");
-}
-
-std::vector<std::string> Handset::program_calls() const {
-  std::ifstream stream(path(kProgramCalls));
-  std::vector<std::string> calls;
-  for (std::string line; std::getline(stream, line);) {
-    calls.push_back(line);
-  }
-  return calls;
 }
 
 void Handset::add_device(const std::string& phone_path, Device* device) {

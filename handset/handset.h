@@ -135,8 +135,6 @@ class Handset {
   // The daemon's log, and what it printed on standard output; each begins anew at 64 MiB.
   std::string log() const;
   std::string output() const;
-  // The calls of the phone's stand-in programs, one line each: name and arguments.
-  std::vector<std::string> program_calls() const;
 
   // One of the phone's keys, by its name: "power", "volup" or "voldown". Nothing for other names.
   struct Key {

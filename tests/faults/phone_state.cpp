@@ -16,9 +16,8 @@ namespace fs = std::filesystem;
 
 static const char kReserve[] = "/dev/block/bootdevice/by-name/norvareserve1";
 static const char* const kLastingFolders[] = {"/data", "/mnt", "/persist", "/cache", "/dev/block"};
-// Not among them: the handset's own, reports of what the phone is doing at the moment, and a
-// recording that another program is still writing.
-static const char kProgramCalls[] = "/data/program_calls";
+// Not among them: reports of what the phone is doing at the moment, and a recording that another
+// program is still writing.
 static const char kRecording[] = "/mnt/vendor/wcd-mic-record.pcm";
 static const char kReports[] = "/mnt/vendor/norvareserve/ftm_admin/";
 
@@ -57,8 +56,7 @@ Files lasting_files(const Handset& phone) {
   for (const char* folder : kLastingFolders) {
     for (const auto& entry : fs::recursive_directory_iterator(phone.path(folder))) {
       const std::string path = "/" + entry.path().lexically_relative(phone.path("/")).string();
-      if (entry.is_symlink() || path == kProgramCalls || path == kRecording ||
-          path.starts_with(kReports)) {
+      if (entry.is_symlink() || path == kRecording || path.starts_with(kReports)) {
         continue;
       }
       if (entry.is_directory()) {
