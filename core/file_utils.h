@@ -26,9 +26,9 @@ int file_write_string(const char* path, const char* text);
 // nothing to read, kFileCannotOpen (without a log line) or kFileNoPath.
 int file_read_string(const char* path, char* buffer, int count);
 
-// Whether a file, node or folder is there. Only "no such file or directory" says that it is not:
-// with any other failure (errno tells which) nothing is known, and nobody may act as if it were
-// missing.
+// Whether a file, node or folder is there. Only "no such file or directory", or something else in
+// the place of a folder on the way, says that it is not: with any other failure (errno tells which)
+// nothing is known, and nobody may act as if it were missing.
 enum class Existence { kThere, kNotThere, kUnknown };
 Existence exists(const char* path);
 
