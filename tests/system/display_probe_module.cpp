@@ -21,14 +21,14 @@ extern "C" drmModeAtomicReqPtr drmModeAtomicAlloc() {
   return no_memory ? nullptr : real();
 }
 
-// Left half red, right half blue.
+// Left half red, right half blue, in the buffer that is not shown.
 static int at_draw_halves(const char*) {
   backend = std::make_unique<MinuiBackendDrm>();
-  const GRSurface* surface = backend->Init();
-  if (surface == nullptr) {
+  if (backend->Init() == nullptr) {
     at_send_result("no display");
     return 0;
   }
+  const GRSurface* surface = backend->Flip();
   static const unsigned char kRed[] = {255, 0, 0, 255};
   static const unsigned char kBlue[] = {0, 0, 255, 255};
   for (int y = 0; y < surface->height; ++y) {
@@ -37,8 +37,13 @@ static int at_draw_halves(const char*) {
              4);
     }
   }
-  backend->Flip();
   at_send_result("drawn");
+  return 0;
+}
+
+static int at_flip(const char*) {
+  backend->Flip();
+  at_send_result("flipped");
   return 0;
 }
 
@@ -69,6 +74,7 @@ static int at_fill(const char*) {
 
 static AtCommand rows[] = {
     {.short_name = "halves", .command = "AT+HALVES", .handler = at_draw_halves},
+    {.short_name = "flip", .command = "AT+FLIP", .handler = at_flip},
     {.short_name = "blank_twice", .command = "AT+BLANK", .handler = at_blank_twice},
     {.short_name = "without_memory", .command = "AT+NOMEM", .handler = at_without_memory},
     {.short_name = "fill", .command = "AT+FILL", .handler = at_fill},

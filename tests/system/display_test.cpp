@@ -75,6 +75,7 @@ TEST(Display, ShowsTheHalvesOfOneBufferWhateverTheTopology) {
       {"sde_ppsplit", 1},
       {"sde_other", 2},
       {"sde_singlepipe ", 2},
+      {"sde_dualpipe\n topology=sde_singlepipe", 2},
       {"", 2},
   };
   for (const auto& [topology, mixers] : topologies) {
@@ -84,6 +85,8 @@ TEST(Display, ShowsTheHalvesOfOneBufferWhateverTheTopology) {
     CardPhone p(card({panel}), FTM_DISPLAY_PROBE);
     p.phone.start();
     EXPECT_EQ(p.phone.command("AT+HALVES"), std::vector<std::string>{"drawn"});
+    EXPECT_TRUE(all(p.device.picture(), 0));  // the other buffer is shown still
+    p.phone.command("AT+FLIP");
     EXPECT_EQ(times(p.phone.output(), "number of lms in topology " + std::to_string(mixers) + "\n"),
               1U);
     const Picture picture = p.device.picture();
@@ -104,6 +107,9 @@ TEST(Display, PrefersPanelsAndTheirPreferredMode) {
   constexpr uint32_t kDsi = 16;
   DisplayCard::Connector two_modes = connector(kHdmi, 20, 10);
   two_modes.modes.push_back({.width = 26, .height = 10, .preferred = true});
+  two_modes.modes.push_back({.width = 28, .height = 10, .preferred = true});
+  DisplayCard::Connector no_preference = connector(kHdmi, 20, 10);
+  no_preference.modes.push_back({.width = 26, .height = 10});
   DisplayCard::Connector unplugged = connector(kLvds, 24, 10);
   unplugged.connected = false;
   DisplayCard::Connector no_mode = connector(kLvds, 24, 10);
@@ -121,6 +127,8 @@ TEST(Display, PrefersPanelsAndTheirPreferredMode) {
       {{connector(kEdp, 20, 10), connector(kLvds, 22, 10), connector(kLvds, 24, 10)}, 22},
       {{unplugged, no_mode, connector(kDsi, 20, 10)}, 20},
       {{two_modes}, 26},
+      {{no_preference}, 20},
+      {{connector(kHdmi, 20, 10), connector(kHdmi, 22, 10)}, 20},
       {{no_crtc_yet}, 28},
   };
   for (size_t i = 0; i < cases.size(); ++i) {
@@ -153,13 +161,18 @@ TEST(Display, SkipsCardsThatCannotShowAnything) {
   phone.command("AT+EDFT=0,5");
   EXPECT_TRUE(all(right.picture(), kWhite));
   EXPECT_EQ(phone.open_devices("drm-card"), 1U);
+  // Its rows are padded: one colour, too, is filled pixel by pixel, twice at start-up and now.
+  EXPECT_EQ(times_logged(phone, "E qlmgr_clear size=10x20\\n"), 3U);
 }
 
 TEST(Display, MessagesOfTheCommitStandOnItsSuccess) {
   CardPhone p(card({connector(16, 60, 40)}), FTM_DISPLAY_PROBE);
   p.phone.start();
   p.phone.command("AT+HALVES");
+  p.phone.command("AT+FLIP");
   p.phone.command("AT+NOMEM");
+  // This card has no topology, and nothing is said of it.
+  EXPECT_EQ(times(p.phone.output(), "number of lms in topology"), 0U);
   EXPECT_EQ(times(p.phone.output(), "Atomic Alloc failed. Could not update fb_id\n"), 1U);
   EXPECT_EQ(times(p.phone.output(), "Atomic Alloc failed\n"), 1U);
   EXPECT_EQ(p.device.picture().at(0, 0), kRed);
@@ -173,16 +186,21 @@ TEST(Display, MessagesOfTheCommitStandOnItsSuccess) {
 }
 
 TEST(Display, FillsAMixedColourPixelByPixel) {
-  DisplayCard::Card padded = card({connector(16, 60, 40)});
-  padded.pitch_alignment = 256;
-  CardPhone p(padded, FTM_DISPLAY_PROBE);
-  p.phone.start();
-  p.phone.command("AT+FILL");
-  p.phone.command("AT+FILL");  // an open without a close
-  EXPECT_TRUE(all(p.device.picture(), 0x0a141e));
-  EXPECT_EQ(p.phone.open_devices("drm-card"), 1U);
-  EXPECT_EQ(times_logged(p.phone, "E qlmgr_clear size=40x60\\n"), 2U);
-  EXPECT_EQ(times_logged(p.phone, "E qlmfailed to read font: res=-7\\n"), 2U);
+  for (const uint32_t alignment : {16U, 256U}) {  // 240 bytes of a row, without padding and with it
+    SCOPED_TRACE(alignment);
+    DisplayCard::Card made = card({connector(16, 60, 40)});
+    made.pitch_alignment = alignment;
+    CardPhone p(made, FTM_DISPLAY_PROBE);
+    p.phone.start();
+    p.phone.command("AT+FILL");
+    p.phone.command("AT+FILL");  // an open without a close
+    EXPECT_TRUE(all(p.device.picture(), 0x0a141e));
+    EXPECT_EQ(p.phone.open_devices("drm-card"), 1U);
+    EXPECT_EQ(times_logged(p.phone, "E qlmgr_clear size=40x60\\n"), 2U);
+    EXPECT_EQ(times_logged(p.phone, "E qlmfailed to read font: res=-7\\n"), 2U);
+    // It blanks the panel first.
+    EXPECT_EQ(times(p.phone.output(), "Atomic Commit failed, rc = 0\n"), 3U);
+  }
 }
 
 TEST(Display, EachFailingCallLeavesNothingBehind) {
@@ -213,6 +231,11 @@ TEST(Display, SaysWhatACardLacksAndLeavesNothingBehind) {
     made.lacks = property;
     return made;
   };
+  DisplayCard::Connector nowhere = connector(16, 20, 10);
+  nowhere.crtc = -1;
+  nowhere.possible_crtcs = 0;
+  DisplayCard::Card one_plane = card({connector(16, 20, 10)});  // two layer mixers
+  one_plane.planes = {DisplayCard::PlaneType::kPrimary};
   struct Case {
     DisplayCard::Card card;
     std::string message;  // on standard output or, by perror, in the log
@@ -220,7 +243,10 @@ TEST(Display, SaysWhatACardLacksAndLeavesNothingBehind) {
   const std::vector<Case> cases = {
       {unmappable, "mmap() failed: Invalid argument\n"},
       {without("CRTC_X"), "Could not find obj_id = 400\nError populating plane_id = 400\n"},
+      {without("FB_ID"), "Could not find obj_id = 400\nError populating plane_id = 400\n"},
       {without("MODE_ID"), "Could not find obj_id = 100\n"},
+      {card({nowhere}), "main_monitor_crtc not found\n"},
+      {one_plane, ""},  // in silence
       {card({}), "cannot find/open a drm device"},
   };
   for (const Case& c : cases) {
