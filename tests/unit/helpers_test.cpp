@@ -39,6 +39,8 @@ TEST_F(FileHelpers, WriteNumbersSignedWithALineFeed) {
   EXPECT_EQ(content(), "-1\n");
   EXPECT_EQ(file_write_int(path_.c_str(), 0x80000000U), 12);
   EXPECT_EQ(content(), "-2147483648\n");
+  EXPECT_EQ(file_write_int(path_.c_str(), 7), 2);
+  EXPECT_EQ(content(), "7\n147483648\n");  // nothing is cut
   EXPECT_EQ(file_write_int(nullptr, 1), -4);
   EXPECT_EQ(file_write_int("/nowhere/node", 1), -1);
   EXPECT_EQ(file_write_int("/dev/full", 1), -3);
