@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
+#include <map>
 #include <regex>
-#include <set>
 
 #include "handset/recent.h"
 #include "handset/visible.h"
@@ -33,8 +33,13 @@ void Journal::add(pid_t thread, const std::string& text) {
   added_.notify_all();
 }
 
-// The kernel numbers threads in the order in which they are made; one that is made earlier may come
-// to its first entry later.
+// The kernel numbers threads in the order in which they are made, and begins again at its limit:
+// one with a number below the daemon's own was made after all others.
+int64_t Journal::age(pid_t thread) const {
+  return thread != 0 && thread < daemon_ ? int64_t{INT32_MAX} + thread : thread;
+}
+
+// One that is made earlier may come to its first entry later.
 void Journal::note_thread(pid_t thread) {
   const auto is_known = [this](pid_t id) {
     return std::find(threads_.begin(), threads_.end(), id) != threads_.end();
@@ -42,14 +47,15 @@ void Journal::note_thread(pid_t thread) {
   if (thread == 0 || is_known(thread)) {
     return;
   }
-  std::set<pid_t> made = {thread};
+  std::map<int64_t, pid_t> made = {{age(thread), thread}};
   std::error_code none;
   for (const auto& task :
        std::filesystem::directory_iterator("/proc/" + std::to_string(daemon_) + "/task", none)) {
-    made.insert(std::stoi(task.path().filename().string()));
+    const pid_t id = std::stoi(task.path().filename().string());
+    made.emplace(age(id), id);
   }
-  made.erase(made.upper_bound(thread), made.end());
-  for (const pid_t id : made) {
+  made.erase(made.upper_bound(age(thread)), made.end());
+  for (const auto& [_, id] : made) {
     if (!is_known(id)) {
       threads_gone_ += static_cast<int>(add_recent(&threads_, id, kMostThreads));
     }
@@ -73,7 +79,7 @@ Journal::Entry Journal::entry(const Record& record) const {
   // A sanitizer's own thread is older than the worker, and none of the daemon's.
   int number = 1 + threads_gone_;
   for (auto other = threads_.begin(); other != threads_.end() && *other != record.thread; ++other) {
-    number += *other > worker_ && *other != daemon_ ? 1 : 0;
+    number += age(*other) > age(worker_) && *other != daemon_ ? 1 : 0;
   }
   return {std::to_string(number), record.text};
 }

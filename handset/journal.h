@@ -62,6 +62,7 @@ class Journal {
   std::vector<Entry> entries_from(size_t index, size_t most) const;
   Entry entry(const Record& record) const;
   void note_thread(pid_t thread);
+  int64_t age(pid_t thread) const;
 
   mutable std::mutex mutex_;
   mutable std::condition_variable added_;

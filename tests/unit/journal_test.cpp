@@ -41,6 +41,10 @@ TEST(Journal, NamesThreadsByWhatTheyAre) {
   EXPECT_EQ(lines(journal.take()),
             (std::vector<std::string>{"main: a", "1: b", "c", "$ iw", "2: d"}));
   EXPECT_TRUE(journal.take().empty());
+  // The kernel's numbers have begun again.
+  journal.add(5, "e");
+  journal.add(6, "f");
+  EXPECT_EQ(lines(journal.take()), (std::vector<std::string>{"3: e", "4: f"}));
 }
 
 TEST(Journal, ReadsTheDesksLogLines) {
