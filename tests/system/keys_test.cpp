@@ -1,6 +1,7 @@
 // What the key transcript cannot say: how many waits a quick operator costs, and what is left
 // behind.
 
+#include <linux/input-event-codes.h>
 #include <sys/resource.h>
 
 #include <filesystem>
@@ -23,6 +24,33 @@ TEST(Keys, AllThreeAtOnceTakeOneWaitAtMost) {
   phone.clock.take_waits();
   EXPECT_EQ(phone.command("AT+KEY").at(3), "OK\r\n");
   EXPECT_LE(phone.clock.take_waits().size(), 1U);
+}
+
+TEST(Keys, ListensToKeysSwitchesAndWheelsButToNoPointer) {
+  constexpr uint64_t kKey = InputDevice::kKey;
+  constexpr uint64_t kRelative = InputDevice::kRelative;
+  constexpr uint64_t kAbsolute = InputDevice::kAbsolute;
+  constexpr uint64_t kSwitch = 1U << EV_SW;
+  const std::pair<uint64_t, int> cases[] = {
+      {kKey, 1},
+      {kSwitch, 1},
+      {kRelative, 1},
+      {0, 0},
+      {kAbsolute, 0},
+      {kKey | kAbsolute, 1},
+      {kKey | kRelative, 1},
+      {kKey | kRelative | kAbsolute, 0},
+  };
+  for (const auto& [types, seen] : cases) {
+    SCOPED_TRACE(types);
+    InputDevice device(types | InputDevice::kSyn);
+    Handset phone({.time_factor = 0.05});  // the listener gets its turn
+    phone.add_device("/dev/input/event0", &device);
+    phone.start();
+    device.press(KEY_POWER);
+    EXPECT_EQ(phone.command("AT+KEY").at(2),
+              "POWER_KEY:" + std::to_string(seen) + ", VOL+:0, VOL-:0, \n");
+  }
 }
 
 TEST(Keys, SixteenDevicesAreWatched) {

@@ -134,6 +134,21 @@ TEST_F(AudioRoute, ASharedControlStaysWhileItIsNeeded) {
   EXPECT_EQ(take_writes(), (Writes{"Volume = 5 6 7", "Switch = 0"}));
 }
 
+TEST_F(AudioRoute, TheLaterPathsValuesAreWrittenAndStay) {
+  ASSERT_TRUE(
+      load("<mixer><path name='low'><ctl name='Volume' value='1'/></path>"
+           "<path name='high'><ctl name='Volume' value='9'/></path></mixer>"));
+  audio_route_apply_and_update_path(route_.get(), "low");
+  audio_route_apply_and_update_path(route_.get(), "high");
+  EXPECT_EQ(take_writes(), (Writes{"Volume = 1 1 1", "Volume = 9 9 9"}));
+  audio_route_reset_path(route_.get(), "low");
+  audio_route_update_path(route_.get(), "low", kAudioRouteReset);
+  EXPECT_EQ(take_writes(), Writes{});
+  audio_route_reset_path(route_.get(), "high");
+  audio_route_update_path(route_.get(), "high", kAudioRouteReset);
+  EXPECT_EQ(take_writes(), Writes{"Volume = 5 6 7"});
+}
+
 TEST_F(AudioRoute, WrongElementsAreLoggedAndPassedOver) {
   struct Case {
     const char* inside;  // of the root element
@@ -144,6 +159,10 @@ TEST_F(AudioRoute, WrongElementsAreLoggedAndPassedOver) {
   const std::string failed = "path created failed, please check the path if existed";
   const std::vector<Case> cases = {
       {"<path/><path name='p'/>", {"Unnamed path!"}},
+      {"<path name='q'><ctl name='Volume' value='1'/></path>"
+       "<path name='p'><path name='q'/><ctl name='Volume' id='1' value='3'/></path>",
+       {},
+       {"Volume = 1 3 1"}},
       // One without a name leaves the path before it the current one, ...
       {"<path name='p'/><path><ctl name='Switch' value='1'/></path>",
        {"Unnamed path!"},

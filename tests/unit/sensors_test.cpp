@@ -394,6 +394,7 @@ TEST_F(SensorClient, TakesValuesFromEvents) {
        "decode_suid_event: ERROR end-of-stream"},
       // The two halves of the lookup's SUID must both match.
       {0, message(kLookup, 2, {{1025, sample}}), {1, 2, 3}, handled},
+      {0, message(1, kLookup, {{1025, sample}}), {1, 2, 3}, handled},
       {15, found("sars", 0), {1, -999, -999}, handled},
       {15, found("sar"), kNothing, handled},
   };
