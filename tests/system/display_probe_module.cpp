@@ -1,8 +1,9 @@
 // Draws what no real command draws: two colours side by side, a mixed colour, a blank asked for
-// twice, all of it without memory. Linked into a daemon of its own; takes the place of the display
-// module.
+// twice, all of it without memory, a plane whose properties are refused. Linked into a daemon of
+// its own; takes the place of the display module.
 
 #include <dlfcn.h>
+#include <errno.h>
 #include <string.h>
 
 #include <memory>
@@ -13,12 +14,21 @@
 
 static std::unique_ptr<MinuiBackendDrm> backend;
 static bool no_memory = false;
+static uint32_t refused_object = 0;
 
-// Stands before the library's own.
+// This and the next one stand before the library's own.
 extern "C" drmModeAtomicReqPtr drmModeAtomicAlloc() {
   static const auto real =
       reinterpret_cast<drmModeAtomicReqPtr (*)()>(dlsym(RTLD_NEXT, "drmModeAtomicAlloc"));
   return no_memory ? nullptr : real();
+}
+
+extern "C" int drmModeAtomicAddProperty(drmModeAtomicReqPtr request, uint32_t object,
+                                        uint32_t property, uint64_t value) {
+  static const auto real =
+      reinterpret_cast<int (*)(drmModeAtomicReqPtr, uint32_t, uint32_t, uint64_t)>(
+          dlsym(RTLD_NEXT, "drmModeAtomicAddProperty"));
+  return object == refused_object ? -ENOMEM : real(request, object, property, value);
 }
 
 // Left half red, right half blue, in the buffer that is not shown.
@@ -63,6 +73,15 @@ static int at_without_memory(const char*) {
   return 0;
 }
 
+static int at_refuse_plane(const char*) {
+  constexpr uint32_t kFirstPlane = 400;
+  refused_object = kFirstPlane;
+  backend->Blank(true);
+  refused_object = 0;
+  at_send_result("tried");
+  return 0;
+}
+
 static int at_fill(const char*) {
   gr_init();
   gr_color(10, 20, 30, 255);
@@ -77,6 +96,7 @@ static AtCommand rows[] = {
     {.short_name = "flip", .command = "AT+FLIP", .handler = at_flip},
     {.short_name = "blank_twice", .command = "AT+BLANK", .handler = at_blank_twice},
     {.short_name = "without_memory", .command = "AT+NOMEM", .handler = at_without_memory},
+    {.short_name = "refuse_plane", .command = "AT+REFUSE", .handler = at_refuse_plane},
     {.short_name = "fill", .command = "AT+FILL", .handler = at_fill},
 };
 

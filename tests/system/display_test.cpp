@@ -117,6 +117,8 @@ TEST(Display, PrefersPanelsAndTheirPreferredMode) {
   DisplayCard::Connector no_crtc_yet = connector(kDsi, 28, 10);
   no_crtc_yet.crtc = -1;
   no_crtc_yet.possible_crtcs = 2;  // the second one only
+  DisplayCard::Connector beside = connector(kHdmi, 22, 10);
+  beside.crtc = 1;
   struct Case {
     std::vector<DisplayCard::Connector> connectors;
     int width;
@@ -130,6 +132,7 @@ TEST(Display, PrefersPanelsAndTheirPreferredMode) {
       {{no_preference}, 20},
       {{connector(kHdmi, 20, 10), connector(kHdmi, 22, 10)}, 20},
       {{no_crtc_yet}, 28},
+      {{connector(kDsi, 20, 10), beside}, 20},
   };
   for (size_t i = 0; i < cases.size(); ++i) {
     SCOPED_TRACE(i);
@@ -139,7 +142,18 @@ TEST(Display, PrefersPanelsAndTheirPreferredMode) {
     const Picture picture = p.device.picture();
     EXPECT_EQ(picture.width, cases[i].width);
     EXPECT_TRUE(all(picture, kWhite));
+    // Six at start-up and four now, all the panel's: the others stay as they are.
+    EXPECT_EQ(p.device.commits(), 10);
   }
+}
+
+TEST(Display, TakesTheCrtcThatDrivesThePanel) {
+  DisplayCard::Card made = card({connector(16, 20, 10)});
+  made.connectors[0].crtc = 1;
+  made.plane_crtcs = 2;  // the planes can be shown on that one alone
+  CardPhone p(made);
+  p.phone.start();  // the first open alone finds it driven
+  EXPECT_EQ(p.device.commits(), 6);
 }
 
 TEST(Display, SkipsCardsThatCannotShowAnything) {
@@ -179,6 +193,12 @@ TEST(Display, MessagesOfTheCommitStandOnItsSuccess) {
   EXPECT_EQ(times(p.phone.output(), "Atomic Commit failed in DisableNonMainCrtcs\n"), 1U);
   EXPECT_EQ(times(p.phone.output(), "Atomic Commit failed, rc = 0\n"), 1U);
   const int commits = p.device.commits();
+  p.phone.command("AT+REFUSE");  // nothing is committed
+  EXPECT_EQ(times(p.phone.output(),
+                  "Could not add prop_id = 506 for obj_id 400\n"
+                  "Failed to add property for plane_id=400\nFailed to tear down plane 400\n"),
+            1U);
+  EXPECT_EQ(p.device.commits(), commits);
   p.phone.command("AT+BLANK");  // twice in one command, committed once
   EXPECT_EQ(p.device.commits(), commits + 1);
   EXPECT_EQ(times(p.phone.output(), "Atomic Commit failed, rc = 0\n"), 2U);
