@@ -43,6 +43,16 @@ TEST(Memory, NoFailedAllocationOfACommandEndsTheDaemon) {
       fail_each(phone, allocations, command, for_good);
     }
   }
+  for (const char* line :
+       {"E [AT_SENSOR]malloc fail at step 1", "E [AT_SENSOR]malloc fail at step 2",
+        "I/[AT_SENSOR] get_encoded_suid_req: ERROR ENCODE (none)",
+        "I/[AT_SENSOR] send_qmi_req: Unable to allocate sns_client_resp_msg_v01",
+        "E [FTM-SEC]ftm_sec_get_pcb_version: failed to malloc read buffer for "
+        "/proc/norvaVersion/pcbVersion\\n",
+        "E [FTM-SEC]ftm_sec_get_secureboot_stage: failed to malloc read buffer for "
+        "/proc/norva_secure_common/secureType\\n"}) {
+    EXPECT_GE(times_logged(phone, line), 1U) << line;
+  }
 }
 
 TEST(Memory, WhatWasNotDoneIsNoSuccess) {

@@ -2,7 +2,9 @@
 
 #include "audio_route/audio_route.h"
 
+#include <expat.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -11,6 +13,21 @@
 #include "audio_route/mixer_paths.h"
 #include "tests/unit/fake_tinyalsa.h"
 #include "tests/unit/log_capture.h"
+
+static int arrays_left = INT_MAX;  // that can grow still
+static bool no_parser = false;
+
+// What the linker takes for the engine's (--wrap).
+extern "C" {
+void* __real_reallocarray(void* array, size_t count, size_t size);
+void* __wrap_reallocarray(void* array, size_t count, size_t size) {
+  return arrays_left-- < 1 ? nullptr : __real_reallocarray(array, count, size);
+}
+XML_Parser __real_XML_ParserCreate(const XML_Char* encoding);
+XML_Parser __wrap_XML_ParserCreate(const XML_Char* encoding) {
+  return no_parser ? nullptr : __real_XML_ParserCreate(encoding);
+}
+}
 
 using Lines = std::vector<LogCapture::Line>;
 using Writes = std::vector<std::string>;
@@ -288,6 +305,34 @@ TEST_F(AudioRoute, FailuresSayWhy) {
                    engine_error("Failed to open /system/etc/mixer_paths.xml" + missing),
                    engine_error("Unable to open the mixer, aborting."), unknown, unknown, unknown,
                    invalid, invalid, invalid, invalid}));
+}
+
+TEST_F(AudioRoute, WithoutMemoryAPathOrASettingIsLeftOut) {
+  const Lines no_path = {
+      engine_error("Unable to allocate more paths"),
+      engine_error("path created failed, please check the path if existed"),
+  };
+  const Lines no_setting = {engine_error("Unable to allocate more path settings")};
+  // A path grows two arrays, its first setting a third.
+  for (const int left : {0, 1, 2}) {
+    SCOPED_TRACE(left);
+    fake_card.controls[1].values = {5, 6, 7};
+    arrays_left = left;
+    const bool loaded = load(
+        "<mixer><path name='p'><ctl name='Switch' value='1'/></path>"
+        "<ctl name='Volume' value='9'/></mixer>");
+    arrays_left = INT_MAX;
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(log_.take(), left < 2 ? no_path : no_setting);
+    EXPECT_EQ(take_writes(), Writes{"Volume = 9 9 9"});  // the file is read on
+    EXPECT_EQ(audio_route_apply_and_update_path(route_.get(), "p"), left < 2 ? -1 : 0);
+    EXPECT_EQ(take_writes(), Writes{});
+    log_.take();
+  }
+  no_parser = true;
+  EXPECT_FALSE(load("<mixer/>"));
+  no_parser = false;
+  EXPECT_EQ(log_.take(), Lines{engine_error("Failed to create XML parser")});
 }
 
 // Also far more controls and paths than one growth step, defined out of their names' order.
