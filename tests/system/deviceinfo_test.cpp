@@ -1,5 +1,7 @@
 // A thousand serial numbers, and the records of the older layout.
 
+#include <sys/syscall.h>
+
 #include <filesystem>
 
 #include "handset/models/partitions.h"
@@ -28,7 +30,7 @@ static Replies pcba(const std::string& number) {
 
 TEST(Records, OfTheOlderLayoutCountFromThePartitionsEnd) {
   Handset phone({.daemon = FTM_RESERVE4_PROBE});
-  phone.start();
+  phone.start({.faults = true});
   std::filesystem::remove(phone.path(kItem));
   const std::string no_reserve4 = std::string("[FTM-DEVICEINFO]Unable to open ") + kReserve4 + "\n";
   expect_exchange(
@@ -42,6 +44,9 @@ TEST(Records, OfTheOlderLayoutCountFromThePartitionsEnd) {
   expect_exchange(phone, "AT+DOWNLOAD_STATUS", {" DOWNLOAD:start\n"});
   write_partition(phone.path(kReserve4), end - 512, "download over");
   expect_exchange(phone, "AT+DOWNLOAD_STATUS", {" DOWNLOAD:over\n"});
+  // What a short read leaves of the last text is cleared first, in this layout.
+  phone.shorten(kReserve4, SYS_read, 5, {.first = 1, .last = 1});
+  expect_exchange(phone, "AT+DOWNLOAD_STATUS", {" DOWNLOAD:start\n"});
   std::filesystem::resize_file(phone.path(kReserve4),
                                100);  // the records would lie before its start
   expect_exchange(phone, "AT+EGMR=0,5", pcba(""),

@@ -13,6 +13,7 @@
 #include "core/file_utils.h"
 #include "core/properties.h"
 #include "core/serial.h"
+#include "tests/unit/log_capture.h"
 
 class FileHelpers : public testing::Test {
  protected:
@@ -93,6 +94,21 @@ TEST(Replies, OfUpTo8191BytesPassWhole) {
   EXPECT_TRUE(received == longest + "UNDEFINED COMMAND\n") << received.size();
   close(ends[0]);
   close(ends[1]);
+}
+
+TEST(Replies, ThatAreNotWrittenCountAsZero) {
+  LogCapture log;
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  reply_set_port(full);
+  EXPECT_EQ(at_send_result(nullptr), 0);
+  EXPECT_EQ(log.take(), std::vector<LogCapture::Line>{});
+  EXPECT_EQ(at_send_result("text"), 0);
+  EXPECT_EQ(log.take(), (std::vector<LogCapture::Line>{
+                            debug_line("[FTM-AT]at_send_result : result is : text\n"),
+                            debug_line("[FTM-AT]at_send_result : serial_port_fd is : " +
+                                       std::to_string(full) + "\n")}));
+  reply_set_port(-1);
+  close(full);
 }
 
 TEST(Properties, GiveTheDefaultWhenUnset) {

@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "core/at.h"
 #include "core/reply.h"
+#include "core/serial.h"
 #include "tests/unit/log_capture.h"
 
 static bool no_memory = false;
@@ -81,6 +83,27 @@ TEST(Registry, RefusesLevelsWithoutAListAndAllWithoutMemory) {
   }
   expect_empty(at_init_list);
   expect_empty(at_exit_list);
+}
+
+static int shorter(const char*) {
+  order += 's';
+  return 0;
+}
+static int longer(const char*) {
+  order += 'l';
+  return 0;
+}
+
+TEST(Registry, TheFirstRowWhoseTextBeginsTheLineIsRun) {
+  LogCapture log;
+  AtCommand rows[] = {
+      {.short_name = "shorter", .command = "AT+SHOW", .handler = shorter},
+      {.short_name = "longer", .command = "AT+SHOWN", .handler = longer},
+  };
+  at_register_rows(rows);
+  at_parse("AT+SHOWN");
+  EXPECT_EQ(std::exchange(order, ""), "s");
+  at_command_table.next = at_command_table.prev = &at_command_table;
 }
 
 // Sends a text and keeps the result.

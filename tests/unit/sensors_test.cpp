@@ -37,6 +37,7 @@ struct FakeQmi {
   unsigned response_size = 32;  // 0: none comes
   unsigned waited_ms = 0;
   std::vector<int> released = {};  // handles: 1 notifier, 2 connection
+  std::string connecting = {};     // the calls that make a connection, in their order
   std::atomic<qmi_client_ind_cb> ind_cb = nullptr;
   std::mutex mutex = {};
   std::vector<Sent> sent = {};
@@ -58,11 +59,13 @@ qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type servi
                                                qmi_client_os_params*, qmi_client_type* notifier) {
   EXPECT_EQ(service, handle(3));
   *notifier = handle(1);
+  qmi->connecting += "notifier ";
   return qmi->notifier_error;
 }
 
 void qmi_cci_os_signal_wait(qmi_client_os_params* os_params, unsigned timeout_ms) {
   qmi->waited_ms = timeout_ms;
+  qmi->connecting += "wait ";
   os_params->timed_out = qmi->timed_out;
 }
 
@@ -73,12 +76,14 @@ qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type, unsi
   EXPECT_EQ(instance, 0U);
   EXPECT_EQ(timeout_ms, 200U);
   qmi->ind_cb = ind_cb;
+  qmi->connecting += "instance ";
   *client = qmi->init_error == 0 ? handle(2) : nullptr;
   return qmi->init_error;
 }
 
 qmi_client_error_type qmi_client_register_error_cb(qmi_client_type, qmi_client_error_cb cb, void*) {
   cb(handle(2), -77, nullptr);  // only logs
+  qmi->connecting += "error_cb ";
   return qmi->register_error;
 }
 
@@ -113,6 +118,7 @@ int32_t qmi_idl_message_decode(qmi_idl_service_object_type, qmi_idl_type_of_mess
 
 qmi_client_error_type qmi_client_release(qmi_client_type client) {
   qmi->released.push_back(static_cast<int>(reinterpret_cast<intptr_t>(client)));
+  qmi->connecting += "release ";
   return 0;
 }
 
@@ -228,7 +234,9 @@ TEST_F(SensorClient, SendsTheseBytes) {
   for (int type = 0; type < 16; ++type) {
     SCOPED_TRACE(type);
     const std::string flags = type == 9 || type == 10 ? "\x10\x01\x18\x00"s : "\x10\x01\x18\x01"s;
+    qmi_.connecting.clear();
     ASSERT_EQ(open_sensor(type), 0);
+    EXPECT_EQ(qmi_.connecting, "notifier wait release instance error_cb ");
     EXPECT_EQ(qmi_.waited_ms, 200U);
     EXPECT_TRUE(logged("error_msg_cb: -77"));
     EXPECT_EQ(request(),
