@@ -200,6 +200,10 @@ class Scripts(FolderTest):
         self.assertIn("the daemon did not come up", ended.stdout)
         self.assertIn("the daemon has ended; its log ends:", ended.stdout)
         self.assertNotIn("> .log", ended.stdout)
+        ended = run("--waits", "0", ".record pcba " + 32 * "P", "AT+EGMR=0,5", "AT^OPEN_GPS")
+        self.assertEqual(ended.returncode, 1)  # it ends within a line
+        self.assertIn("the daemon has ended; its log ends:", ended.stdout)
+        self.assertNotIn("> AT^OPEN_GPS", ended.stdout)
         ended = run("--daemon", "/bin/true", "AT^OPEN_GPS")
         self.assertEqual((ended.returncode, ended.stdout), (2, ""))
         self.assertIn("the daemon did not come up", ended.stderr)
