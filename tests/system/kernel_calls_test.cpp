@@ -1,6 +1,7 @@
 // What the daemon asks of the kernel where neither a reply nor the journal tells: the flags of
 // calls, and a child that cannot be waited for.
 
+#include <drm.h>
 #include <drm_mode.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -42,10 +43,16 @@ TEST(KernelCalls, AKeyKeepsThePhoneAwakeUntilItIsRead) {
   EXPECT_EQ(flags, Flags{EPOLLIN | EPOLLWAKEUP});
 }
 
-TEST(KernelCalls, EachCommitMaySetAMode) {
+TEST(KernelCalls, PlanesComeBeforeAtomicAndEachCommitMaySetAMode) {
   Handset phone;
+  std::vector<uint64_t> asked_for;
   std::vector<uint64_t> flags;
-  phone.intercept([&flags](const TrappedCall& call) {
+  phone.intercept([&](const TrappedCall& call) {
+    drm_set_client_cap capability = {};
+    if (call.number == SYS_ioctl && call.arguments[1] == DRM_IOCTL_SET_CLIENT_CAP &&
+        call.read(call.arguments[2], &capability, sizeof(capability))) {
+      asked_for.push_back(capability.capability);
+    }
     drm_mode_atomic request = {};
     if (call.number == SYS_ioctl && call.arguments[1] == DRM_IOCTL_MODE_ATOMIC &&
         call.read(call.arguments[2], &request, sizeof(request))) {
@@ -54,6 +61,8 @@ TEST(KernelCalls, EachCommitMaySetAMode) {
     return Answer::kernel();
   });
   phone.start();  // once on and off, with six commits
+  EXPECT_EQ(asked_for,
+            std::vector<uint64_t>({DRM_CLIENT_CAP_UNIVERSAL_PLANES, DRM_CLIENT_CAP_ATOMIC}));
   EXPECT_EQ(flags, std::vector<uint64_t>(6, DRM_MODE_ATOMIC_ALLOW_MODESET));
 }
 

@@ -71,6 +71,7 @@ TEST(Memory, WhatWasNotDoneIsNoSuccess) {
                           phone.write_file(kFile, before);
                         }),
               10);
+    EXPECT_GE(times_logged(phone, "D updateEngineerConfig failed: std::bad_alloc\\n"), 1U);
     EXPECT_GT(fail_each(phone, allocations, "AT^WITH_ARGS_QAC:OTHER", for_good,
                         [](const Replies& replies) {
                           EXPECT_TRUE(replies == Replies({"ERROR\n"}) ||

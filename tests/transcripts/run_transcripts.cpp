@@ -40,9 +40,11 @@ struct Played {
   std::vector<Journal::Entry> entries;
 };
 
-// How long a step may take to bring about all, and how long it is silent when it has.
+// How long a step may take to bring about all, how long it is silent when it has, and how long
+// threads that nothing waited for have behind a scenario's last step.
 constexpr std::chrono::milliseconds kPatience(20000 * FTM_PATIENCE);
 constexpr std::chrono::milliseconds kSilence(300 * FTM_PATIENCE);
+constexpr std::chrono::milliseconds kSettling(100 * FTM_PATIENCE);
 
 std::vector<std::string> lines_of(const std::string& text) {
   std::istringstream stream(text);
@@ -81,7 +83,9 @@ bool send(Handset* phone, const std::string& bytes, size_t* seen) {
 }
 
 // Does one step and gathers what it brings about, until that is what is expected or clearly is not.
-Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
+// What other threads do behind its last expected line is the next step's; the last step waits for
+// it.
+Played play(const Step& step, bool is_last, Handset* phone, bool record, size_t* seen) {
   Played played;
   std::ostringstream out;
   std::string sent;
@@ -107,10 +111,15 @@ Played play(const Step& step, Handset* phone, bool record, size_t* seen) {
          journal->wait_more(journal->size(), kSilence)) {
   }
   played.prints = lines_of(out.str());
-  for (;;) {
+  for (bool settled = !is_last;;) {
     const size_t size = journal->size();
     played.entries = fold(journal->since(*seen), sent);
     const Match found = match(step.entries, played.entries, handled);
+    if (found == Match::kComplete && !settled) {
+      settled = true;
+      journal->wait_more(size, kSettling);
+      continue;
+    }
     if (found == Match::kComplete) {
       *seen = size;
       played.matched = played.prints == step.prints;
@@ -346,7 +355,7 @@ Outcome replay(const std::string& file, const Scenario& scenario, bool record, T
     size_t seen = 0;
     bool is_exchange = true;  // until a reply belongs to no line of its own
     for (const Step& step : scenario.steps) {
-      const Played played = play(step, &phone, record, &seen);
+      const Played played = play(step, &step == &scenario.steps.back(), &phone, record, &seen);
       is_exchange = is_exchange && !played.waits;
       outcome.exchanges += is_exchange ? exchanged(step, played) : "";
       if (played.matched) {
