@@ -373,6 +373,10 @@ TEST_F(SensorClient, TakesValuesFromEvents) {
   };
   const std::string handled = "handle_event: /***** END *****/";
   const std::string sample = samples({1, 2, 3});
+  // What stands behind an event that fails is lost.
+  const auto failing = [&](uint32_t id, const std::string& payload) {
+    return message(1, 2, {{id, payload}, {1025, sample}});
+  };
   const std::string range = "\x1d\x00\x00\x80\x3f"s;
   const std::string config =
       "\x0d\x00\x00\x20\x41\x10\x01"s + range + range +
@@ -390,14 +394,15 @@ TEST_F(SensorClient, TakesValuesFromEvents) {
        "PROX EVENT, status 2, raw_adc -1"},
       {11, sensor(770, "\x08\x01\x10\x03"), {1, 3, -999}, "PROX EVENT, status 1, accurancy 3"},
       {0, sensor(768, config), kNothing, "config event, Sample rate: 10.000000"},
-      {0, sensor(768, range + range + range), kNothing,
+      {0, failing(768, range + range + range), kNothing,
        "decode_physical_config_event: ERROR array overflow"},
-      // What stands behind an event that fails is lost.
-      {0, message(1, 2, {{130, ""}, {1025, sample}}), kNothing, "decode_sensor_event: ERROR EVENT"},
+      {0, failing(130, ""), kNothing, "decode_sensor_event: ERROR EVENT"},
       {0, message(1, 2, {{513, "anything"}, {1025, sample}}), {1, 2, 3}, handled},
       // Each step names itself.
-      {0, sensor(128, "\x0a\x01\x08"), kNothing, "decode_attr_event: ERROR end-of-stream"},
-      {0, sensor(1025, "\x0d\x01"), kNothing, "decode_std_sensor_event: ERROR end-of-stream"},
+      {0, failing(128, "\x12"), kNothing, "decode_attr_event: ERROR end-of-stream"},
+      {0, failing(769, "\x08"), kNothing, "decode_proximity_event: ERROR end-of-stream"},
+      {0, failing(770, "\x08"), kNothing, "decode_hall_event: ERROR end-of-stream"},
+      {0, failing(1025, "\x0d\x01"), kNothing, "decode_std_sensor_event: ERROR end-of-stream"},
       {8, message(kLookup, kLookup, {{1, sized('\x0a', "sar") + "\x12\x01\x09"}}), kNothing,
        "decode_suid_event: ERROR end-of-stream"},
       // The two halves of the lookup's SUID must both match.
