@@ -253,7 +253,7 @@ TEST(Display, SaysWhatACardLacksAndLeavesNothingBehind) {
   };
   DisplayCard::Connector nowhere = connector(16, 20, 10);
   nowhere.crtc = -1;
-  nowhere.possible_crtcs = 4;                                   // one that the card does not have
+  nowhere.possible_crtcs = 1U << card({}).crtcs;  // the first that the card does not have
   DisplayCard::Card one_plane = card({connector(16, 20, 10)});  // two layer mixers
   one_plane.planes = {DisplayCard::PlaneType::kPrimary};
   struct Case {

@@ -1,5 +1,5 @@
-// What the daemon asks of the kernel where neither a reply nor the journal tells: the flags of
-// calls, and a child that cannot be waited for.
+// What the daemon asks of the kernel where neither a reply nor the journal tells: the flags and
+// the order of calls, and a child that cannot be waited for.
 
 #include <drm.h>
 #include <drm_mode.h>

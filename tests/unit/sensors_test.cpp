@@ -399,6 +399,7 @@ TEST_F(SensorClient, TakesValuesFromEvents) {
       {0, failing(130, ""), kNothing, "decode_sensor_event: ERROR EVENT"},
       {0, message(1, 2, {{513, "anything"}, {1025, sample}}), {1, 2, 3}, handled},
       // Each step names itself.
+      {0, sensor(128, "\x0a\x01\x08"), kNothing, "decode_attr_event: ERROR end-of-stream"},
       {0, failing(128, "\x12"), kNothing, "decode_attr_event: ERROR end-of-stream"},
       {0, failing(769, "\x08"), kNothing, "decode_proximity_event: ERROR end-of-stream"},
       {0, failing(770, "\x08"), kNothing, "decode_hall_event: ERROR end-of-stream"},
